@@ -1,0 +1,92 @@
+#include "app/args.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+void ArgParser::option(const char* name, std::string* value, bool* seen) {
+  specs_.push_back({name, value, seen, nullptr});
+}
+
+void ArgParser::flag(const char* name, bool* value) {
+  specs_.push_back({name, nullptr, nullptr, value});
+}
+
+const ArgParser::Spec* ArgParser::find(const std::string& name) const {
+  for (const Spec& spec : specs_) {
+    if (spec.name == name) return &spec;
+  }
+  return nullptr;
+}
+
+int ArgParser::parse(int argc, char** argv, std::vector<std::string>* positional,
+                     int minPositional, int maxPositional) {
+  bool optionsEnded = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (optionsEnded || arg.size() < 2 || arg[0] != '-' ||
+        (arg[1] != '-' && (arg[1] >= '0' && arg[1] <= '9'))) {
+      positional->push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      optionsEnded = true;
+      continue;
+    }
+    if (arg == "--help" || arg == "-h") {
+      fputs(command_.usage, stdout);
+      return kExitOk;
+    }
+    std::string name = arg;
+    std::string inlineValue;
+    bool hasInline = false;
+    size_t equals = arg.find('=');
+    if (arg.compare(0, 2, "--") == 0 && equals != std::string::npos) {
+      name = arg.substr(0, equals);
+      inlineValue = arg.substr(equals + 1);
+      hasInline = true;
+    }
+    const Spec* spec = find(name);
+    if (spec == nullptr) {
+      return usageError(command_, ("unknown option '" + name + "'").c_str());
+    }
+    if (spec->flag != nullptr) {
+      if (hasInline) return usageError(command_, ("option '" + name + "' takes no value").c_str());
+      *spec->flag = true;
+      continue;
+    }
+    if (!hasInline) {
+      if (i + 1 >= argc) return usageError(command_, ("option '" + name + "' needs a value").c_str());
+      inlineValue = argv[++i];
+    }
+    *spec->value = inlineValue;
+    if (spec->seen != nullptr) *spec->seen = true;
+  }
+  int count = static_cast<int>(positional->size());
+  if (count < minPositional) return usageError(command_, "missing argument");
+  if (maxPositional >= 0 && count > maxPositional) {
+    return usageError(command_, ("unexpected argument '" + (*positional)[maxPositional] + "'").c_str());
+  }
+  return -1;
+}
+
+bool parseInt(const std::string& text, long low, long high, long* out) {
+  if (text.empty()) return false;
+  errno = 0;
+  char* end = nullptr;
+  long value = strtol(text.c_str(), &end, 10);
+  if (errno != 0 || *end != '\0' || value < low || value > high) return false;
+  *out = value;
+  return true;
+}
+
+bool parseDouble(const std::string& text, double* out) {
+  if (text.empty()) return false;
+  errno = 0;
+  char* end = nullptr;
+  double value = strtod(text.c_str(), &end);
+  if (errno != 0 || *end != '\0' || !std::isfinite(value)) return false;
+  *out = value;
+  return true;
+}

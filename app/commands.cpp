@@ -1,0 +1,98 @@
+#include <cstdio>
+#include <cstring>
+
+#include "app/command.h"
+
+namespace {
+
+const char kVersion[] = "tona " TONA_VERSION "\n";
+
+int runHelp(int argc, char** argv);
+
+}  // namespace
+
+const Command kCommands[] = {
+    {"help", "show the help of a command",
+     "usage: tona help [COMMAND]\n"
+     "\n"
+     "Shows what COMMAND does and its options, or lists the commands.\n",
+     runHelp},
+    {nullptr, nullptr, nullptr, nullptr},
+};
+
+namespace {
+
+void printUsage(FILE* out) {
+  fputs("usage: tona [--help] [--version] COMMAND [ARGS...]\n"
+        "\n"
+        "TONA renders singing from a project of notes and a voice bank.\n"
+        "\n"
+        "Commands:\n",
+        out);
+  for (const Command* command = kCommands; command->name != nullptr; ++command) {
+    fprintf(out, "  %-12s %s\n", command->name, command->summary);
+  }
+  fputs("\nRun 'tona help COMMAND' for the options of one command.\n", out);
+}
+
+int runHelp(int argc, char** argv) {
+  if (argc < 2) {
+    printUsage(stdout);
+    return kExitOk;
+  }
+  if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
+    fputs(kCommands[0].usage, stdout);
+    return kExitOk;
+  }
+  const Command* command = findCommand(argv[1]);
+  if (command == nullptr || argc > 2) {
+    fprintf(stderr, "tona: unknown command '%s'\n", argv[1]);
+    printUsage(stderr);
+    return kExitUsage;
+  }
+  fputs(command->usage, stdout);
+  return kExitOk;
+}
+
+}  // namespace
+
+const Command* findCommand(const char* name) {
+  for (const Command* command = kCommands; command->name != nullptr; ++command) {
+    if (strcmp(command->name, name) == 0) return command;
+  }
+  return nullptr;
+}
+
+int usageError(const Command& command, const char* message) {
+  fprintf(stderr, "tona %s: %s\n", command.name, message);
+  fputs(command.usage, stderr);
+  return kExitUsage;
+}
+
+int tonaMain(int argc, char** argv) {
+  if (argc < 2) {
+    fputs("tona: no command given\n", stderr);
+    printUsage(stderr);
+    return kExitUsage;
+  }
+  const char* first = argv[1];
+  if (strcmp(first, "--help") == 0 || strcmp(first, "-h") == 0) {
+    printUsage(stdout);
+    return kExitOk;
+  }
+  if (strcmp(first, "--version") == 0) {
+    fputs(kVersion, stdout);
+    return kExitOk;
+  }
+  const Command* command = findCommand(first);
+  if (command == nullptr) {
+    if (first[0] == '-') {
+      fprintf(stderr, "tona: unknown option '%s'\n", first);
+    } else {
+      fprintf(stderr, "tona: unknown command '%s'\n", first);
+    }
+    printUsage(stderr);
+    return kExitUsage;
+  }
+  return command->run(argc - 1, argv + 1);
+}
