@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cctype>
 #include <string>
 
 #include "tests/testutil.h"
@@ -31,7 +31,26 @@ class Logger : public ::testing::Test {
   TempDir dir_;
 };
 
-const char kStamp[] = R"(\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2} )";
+// Removes the "YYYY/MM/DD hh:mm:ss " stamp from the start of every line and
+// puts "@ " in its place; a line without it is kept as it is.
+std::string markStamps(const std::string& text) {
+  const char shape[] = "dddd/dd/dd dd:dd:dd ";
+  const size_t width = sizeof shape - 1;
+  std::string out;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find('\n', pos);
+    end = end == std::string::npos ? text.size() : end + 1;
+    std::string line = text.substr(pos, end - pos);
+    bool stamped = line.size() >= width;
+    for (size_t i = 0; stamped && i < width; ++i) {
+      stamped = shape[i] == 'd' ? isdigit(static_cast<unsigned char>(line[i])) != 0 : line[i] == shape[i];
+    }
+    out += stamped ? "@ " + line.substr(width) : line;
+    pos = end;
+  }
+  return out;
+}
 
 }  // namespace
 
@@ -53,7 +72,7 @@ TEST_F(Logger, DefaultsToStderrAtThresholdThree) {
   std::string err = testing::internal::GetCapturedStderr();
   EXPECT_EQ(f_log, stderr);
   EXPECT_EQ(errorlevel, 3);
-  EXPECT_TRUE(std::regex_match(err, std::regex(std::string(kStamp) + R"(\[NOTE\] Done\.\n)"))) << err;
+  EXPECT_EQ(markStamps(err), "@ [NOTE] Done.\n");
 }
 
 TEST_F(Logger, PrefixCarriesTimeAndTagForLevelsOneToFour) {
@@ -63,13 +82,12 @@ TEST_F(Logger, PrefixCarriesTimeAndTagForLevelsOneToFour) {
     log_printf(5, "velocity=%lf\n", 100.0);
     log_printf(6, "too detailed\n");
   });
-  std::string stamp = kStamp;
-  std::regex expected(stamp + R"(\[INFO\] logging level:5\n)" +      //
-                      stamp + R"(\[INFO\] logging to '.*log\.txt'\n)" +  //
-                      stamp + R"(\[ERR\] Not enough memories\(render\)\n)" +  //
-                      stamp + R"(\[WAR\] No voice data\n)" +               //
-                      stamp + R"(velocity=100\.000000\n)");
-  EXPECT_TRUE(std::regex_match(text, expected)) << text;
+  EXPECT_EQ(markStamps(text),
+            "@ [INFO] logging level:5\n"
+            "@ [INFO] logging to '" + dir_.file("log.txt") + "'\n"
+            "@ [ERR] Not enough memories(render)\n"
+            "@ [WAR] No voice data\n"
+            "@ velocity=100.000000\n");
 }
 
 TEST_F(Logger, ThresholdSixWritesEverythingBare) {
