@@ -1,0 +1,168 @@
+// ctonm2: the engine, the in-memory project.
+//
+// It holds the project settings, the project tempo and one contiguous
+// array of NoteData in song order. A note's start is never stored: it is
+// the running sum of Delta over the array. Time is counted in ticks of 480
+// per quarter note; one tick lasts 125 / tempo msec.
+//
+// No lock: the editor thread owns the engine, and render threads read the
+// notes while a render runs, so the list must not change during a render.
+// Out-of-range indices never fault: getters return null, setters do
+// nothing, insert_note clamps, delete_note returns -1.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+
+#include "engine/notedata.h"
+
+class cvoiceset;
+
+class ctonm2 {
+ public:
+  static constexpr int kVoiceDirSize = 1024;
+  static constexpr int kVoiceDirCapacity = 511;  // what set_voiceDir keeps
+  static constexpr int kProjectNameSize = 256;
+  static constexpr int kPathSize = 1024;
+  static constexpr int kOutfileCapacity = 512;
+  static constexpr int kCachedirCapacity = 512;
+  static constexpr int kFlagsSize = 256;
+  static constexpr int kCharsetSize = 128;
+  static constexpr int kLayerCount = 16;
+  // The pitch grid: one value per 256 samples at 44100 Hz.
+  static constexpr double kPitchStepMs = 5.804988861083984;
+
+  ctonm2();
+  ~ctonm2();
+  ctonm2(const ctonm2&) = delete;
+  ctonm2& operator=(const ctonm2&) = delete;
+
+  // --- Note list -----------------------------------------------------------
+  // The record stays the engine's and is invalid after an insertion or
+  // deletion (the array may move).
+  NoteData* get_note(int32_t i);
+  // Copies rec over slot i; the slot's old heap arrays are not released
+  // (the caller has cleared them or handed them on).
+  void set_note(int32_t i, const NoteData* rec);
+  // Inserts a copy of rec at i (clamped to 0..noteCount), taking over its
+  // heap arrays. Returns the slot, or -1 for a null rec or no memory.
+  int32_t insert_note(int32_t i, const NoteData* rec);
+  // Clears and removes note i. Returns i, or -1 when out of range.
+  int32_t delete_note(int32_t i);
+  void clear_note(int32_t i);
+  // Frees the record's heap arrays (not VoiceFile) and zero-fills it.
+  static void note_clear(NoteData* rec);
+  // Frees every note's rendered pitch curve.
+  void free_pitch();
+
+  char* get_lyric(int32_t i);
+  char* get_flags(int32_t i);
+  void set_lyric(const char* text, int32_t i);
+  void set_flags(const char* text, int32_t i);
+
+  // A rest: null, empty, or exactly "R".
+  static bool is_r(const char* text);
+  bool is_r(int32_t i);
+  // The last positive Tempo at or before note i, else the project tempo.
+  float get_tempo(int32_t i);
+  bool isUseLayer();
+  // The nearest earlier / later note that is not a rest and whose layer is
+  // `layer` (any layer for -1); -1 when there is none.
+  int32_t getprenote(int32_t index, int32_t layer);
+  int32_t getnextnote(int32_t index, int32_t layer);
+
+  // Reads the voice set of voiceDir when one is attached; else 0.
+  int32_t read_voiceset();
+  // Debug dump of one record.
+  static void printNoteData(FILE* stream, const NoteData* rec);
+
+  // --- Settings ------------------------------------------------------------
+  void set_projectName(const char* text);
+  // Keeps the path and, while projectName is empty, names the project after
+  // the path's last component.
+  void set_projectPath(const char* text);
+  // Keeps at most 511 bytes and ends a non-empty folder with "/".
+  void set_voiceDir(const char* text);
+  void set_outfile(const char* text);
+  void set_cachedir(const char* text);
+  void set_flags(const char* text);
+  void set_charset(const char* text);
+  void set_audioTrack(const char* text);
+  // Empties the project (texts, notes); keeps the buffers and the tempo.
+  void free_snt();
+
+  // --- Time ----------------------------------------------------------------
+  // Absolute tick position to msec, across every tempo change (a negative
+  // Tempo counts too).
+  float ticks2msec(int32_t ticks);
+  // Msec to absolute tick position, truncated toward zero.
+  int32_t msec2ticks(double msec);
+  // A tick offset from the start of note `note` to msec, at the tempo in
+  // effect at that note throughout (later changes are not applied), in
+  // single precision.
+  float ticks2msec(int32_t ticks, int32_t note);
+  // A msec offset from the start of note `note` to ticks; follows tempo
+  // changes in both directions; single precision.
+  int32_t msec2ticks(float msec, int32_t note);
+
+  // --- Curves --------------------------------------------------------------
+  // Builds _pitch/_pitchlen and Exprs/ExprsCount of every sounding note;
+  // needs _pos, _preuttr, _stp and _truelen from the note preparation.
+  void makePitchMode2();
+  // Adds one note's mode-2 pitch line over [0, end] msec of the grid into
+  // buffer (allocated or grown as needed; *length is its value count).
+  // Mode 0 draws the line from the previous note's pitch to 0, mode 1 from
+  // 0 to the note's pitch relative to prevNote.
+  float* genPitch(int mode, double start, double end, const NoteData* prevNote, const NoteData* note,
+                  float* buffer, int32_t* length);
+  // Adds one note's vibrato into buffer and its effect on expression into
+  // *exprs (*exprsCount values, grown alongside).
+  float* genVibrato(double start, double end, const NoteData* note, float* buffer, int32_t* length,
+                    int16_t** exprs, int32_t* exprsCount);
+  // The envelope's level at time t msec of a note lasting len msec, as a
+  // factor (percent x 0.01).
+  static double get_envelope_value(double t, const float* env, double len);
+  // Clamps negative slots to 0 and scales the durations to fit len - 1.
+  static void correctEnvelope(float* env, double len);
+  // Spreads the inner points evenly over the note.
+  static void equalSpaceEnv(float* env, double len);
+  static void default_env(float* env);
+
+  // --- Project ------------------------------------------------------------
+  NoteData* notes = nullptr;
+  int32_t noteCount = 0;
+  float tempo = 120.0f;
+  char* voiceDir;      // kVoiceDirSize bytes, ends in "/" when non-empty
+  char* projectName;   // kProjectNameSize bytes
+  char* projectPath;   // kPathSize bytes
+  char* cachedir;      // kPathSize bytes
+  char* outfile;       // kPathSize bytes
+  int16_t mode2 = 1;
+  char* flags;         // kFlagsSize bytes, project-wide resampler flags
+  char* charset;       // kCharsetSize bytes
+  int32_t sntVersion = 200;  // format version x 100
+
+  // --- Render state --------------------------------------------------------
+  // 0 idle, 1 rendering, 2 stop requested. Only render_stop writes 2; the
+  // driver writes 1 and 0.
+  std::atomic<int32_t> renderState{0};
+  double leadTime = 0.0;     // msec, the first note's Delta
+  double totalLength = 0.0;  // msec, the last note's end
+  double* prevBuffer = nullptr;  // previous note's rendered samples (owned)
+  double prevLengthMs = 0.0;
+  int32_t prevCount = 0;
+  int32_t optimizeRounds = 0;  // overlap-optimisation rounds, 0 = one check
+  int32_t currentLayer = -1;   // the layer rendered alone; -1 = all
+  int16_t layerEnabled[kLayerCount];
+  // Tuning of the early playback start: the projected remaining render
+  // time is scaled by the first and offset by the second (msec).
+  double earlyStartScale = 1.0;
+  double earlyStartOffset = 0.0;
+  pthread_mutex_t mixMutex;
+
+  char* audioTrack = nullptr;     // owned
+  cvoiceset* voiceset = nullptr;  // not owned
+};
