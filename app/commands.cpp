@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "app/command.h"
+#include "app/subcommands.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ const Command kCommands[] = {
      "\n"
      "Shows what COMMAND does and its options, or lists the commands.\n",
      runHelp},
+    {"voicebank", "show a voice bank, or the entry a lyric sings", kVoicebankUsage, runVoicebank},
     {nullptr, nullptr, nullptr, nullptr},
 };
 

@@ -112,6 +112,18 @@ char* CMultiByte::wcharToSjis(const wchar* text) {
   return toBytes(reinterpret_cast<const char*>(text), 2 * units, 2 * units, "UCS-2LE", "SJIS", true);
 }
 
+const char* CMultiByte::sjisToUtf8OrSame(const char* text) {
+  if (text == nullptr) return nullptr;
+  size_t n = strlen(text);
+  if (n == 0) return text;
+  void* buffer = bytes_;
+  if (!grow(&buffer, &bytesSize_, 2 * n + 1)) return text;
+  bytes_ = static_cast<char*>(buffer);
+  size_t written = 0;
+  if (convert(text, n, bytes_, 2 * n, "SJIS", "UTF8", &written) != 0) return text;
+  return bytes_;
+}
+
 CMultiByte::wchar* CMultiByte::utf8ToWchar(const char* text) {
   if (text == nullptr) return nullptr;
   size_t n = strlen(text);

@@ -32,6 +32,11 @@ class CMultiByte {
   wchar* utf8ToWchar(const char* text);
   wchar* sjisToWchar(const char* text);
 
+  // The UTF-8 form of a Shift_JIS text when all of it converts; otherwise
+  // `text` itself, unchanged (a text that cannot be converted is kept as
+  // it is). Null for null.
+  const char* sjisToUtf8OrSame(const char* text);
+
   // Converts in[0..inLength) from `from` to `to` (iconv names) into out,
   // at most outCapacity bytes, then writes one zero byte where the output
   // stopped (out must have room for it). Returns the input bytes left

@@ -42,6 +42,14 @@ TEST(MultiByte, AnInvalidByteEndsTheText) {
   EXPECT_EQ(CMultiByte::convert(kKanaSjis, 4, out, sizeof out - 1, "SJIS", "UTF8"), 0u);
 }
 
+TEST(MultiByte, WholeConversionOrTheTextAsItIs) {
+  CMultiByte cm;
+  EXPECT_STREQ(cm.sjisToUtf8OrSame(kKanaSjis), kKanaUtf8);
+  const char broken[] = "\x82\xa9\xff";
+  EXPECT_EQ(cm.sjisToUtf8OrSame(broken), broken);
+  EXPECT_EQ(cm.sjisToUtf8OrSame(nullptr), nullptr);
+}
+
 TEST(MultiByte, ResultsOfOneKindShareABuffer) {
   CMultiByte cm;
   const char* first = cm.sjisToUtf8(kKanaSjis);

@@ -1,0 +1,5 @@
+// Entry points of the subcommands, registered in commands.cpp.
+#pragma once
+
+int runVoicebank(int argc, char** argv);
+extern const char kVoicebankUsage[];
