@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "support/textcopy.h"
+#include "voicebank/voiceset.h"
 
 namespace {
 
@@ -178,9 +179,7 @@ int32_t ctonm2::getnextnote(int32_t index, int32_t layer) {
 }
 
 int32_t ctonm2::read_voiceset() {
-  // The voice set reads voiceDir once it can be attached; until then there
-  // is nothing to read.
-  return 0;
+  return voiceset != nullptr ? voiceset->read_voiceset(voiceDir) : 0;
 }
 
 void ctonm2::printNoteData(FILE* stream, const NoteData* rec) {

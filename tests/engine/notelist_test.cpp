@@ -5,6 +5,8 @@
 
 #include "engine/ctonm2.h"
 #include "tests/engine/notes.h"
+#include "tests/testutil.h"
+#include "voicebank/voiceset.h"
 
 namespace {
 std::string lyrics(ctonm2& engine) {
@@ -143,6 +145,18 @@ TEST(EngineSettings, CapacitiesAndDerivedValues) {
   EXPECT_STREQ(engine.voiceDir, "");
   EXPECT_STREQ(engine.projectName, "");
   EXPECT_FLOAT_EQ(engine.tempo, 90.0f);
+}
+
+TEST(EngineSettings, ReadsTheAttachedVoiceSetFromVoiceDir) {
+  ctonm2 engine;
+  EXPECT_EQ(engine.read_voiceset(), 0);  // nothing attached
+  TempDir bank;
+  writeFile(bank.file("oto.ini"), "ka.wav=ka,1,2,3,4,5\n");
+  cvoiceset voiceset;
+  engine.voiceset = &voiceset;
+  engine.set_voiceDir(bank.path().c_str());
+  EXPECT_GT(engine.read_voiceset(), 0);
+  EXPECT_EQ(voiceset.count(), 1);
 }
 
 TEST(EngineDump, PrintsEveryFieldInOrder) {
