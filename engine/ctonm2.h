@@ -108,6 +108,14 @@ class ctonm2 {
   // changes in both directions; single precision.
   int32_t msec2ticks(float msec, int32_t note);
 
+  // --- Project file ----------------------------------------------------------
+  // Parses a SNT project into an emptied engine (free_snt first): settings
+  // and notes, no character conversion. The "TimeSignatures=" value goes to
+  // tsBuffer (bounded by tsSize). Tempo changes end up on zero-length rest
+  // records. Returns the number of note sections, or -1 when the file
+  // cannot be opened (the settings are reset all the same).
+  int32_t read_snt(const char* path, char* tsBuffer, int32_t tsSize);
+
   // --- Curves --------------------------------------------------------------
   // Builds _pitch/_pitchlen and Exprs/ExprsCount of every sounding note;
   // needs _pos, _preuttr, _stp and _truelen from the note preparation.

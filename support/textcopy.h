@@ -10,3 +10,7 @@ char* strcpy_n(char* dst, const char* src, int capacity);
 // When dst already fills `capacity` bytes (no terminator among them) it is
 // left unchanged. Returns dst.
 char* strcat_n(char* dst, const char* src, int capacity);
+
+// strcpy_n for UTF-8 text: when the text must be cut, the cut falls on a
+// character boundary (never inside a multi-byte sequence). Returns dst.
+char* strcpy_utf8_n(char* dst, const char* src, int capacity);

@@ -62,3 +62,14 @@ TEST(BoundedAppend, LeavesAnUnterminatedFieldAlone) {
   strcat_n(field, "x", 4);
   EXPECT_EQ(0, memcmp(field, "abcd", 4));
 }
+
+TEST(BoundedCopy, Utf8CutFallsOnACharacterBoundary) {
+  const char* kana = "\xe3\x81\x8b\xe3\x81\x95";  // two three-byte characters
+  char field[8];
+  strcpy_utf8_n(field, kana, 6);  // room for 5 bytes: one character fits
+  EXPECT_STREQ(field, "\xe3\x81\x8b");
+  strcpy_utf8_n(field, kana, 7);  // exactly room for both
+  EXPECT_STREQ(field, kana);
+  strcpy_utf8_n(field, "abc", 3);
+  EXPECT_STREQ(field, "ab");
+}
