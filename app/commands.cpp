@@ -18,6 +18,8 @@ const Command kCommands[] = {
      "\n"
      "Shows what COMMAND does and its options, or lists the commands.\n",
      runHelp},
+    {"info", "show a project's settings and notes", kInfoUsage, runInfo},
+    {"convert", "write a project in the 1.2 or 2.0 form", kConvertUsage, runConvert},
     {"voicebank", "show a voice bank, or the entry a lyric sings", kVoicebankUsage, runVoicebank},
     {nullptr, nullptr, nullptr, nullptr},
 };

@@ -3,3 +3,8 @@
 
 int runVoicebank(int argc, char** argv);
 extern const char kVoicebankUsage[];
+
+int runInfo(int argc, char** argv);
+extern const char kInfoUsage[];
+int runConvert(int argc, char** argv);
+extern const char kConvertUsage[];

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -30,14 +31,27 @@ const char* valueOf(const char* line, const char* key) {
   return strncmp(line, key, n) == 0 ? line + n : nullptr;
 }
 
+// "%d": leading blanks, a sign and digits; a text that does not start as
+// a number leaves the field. Values past the int32 range are clamped.
 void readInt(const char* text, int32_t* field) {
-  int value = 0;
-  if (sscanf(text, "%d", &value) == 1) *field = value;
+  char* end = nullptr;
+  const long value = strtol(text, &end, 10);
+  if (end == text) return;
+  if (value > INT32_MAX) {
+    *field = INT32_MAX;
+  } else if (value < INT32_MIN) {
+    *field = INT32_MIN;
+  } else {
+    *field = static_cast<int32_t>(value);
+  }
 }
 
+// "%f", as strtof reads it; a text that does not start as a number leaves
+// the field.
 void readFloat(const char* text, float* field) {
-  float value = 0.0f;
-  if (sscanf(text, "%f", &value) == 1) *field = value;
+  char* end = nullptr;
+  const float value = strtof(text, &end);
+  if (end != text) *field = value;
 }
 
 // Cuts a list value into pieces: the first separator is whichever of ";"
@@ -104,8 +118,9 @@ void parseVibrato(const char* value, int16_t* vbr) {
   int slot = 0;
   forEachToken(value, [&](const std::string& token) {
     if (slot >= 10) return;
-    int number = 0;
-    if (sscanf(token.c_str(), "%d", &number) == 1) vbr[slot] = static_cast<int16_t>(number);
+    int32_t number = vbr[slot];
+    readInt(token.c_str(), &number);
+    vbr[slot] = static_cast<int16_t>(number);
     ++slot;
   });
 }
@@ -189,11 +204,9 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
   int32_t version = 100;
   NoteData* note = nullptr;
   char line[kLineSize];
-  long before = ftell(file);
+  // fgets either consumes at least one byte or reports the end (or a read
+  // failure), so the loop always advances.
   while (fgets(line, sizeof line, file) != nullptr) {
-    const long after = ftell(file);
-    if (after >= 0 && after <= before) break;
-    before = after;
     char* lf = strchr(line, '\n');
     if (lf != nullptr) *lf = '\0';
     char* cr = strchr(line, '\r');

@@ -55,5 +55,7 @@ struct RunResult {
   std::string out;
   std::string err;
 };
-// Runs the tona binary with the given arguments (no shell involved).
-RunResult runTona(const std::vector<std::string>& args);
+// Runs the tona binary with the given arguments (no shell involved). A
+// positive fileSizeLimit caps the size of files it writes (writes past it
+// fail), to test what happens on a full disk.
+RunResult runTona(const std::vector<std::string>& args, long fileSizeLimit = 0);
