@@ -1,0 +1,234 @@
+#include "render/wavefile.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "support/byteorder.h"
+#include "support/log.h"
+
+namespace {
+
+uint32_t fourcc(const char* id) {
+  uint32_t word;
+  memcpy(&word, id, 4);
+  return word;
+}
+
+const uint32_t kRiff = fourcc("RIFF");
+const uint32_t kWave = fourcc("WAVE");
+const uint32_t kFmt = fourcc("fmt ");
+const uint32_t kData = fourcc("data");
+const uint32_t kForm = fourcc("FORM");
+const uint32_t kAiff = fourcc("AIFF");
+const uint32_t kComm = fourcc("COMM");
+const uint32_t kSsnd = fourcc("SSND");
+
+// An open file and what is left of it, so that no size read from it is
+// trusted beyond its end.
+class Reader {
+ public:
+  explicit Reader(FILE* file) : file_(file) {
+    struct stat info;
+    size_ = fstat(fileno(file), &info) == 0 ? static_cast<long long>(info.st_size) : 0;
+  }
+  ~Reader() { fclose(file_); }
+  FILE* file() const { return file_; }
+  long long remaining() const {
+    const long position = ftell(file_);
+    return position < 0 ? 0 : size_ - position;
+  }
+  bool read(void* data, size_t size, bool swap) { return freade(data, size, 1, file_, swap) == 1; }
+  bool readId(uint32_t* id) { return fread(id, 4, 1, file_) == 1; }
+  // Skips n bytes; false when that passes the end of the file.
+  bool skip(long long n) {
+    if (n < 0 || n > remaining()) {
+      fseek(file_, 0, SEEK_END);
+      return false;
+    }
+    return fseek(file_, static_cast<long>(n), SEEK_CUR) == 0;
+  }
+
+ private:
+  FILE* file_;
+  long long size_;
+};
+
+}  // namespace
+
+int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int32_t* dataBytes) {
+  if (path == nullptr || format == nullptr) return nullptr;
+  FILE* file = fopen(path, "rb");
+  if (file == nullptr) return nullptr;
+  Reader in(file);
+  uint32_t riff = 0, riffSize = 0, wave = 0;
+  if (!in.readId(&riff) || riff != kRiff) {
+    log_printf(1, "file format error.\n");
+    return nullptr;
+  }
+  if (!in.read(&riffSize, 4, false) || !in.readId(&wave) || wave != kWave) {
+    log_printf(1, "file format error(2).\n");
+    return nullptr;
+  }
+  format->sampleRate = 0;
+  for (;;) {
+    uint32_t id = 0;
+    if (!in.readId(&id)) return nullptr;  // the end came before any data chunk
+    if (id == kFmt) {
+      uint32_t size = 0;
+      if (!in.read(&size, 4, false) || !in.read(&format->formatTag, 2, false) ||
+          !in.read(&format->channels, 2, false) || !in.read(&format->sampleRate, 4, false) ||
+          !in.read(&format->byteRate, 4, false) || !in.read(&format->blockAlign, 2, false) ||
+          !in.read(&format->bitsPerSample, 2, false)) {
+        return nullptr;
+      }
+      format->chunkId = id;
+      format->chunkSize = size;
+      if (size > 16 && !in.skip(static_cast<long long>(size) - 16)) return nullptr;
+    } else if (id == kData) {
+      uint32_t size = 0;
+      if (!in.read(&size, 4, false)) return nullptr;
+      // A data chunk that claims more than the file holds is damage.
+      if (static_cast<long long>(size) > in.remaining()) return nullptr;
+      const size_t bytes = static_cast<size_t>(format->blockAlign) * static_cast<size_t>(padding > 0 ? padding : 0) +
+                           size;
+      int16_t* samples = static_cast<int16_t*>(malloc(bytes > 0 ? bytes : 1));
+      if (samples == nullptr) return nullptr;
+      if (fread(samples, 2, size / 2, in.file()) != size / 2) {
+        free(samples);
+        return nullptr;
+      }
+      if (dataBytes != nullptr) *dataBytes = static_cast<int32_t>(size);
+      return samples;
+    } else {
+      uint32_t size = 0;
+      if (!in.read(&size, 4, false)) return nullptr;
+      if (!in.skip(size)) return nullptr;
+    }
+  }
+}
+
+uint32_t getSampleRate(const uint8_t* extended, bool swapped) {
+  uint8_t bytes[10];
+  memcpy(bytes, extended, 10);
+  if (swapped) brevert(bytes, 10);  // back into file order
+  const uint32_t exponent = ((static_cast<uint32_t>(bytes[0]) << 8) | bytes[1]) & 0x7FFF;
+  const uint32_t mantissa = (static_cast<uint32_t>(bytes[2]) << 24) | (static_cast<uint32_t>(bytes[3]) << 16) |
+                            (static_cast<uint32_t>(bytes[4]) << 8) | bytes[5];
+  return mantissa >> ((16414u - exponent) & 31u);
+}
+
+int16_t* loadAiffFile(const char* path, WaveFormat* format, int32_t padding, int32_t* dataBytes) {
+  if (path == nullptr || format == nullptr) return nullptr;
+  FILE* file = fopen(path, "rb");
+  if (file == nullptr) {
+    log_printf(1, "ファイルが開けません\n");
+    return nullptr;
+  }
+  Reader in(file);
+  int16_t channels = 1, sampleSize = 16;
+  uint32_t frames = 0, sampleRate = 44100;
+  uint32_t id = 0, size = 0;
+  if (!in.readId(&id) || id != kForm) {
+    log_printf(1, "最初のchunkはFROMでなければなりません %x \n", id);
+    return nullptr;
+  }
+  uint32_t type = 0;
+  if (!in.read(&size, 4, true) || !in.readId(&type) || type != kAiff) {
+    log_printf(1, "AIFFファイルではありません %x \n", type);
+    return nullptr;
+  }
+  if (padding < 0) padding = 0;
+  int16_t* samples = nullptr;
+  uint32_t soundSize = 0;
+  while (samples == nullptr && in.readId(&id) && in.read(&size, 4, true)) {
+    if (id == kComm) {
+      uint8_t extended[10];
+      if (size < 18 || !in.read(&channels, 2, true) || !in.read(&frames, 4, true) ||
+          !in.read(&sampleSize, 2, true) || fread(extended, 10, 1, in.file()) != 1 || !in.skip(size - 18)) {
+        return nullptr;
+      }
+      sampleRate = getSampleRate(extended, false);
+    } else if (id == kSsnd) {
+      uint32_t offset = 0;
+      if (!in.read(&offset, 4, true)) return nullptr;
+      // The block-size field is read as the first frame's data, and the last
+      // four bytes of sound data stay unread: analysis tables made from AIFF
+      // samples depend on this alignment.
+      const long long words = static_cast<long long>(channels < 1 ? 1 : channels) * frames;
+      if (channels < 1 || words * 2 > in.remaining()) return nullptr;
+      const size_t total = static_cast<size_t>(words + padding);
+      samples = static_cast<int16_t*>(calloc(total > 0 ? total : 1, sizeof(int16_t)));
+      if (samples == nullptr) return nullptr;
+      const long read = freade(samples, 2, static_cast<size_t>(words), in.file(), true);
+      (void)read;  // the last word or two meet the end of the chunk: they stay 0
+      soundSize = size;
+    } else if (!in.skip(size)) {
+      break;
+    }
+  }
+  if (sampleSize != 16) {
+    log_printf(1, "16ビットフォーマットではありません\n");
+    free(samples);
+    return nullptr;
+  }
+  if (samples == nullptr) return nullptr;
+  if (dataBytes != nullptr) *dataBytes = soundSize >= 8 ? static_cast<int32_t>(soundSize - 8) : 0;
+  format->chunkId = kFmt;
+  format->chunkSize = 16;
+  format->formatTag = 1;
+  format->channels = channels;
+  format->sampleRate = sampleRate;
+  format->blockAlign = 2;
+  format->byteRate = sampleRate * 2;
+  format->bitsPerSample = static_cast<uint16_t>(sampleSize * channels);
+  return samples;
+}
+
+int32_t saveWaveFile(const char* path, const int16_t* samples, int32_t dataBytes, int32_t bitsPerSample,
+                     int32_t channels, int32_t sampleRate) {
+  FILE* file = fopen(path, "wb");
+  if (file == nullptr) return -1;
+  const uint16_t blockAlign = static_cast<uint16_t>(channels * bitsPerSample / 8);
+  const uint32_t riffSize = static_cast<uint32_t>(dataBytes) + 36;
+  const uint32_t fmtSize = 16;
+  const uint16_t pcm = 1;
+  const uint16_t channelCount = static_cast<uint16_t>(channels);
+  const uint32_t rate = static_cast<uint32_t>(sampleRate);
+  const uint32_t byteRate = rate * blockAlign;
+  const uint16_t bits = static_cast<uint16_t>(bitsPerSample);
+  const uint32_t size = static_cast<uint32_t>(dataBytes);
+  fwrite("RIFF", 4, 1, file);
+  fwritee(&riffSize, 4, 1, file, false);
+  fwrite("WAVEfmt ", 8, 1, file);
+  fwritee(&fmtSize, 4, 1, file, false);
+  fwritee(&pcm, 2, 1, file, false);
+  fwritee(&channelCount, 2, 1, file, false);
+  fwritee(&rate, 4, 1, file, false);
+  fwritee(&byteRate, 4, 1, file, false);
+  fwritee(&blockAlign, 2, 1, file, false);
+  fwritee(&bits, 2, 1, file, false);
+  fwrite("data", 4, 1, file);
+  fwritee(&size, 4, 1, file, false);
+  if (dataBytes > 0 && samples != nullptr) fwrite(samples, 2, static_cast<size_t>(dataBytes) / 2, file);
+  const bool failed = ferror(file) != 0;
+  return (fclose(file) == 0 && !failed) ? 0 : -1;
+}
+
+void short2double(double* dst, const int16_t* src, int32_t start, int32_t count, int32_t channels) {
+  if (channels != 1 && channels != 2) return;
+  for (int32_t i = 0; i < count; ++i) {
+    const long long frame = static_cast<long long>(start) + i;
+    dst[i] = frame < 0 ? 0.0 : static_cast<double>(src[frame * channels]);
+  }
+}
+
+void byte2double(double* dst, const uint8_t* src, int32_t, int32_t count) {
+  for (int32_t i = 0; i < count; ++i) dst[i] = static_cast<double>(src[i]) - 128.0;
+}
+
+void byte2doubleR(double* dst, const uint8_t* src, int32_t start, int32_t count) {
+  byte2double(dst, src, start, count);
+}
