@@ -1,0 +1,239 @@
+#include "render/wavefile.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "support/log.h"
+#include "tests/testutil.h"
+
+namespace {
+
+struct FreeDeleter {
+  void operator()(void* p) const { free(p); }
+};
+using Samples = std::unique_ptr<int16_t, FreeDeleter>;
+
+std::string le32(uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); }
+std::string le16(uint16_t v) { return std::string(reinterpret_cast<const char*>(&v), 2); }
+std::string be32(uint32_t v) {
+  const char b[4] = {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8),
+                     static_cast<char>(v)};
+  return std::string(b, 4);
+}
+std::string be16(uint16_t v) {
+  const char b[2] = {static_cast<char>(v >> 8), static_cast<char>(v)};
+  return std::string(b, 2);
+}
+
+std::string fmtChunk(uint16_t channels, uint32_t rate, uint16_t bits, uint32_t size = 16) {
+  const uint16_t align = static_cast<uint16_t>(channels * bits / 8);
+  std::string body = le16(1) + le16(channels) + le32(rate) + le32(rate * align) + le16(align) + le16(bits);
+  body.resize(size, '\0');
+  return "fmt " + le32(size) + body;
+}
+
+std::string riff(const std::string& chunks) { return "RIFF" + le32(static_cast<uint32_t>(chunks.size() + 4)) + "WAVE" + chunks; }
+
+// An AIFF file: COMM then SSND (offset and block size 0, then the words).
+std::string aiff(uint16_t channels, uint16_t bits, const std::vector<int16_t>& words, const char* rate) {
+  const uint32_t frames = static_cast<uint32_t>(words.size() / channels);
+  std::string comm = "COMM" + be32(18) + be16(channels) + be32(frames) + be16(bits) + std::string(rate, 10);
+  std::string data;
+  for (int16_t w : words) data += be16(static_cast<uint16_t>(w));
+  std::string ssnd = "SSND" + be32(static_cast<uint32_t>(data.size() + 8)) + be32(0) + be32(0) + data;
+  std::string body = "AIFF" + comm + ssnd;
+  return "FORM" + be32(static_cast<uint32_t>(body.size())) + body;
+}
+
+const char kRate44100[] = "\x40\x0E\xAC\x44\x00\x00\x00\x00\x00\x00";
+const char kRate22050[] = "\x40\x0D\xAC\x44\x00\x00\x00\x00\x00\x00";
+
+class WaveFiles : public ::testing::Test {
+ protected:
+  Samples load(const std::string& bytes, WaveFormat* format, int32_t* dataBytes, bool asAiff = false) {
+    const std::string path = dir_.file(asAiff ? "in.aiff" : "in.wav");
+    writeFile(path, bytes);
+    return Samples(asAiff ? loadAiffFile(path.c_str(), format, 8, dataBytes)
+                          : loadWaveFile(path.c_str(), format, 8, dataBytes));
+  }
+  TempDir dir_;
+};
+
+}  // namespace
+
+TEST_F(WaveFiles, SaveThenLoadRoundTrip) {
+  const std::vector<int16_t> words = {0, 1, -1, 32767, -32768, 1234};
+  const std::string path = dir_.file("out.wav");
+  ASSERT_EQ(saveWaveFile(path.c_str(), words.data(), 12, 16, 1, 44100), 0);
+  const std::string bytes = readFile(path);
+  ASSERT_EQ(bytes.size(), 56u);
+  EXPECT_EQ(bytes.substr(0, 44), riff(fmtChunk(1, 44100, 16) + "data" + le32(12)).substr(0, 44).replace(4, 4, le32(48)));
+  WaveFormat format;
+  memset(&format, 0, sizeof format);
+  int32_t dataBytes = 0;
+  Samples loaded(loadWaveFile(path.c_str(), &format, 4, &dataBytes));
+  ASSERT_NE(loaded, nullptr);
+  EXPECT_EQ(dataBytes, 12);
+  EXPECT_EQ(format.channels, 1);
+  EXPECT_EQ(format.sampleRate, 44100u);
+  EXPECT_EQ(format.bitsPerSample, 16);
+  EXPECT_EQ(0, memcmp(loaded.get(), words.data(), 12));
+
+  ASSERT_EQ(saveWaveFile(path.c_str(), nullptr, 0, 16, 1, 44100), 0);
+  EXPECT_EQ(readFile(path).size(), 44u);
+  EXPECT_EQ(readFile(path).substr(4, 4), le32(36));
+  EXPECT_EQ(saveWaveFile(dir_.file("no/dir.wav").c_str(), words.data(), 12, 16, 1, 44100), -1);
+}
+
+TEST_F(WaveFiles, ChunksAroundTheData) {
+  WaveFormat format;
+  memset(&format, 0, sizeof format);
+  int32_t dataBytes = 0;
+  // A long fmt chunk, then LIST and fact chunks before the data.
+  Samples a = load(riff(fmtChunk(2, 22050, 16, 18) + "LIST" + le32(4) + "abcd" + "fact" + le32(4) + le32(7) +
+                        "data" + le32(8) + le16(1) + le16(2) + le16(3) + le16(4)),
+                   &format, &dataBytes);
+  ASSERT_NE(a, nullptr);
+  EXPECT_EQ(format.channels, 2);
+  EXPECT_EQ(format.sampleRate, 22050u);
+  EXPECT_EQ(format.chunkSize, 18u);
+  EXPECT_EQ(a.get()[3], 4);
+
+  // Data before fmt: the format record stays as it was, but its rate is 0.
+  WaveFormat untouched;
+  memset(&untouched, 0, sizeof untouched);
+  untouched.channels = 5;
+  untouched.sampleRate = 8000;
+  Samples b = load(riff("data" + le32(4) + le16(9) + le16(8) + fmtChunk(1, 44100, 16)), &untouched, &dataBytes);
+  ASSERT_NE(b, nullptr);
+  EXPECT_EQ(untouched.channels, 5);
+  EXPECT_EQ(untouched.sampleRate, 0u);
+}
+
+TEST_F(WaveFiles, HostileWavesFailCleanly) {
+  WaveFormat format;
+  memset(&format, 0, sizeof format);
+  int32_t dataBytes = 0;
+  testing::internal::CaptureStderr();
+  f_log = stderr;
+  EXPECT_EQ(load("RIFX" + le32(4) + "WAVE", &format, &dataBytes), nullptr);
+  EXPECT_EQ(load("RIFF" + le32(4) + "AVI ", &format, &dataBytes), nullptr);
+  f_log = nullptr;
+  const std::string messages = testing::internal::GetCapturedStderr();
+  EXPECT_NE(messages.find("file format error.\n"), std::string::npos);
+  EXPECT_NE(messages.find("file format error(2).\n"), std::string::npos);
+
+  EXPECT_EQ(load("", &format, &dataBytes), nullptr);
+  EXPECT_EQ(load("RIFF", &format, &dataBytes), nullptr);
+  EXPECT_EQ(load(riff(fmtChunk(1, 44100, 16)), &format, &dataBytes), nullptr);             // no data chunk
+  EXPECT_EQ(load(riff(fmtChunk(1, 44100, 16)).substr(0, 30), &format, &dataBytes), nullptr);  // cut in fmt
+  EXPECT_EQ(load(riff(fmtChunk(1, 44100, 16) + "data" + le32(0xFFFFFFFF) + "abcd"), &format, &dataBytes), nullptr);
+  EXPECT_EQ(load(riff(fmtChunk(1, 44100, 16) + "data" + le32(100) + "abcd"), &format, &dataBytes), nullptr);
+  EXPECT_EQ(load(riff("junk" + le32(0x7FFFFFF0) + "data" + le32(2) + "ab"), &format, &dataBytes), nullptr);
+  EXPECT_EQ(load(riff("fmt " + le32(0xFFFFFF00) + fmtChunk(1, 44100, 16).substr(8)), &format, &dataBytes), nullptr);
+  EXPECT_EQ(loadWaveFile(dir_.file("absent.wav").c_str(), &format, 0, &dataBytes), nullptr);
+}
+
+TEST_F(WaveFiles, OtherDepthsLoadAsWords) {
+  WaveFormat format;
+  memset(&format, 0, sizeof format);
+  int32_t dataBytes = 0;
+  // 8-bit: the bytes come back as they are; byte2double reads them.
+  Samples eight = load(riff(fmtChunk(1, 8000, 8) + "data" + le32(4) + std::string("\x80\x00\xff\x81", 4)), &format,
+                       &dataBytes);
+  ASSERT_NE(eight, nullptr);
+  EXPECT_EQ(format.bitsPerSample, 8);
+  double values[4];
+  byte2double(values, reinterpret_cast<const uint8_t*>(eight.get()), 99, 4);  // start is not used
+  EXPECT_EQ(values[0], 0.0);
+  EXPECT_EQ(values[1], -128.0);
+  EXPECT_EQ(values[2], 127.0);
+  byte2doubleR(values, reinterpret_cast<const uint8_t*>(eight.get()), 0, 1);
+  EXPECT_EQ(values[0], 0.0);
+  // 24-bit and zero channels load too: callers check the format.
+  EXPECT_NE(load(riff(fmtChunk(1, 44100, 24) + "data" + le32(6) + "abcdef"), &format, &dataBytes), nullptr);
+  EXPECT_NE(load(riff(fmtChunk(0, 44100, 16) + "data" + le32(2) + "ab"), &format, &dataBytes), nullptr);
+  EXPECT_EQ(format.channels, 0);
+}
+
+TEST_F(WaveFiles, AiffKeepsItsAlignmentAndRates) {
+  WaveFormat format;
+  memset(&format, 0, sizeof format);
+  int32_t dataBytes = 0;
+  Samples mono = load(aiff(1, 16, {100, -200, 300}, kRate44100), &format, &dataBytes, true);
+  ASSERT_NE(mono, nullptr);
+  EXPECT_EQ(format.sampleRate, 44100u);
+  EXPECT_EQ(format.blockAlign, 2);
+  EXPECT_EQ(format.byteRate, 88200u);
+  EXPECT_EQ(dataBytes, 6);
+  // The block-size field is read as the first word, and the last two
+  // sample words are not read.
+  EXPECT_EQ(mono.get()[0], 0);
+  EXPECT_EQ(mono.get()[1], 0);
+  EXPECT_EQ(mono.get()[2], 100);
+  for (int k = 3; k < 3 + 8; ++k) EXPECT_EQ(mono.get()[k], 0) << k;  // zeroed padding
+
+  // A stereo file: channels x frames words, inside the block.
+  Samples stereo = load(aiff(2, 16, {1, 2, 3, 4, 5, 6}, kRate22050), &format, &dataBytes, true);
+  ASSERT_NE(stereo, nullptr);
+  EXPECT_EQ(format.sampleRate, 22050u);
+  EXPECT_EQ(format.bitsPerSample, 32);  // sample size x channels, as the format has it
+  EXPECT_EQ(stereo.get()[2], 1);
+  EXPECT_EQ(stereo.get()[5], 4);
+
+  uint8_t swapped[10];
+  memcpy(swapped, kRate44100, 10);
+  std::reverse(swapped, swapped + 10);
+  EXPECT_EQ(getSampleRate(reinterpret_cast<const uint8_t*>(kRate44100), false), 44100u);
+  EXPECT_EQ(getSampleRate(swapped, true), 44100u);
+}
+
+TEST_F(WaveFiles, HostileAiffsFailCleanly) {
+  WaveFormat format;
+  memset(&format, 0, sizeof format);
+  int32_t dataBytes = 0;
+  testing::internal::CaptureStderr();
+  f_log = stderr;
+  EXPECT_EQ(load(aiff(1, 8, {1, 2}, kRate44100), &format, &dataBytes, true), nullptr);
+  EXPECT_EQ(load("FROM" + be32(4) + "AIFF", &format, &dataBytes, true), nullptr);
+  EXPECT_EQ(load("FORM" + be32(4) + "AIFC", &format, &dataBytes, true), nullptr);
+  EXPECT_EQ(loadAiffFile(dir_.file("absent.aiff").c_str(), &format, 0, &dataBytes), nullptr);
+  f_log = nullptr;
+  const std::string messages = testing::internal::GetCapturedStderr();
+  EXPECT_NE(messages.find("16ビットフォーマットではありません\n"), std::string::npos);
+  EXPECT_NE(messages.find("最初のchunkはFROMでなければなりません"), std::string::npos);
+  EXPECT_NE(messages.find("AIFFファイルではありません"), std::string::npos);
+  EXPECT_NE(messages.find("ファイルが開けません\n"), std::string::npos);
+
+  // A frame count far beyond the file, and a truncated COMM.
+  std::string huge = aiff(2, 16, {1, 2}, kRate44100);
+  huge.replace(12 + 8 + 2, 4, be32(0x7FFFFFFF));
+  EXPECT_EQ(load(huge, &format, &dataBytes, true), nullptr);
+  EXPECT_EQ(load(aiff(1, 16, {1, 2}, kRate44100).substr(0, 25), &format, &dataBytes, true), nullptr);
+  std::string zeroChannels = aiff(1, 16, {1, 2}, kRate44100);
+  zeroChannels.replace(12 + 8, 2, be16(0));
+  EXPECT_EQ(load(zeroChannels, &format, &dataBytes, true), nullptr);
+}
+
+TEST(SampleConversion, ShortToDoubleBoundsAndChannels) {
+  const int16_t mono[4] = {10, 20, 30, 40};
+  double out[4] = {-1, -1, -1, -1};
+  short2double(out, mono, -2, 4, 1);
+  EXPECT_EQ(out[0], 0.0);
+  EXPECT_EQ(out[1], 0.0);
+  EXPECT_EQ(out[2], 10.0);
+  EXPECT_EQ(out[3], 20.0);
+  const int16_t stereo[6] = {1, -1, 2, -2, 3, -3};
+  short2double(out, stereo, 1, 2, 2);
+  EXPECT_EQ(out[0], 2.0);
+  EXPECT_EQ(out[1], 3.0);
+  double untouched[2] = {7.0, 7.0};
+  short2double(untouched, stereo, 0, 2, 3);
+  EXPECT_EQ(untouched[0], 7.0);
+}

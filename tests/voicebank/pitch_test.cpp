@@ -1,0 +1,198 @@
+#include "voicebank/pitch.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "render/wavefile.h"
+#include "tests/testutil.h"
+#include "tests/voicebank/voice_signal.h"
+#include "voicebank/freqtable.h"
+
+namespace {
+
+std::string name(double frequency) {
+  char text[16];
+  return getToneName(frequency, text);
+}
+
+struct Analysis {
+  double* freq = nullptr;
+  double* amp = nullptr;
+  double average = 0.0;
+  int32_t n = 0;
+  Analysis(const VoiceSignal& voice, const std::vector<int16_t>& samples, const char* flags) {
+    n = voice.frames() / kAnalysisStep;
+    freq = bcfGetFrequencyList(&amp, &average, voice.frames(), n, voice.rate, 1, samples.data(), flags);
+  }
+  ~Analysis() {
+    free(freq);
+    free(amp);
+  }
+};
+
+}  // namespace
+
+TEST(ToneTable, NamesAndFrequencies) {
+  EXPECT_EQ(name(440.0), "A4");
+  EXPECT_EQ(name(446.0), "A4 +0.2");
+  EXPECT_EQ(name(261.63), "C4");
+  EXPECT_EQ(name(55.0 * std::pow(2.0, 2.6 / 12.0)), "C1 -0.4");  // the octave turns only at the exact C
+  EXPECT_EQ(name(20000.0), "A1");  // past the table: the lowest tone
+  EXPECT_EQ(getToneNumber(440.0), 360);
+  EXPECT_DOUBLE_EQ(num2freq(69), 440.0);
+  EXPECT_DOUBLE_EQ(num2freq(57), 220.0);
+  EXPECT_NEAR(name2freq("A4", 5), 440.0 * std::pow(2.0, 0.5 / 12.0), 1e-9);
+  EXPECT_EQ(name2num("C4"), 60);
+  EXPECT_EQ(name2num("X4"), 0);
+
+  setToneBase(442.0);
+  EXPECT_NEAR(getToneFrequency(360), 442.0, 1e-9);
+  setToneBase(440.0);
+  initToneTable(44100, 3072);
+  EXPECT_EQ(getToneLength(0), 2048);   // 2048 at 55 Hz
+  EXPECT_EQ(getToneLength(480), 512);  // four octaves up: the square root of 1/16
+  initToneTable(44100, 1000);
+  EXPECT_EQ(getToneLength(0), 1000);
+  initToneTable(44100, 2048);
+}
+
+TEST(Transform, MatchesADirectTransformAndInverts) {
+  for (int32_t n : {16, 1024}) {
+    std::vector<double> cosTable(static_cast<size_t>(n)), sinTable(static_cast<size_t>(n));
+    calc_cossin(n, cosTable.data(), sinTable.data());
+    EXPECT_EQ(cosTable[static_cast<size_t>(n / 4)], 0.0);
+    EXPECT_EQ(sinTable[static_cast<size_t>(3 * n / 4)], -1.0);
+    std::mt19937 random(3);
+    std::uniform_real_distribution<double> value(-1.0, 1.0);
+    std::vector<double> re(static_cast<size_t>(n)), im(static_cast<size_t>(n));
+    for (int32_t k = 0; k < n; ++k) {
+      re[static_cast<size_t>(k)] = value(random);
+      im[static_cast<size_t>(k)] = value(random);
+    }
+    const std::vector<double> re0 = re, im0 = im;
+    fft1(re.data(), im.data(), n, cosTable.data(), sinTable.data());
+    for (int32_t k = 0; k < n; k += n / 16) {
+      double sr = 0.0, si = 0.0;
+      for (int32_t m = 0; m < n; ++m) {
+        const double angle = -2.0 * M_PI * k * m / n;
+        sr += re0[static_cast<size_t>(m)] * std::cos(angle) - im0[static_cast<size_t>(m)] * std::sin(angle);
+        si += re0[static_cast<size_t>(m)] * std::sin(angle) + im0[static_cast<size_t>(m)] * std::cos(angle);
+      }
+      EXPECT_NEAR(re[static_cast<size_t>(k)], sr, 1e-9) << n << " " << k;
+      EXPECT_NEAR(im[static_cast<size_t>(k)], si, 1e-9) << n << " " << k;
+    }
+    ifft1(re.data(), im.data(), n, cosTable.data(), sinTable.data());
+    for (int32_t k = 0; k < n; ++k) EXPECT_NEAR(re[static_cast<size_t>(k)], re0[static_cast<size_t>(k)], 1e-12);
+  }
+}
+
+TEST(Spline, PassesThroughThePointsAndIsNatural) {
+  const double y[5] = {0.0, 1.0, 0.0, -1.0, 0.0};
+  double b[5], c[5], d[5];
+  calcSplineParam(y, 5, b, c, d, 0);
+  for (int k = 0; k < 4; ++k) EXPECT_NEAR(y[k] + b[k] + c[k] + d[k], y[k + 1], 1e-12) << k;
+  EXPECT_EQ(c[0], 0.0);  // no curvature at the ends
+  EXPECT_NEAR(c[3] + 3.0 * d[3], 0.0, 1e-12);
+  const float yf[3] = {0.0f, 2.0f, 4.0f};
+  float bf[3], cf[3], df[3];
+  calcSplineFloat(yf, 3, bf, cf, df, 0);
+  EXPECT_FLOAT_EQ(bf[0], 2.0f);  // a straight line stays straight
+  EXPECT_FLOAT_EQ(cf[1], 0.0f);
+}
+
+TEST(DifferenceSearch, FindsThePeriodOfAPulseTrain) {
+  std::vector<int16_t> samples(8192, 0);
+  for (size_t k = 0; k < samples.size(); k += 100) samples[k] = 10000;
+  double meanSquare = 0.0, minimum = 0.0;
+  EXPECT_EQ(bcf(&meanSquare, &minimum, 51, 141, samples.data(), 1, 4096, analysisWindow()), 100);
+  EXPECT_EQ(minimum, 0.0);
+  EXPECT_GT(meanSquare, 0.0);
+  std::vector<int16_t> silent(4096, 0);
+  EXPECT_EQ(bcf(&meanSquare, &minimum, 51, 70, silent.data(), 1, 2048, analysisWindow()), 51);
+  EXPECT_EQ(bcfGetFrequencyList(nullptr, &meanSquare, 4096, 16, 44100, 1, silent.data(), ""), nullptr);
+}
+
+// At least 95% of the clearly voiced frames within 50 cents of the truth,
+// and silence unvoiced, across the singing range.
+class Accuracy : public ::testing::TestWithParam<std::tuple<double, double, double>> {};
+
+TEST_P(Accuracy, VoicedFramesNearTheTruthAndSilenceUnvoiced) {
+  VoiceSignal voice;
+  std::tie(voice.f0, voice.vibratoCents, voice.breath) = GetParam();
+  voice.seconds = 1.0;
+  voice.silenceBefore = voice.silenceAfter = 0.15;
+  const std::vector<int16_t> samples = voice.render();
+  Analysis a(voice, samples, "");
+  ASSERT_NE(a.freq, nullptr);
+  int voiced = 0, close = 0, silent = 0, quiet = 0;
+  for (int32_t i = 0; i <= a.n; ++i) {
+    const int32_t first = kAnalysisStep * i - 128, last = kAnalysisStep * i + 383;
+    if (first - 800 >= voice.voicedStart() && last + 800 < voice.voicedEnd()) {
+      ++voiced;
+      const double truth = voice.truth(kAnalysisStep * i + 128);
+      close += a.freq[i] > 0.0 && std::fabs(1200.0 * std::log2(a.freq[i] / truth)) < 50.0;
+    } else if (last < voice.voicedStart() || first >= voice.voicedEnd()) {
+      ++silent;
+      quiet += a.freq[i] == 0.0;
+    }
+  }
+  EXPECT_GE(close, 0.95 * voiced) << close << " of " << voiced;
+  EXPECT_EQ(quiet, silent);
+  EXPECT_NEAR(1200.0 * std::log2(a.average / voice.f0), 0.0, 25.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Voices, Accuracy,
+                         ::testing::Values(std::make_tuple(100.0, 0.0, 0.0), std::make_tuple(150.0, 60.0, 0.15),
+                                           std::make_tuple(220.0, 0.0, 0.0), std::make_tuple(220.0, 60.0, 0.0),
+                                           std::make_tuple(330.0, 60.0, 0.15), std::make_tuple(440.0, 0.0, 0.15),
+                                           std::make_tuple(550.0, 60.0, 0.0), std::make_tuple(700.0, 0.0, 0.0),
+                                           std::make_tuple(700.0, 60.0, 0.15)));
+
+TEST(RepairPass, OctaveCheckPullsOutlyingFramesUnlessAskedNotTo) {
+  // Mostly 200 Hz, with a short stretch an octave up.
+  VoiceSignal low, high;
+  low.f0 = 200.0;
+  low.seconds = 1.0;
+  high.f0 = 400.0;
+  high.seconds = 0.25;
+  std::vector<int16_t> samples = low.render();
+  const std::vector<int16_t> upper = high.render();
+  samples.insert(samples.end(), upper.begin(), upper.end());
+  VoiceSignal whole = low;
+  whole.seconds = 1.25;
+  const int32_t frame = (44100 + 5000) / kAnalysisStep;  // inside the upper stretch
+  Analysis kept(whole, samples, "I");
+  ASSERT_NE(kept.freq, nullptr);
+  EXPECT_NEAR(kept.freq[frame], 400.0, 12.0);
+  Analysis checked(whole, samples, "");
+  ASSERT_NE(checked.freq, nullptr);
+  EXPECT_NE(std::lround(checked.freq[frame]), std::lround(kept.freq[frame]));
+}
+
+TEST(AnalysisFiles, MadeForSixteenBitSamplesOnly) {
+  TempDir dir;
+  VoiceSignal voice;
+  voice.seconds = 0.4;
+  const std::vector<int16_t> samples = voice.render();
+  const std::string wav = dir.file("a.wav");
+  saveWaveFile(wav.c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1, 44100);
+  EXPECT_EQ(generateAnlyzeFiles(wav.c_str(), 0), 1);
+  ASSERT_TRUE(fileExists(dir.file("a_wav.frq")));
+  // Forced: made again even though the table is trusted.
+  writeFile(dir.file("a_wav.frq"), std::string("FREQ0003") + std::string(32, '\0'));
+  EXPECT_EQ(generateAnlyzeFiles(wav.c_str(), 1), 1);
+  EXPECT_GT(readFile(dir.file("a_wav.frq")).size(), 100u);
+
+  EXPECT_EQ(generateAnlyzeFiles(dir.file("a.mp3").c_str(), 0), 0);
+  EXPECT_EQ(generateAnlyzeFiles(dir.file("absent.wav").c_str(), 0), 0);
+  EXPECT_EQ(generateAnlyzeFiles("", 0), 0);
+  const std::vector<int16_t> eight = {1, 2, 3, 4};
+  const std::string eightBit = dir.file("b.wav");
+  saveWaveFile(eightBit.c_str(), eight.data(), 8, 8, 1, 44100);
+  EXPECT_EQ(generateAnlyzeFiles(eightBit.c_str(), 0), 0);  // only 16-bit samples are analysed
+}
