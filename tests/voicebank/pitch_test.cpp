@@ -105,6 +105,38 @@ TEST(Spline, PassesThroughThePointsAndIsNatural) {
   EXPECT_FLOAT_EQ(cf[1], 0.0f);
 }
 
+// The vectorised difference function against a plain running sum.
+TEST(DifferenceSearch, AgreesWithAPlainSum) {
+  std::mt19937 random(11);
+  std::normal_distribution<double> noise(0.0, 300.0);
+  std::vector<int16_t> samples(6000);
+  for (size_t k = 0; k < samples.size(); ++k) {
+    samples[k] = static_cast<int16_t>(8000.0 * std::sin(2.0 * M_PI * k / 97.3) + noise(random));
+  }
+  const double* w = analysisWindow();
+  for (int32_t position : {1500, 2600, 3900}) {
+    int32_t bestPeriod = 0;
+    double best = 32768.0, squares = 0.0;
+    for (int32_t t = 51; t <= 200; ++t) {
+      double sum = 0.0;
+      for (int n = 0; n < 512; ++n) {
+        const int32_t i = position - 128 + n;
+        sum += w[n] * (std::fabs(samples[i] - samples[i + t]) + std::fabs(samples[i] - samples[i - t]));
+      }
+      const double d = sum / 1024.0;
+      if (d < best) {
+        best = d;
+        bestPeriod = t;
+      }
+      squares += d * d;
+    }
+    double meanSquare = 0.0, minimum = 0.0;
+    EXPECT_EQ(bcf(&meanSquare, &minimum, 51, 200, samples.data(), 1, position, w), bestPeriod);
+    EXPECT_NEAR(minimum, best, best * 1e-12);
+    EXPECT_NEAR(meanSquare, squares / 150.0, meanSquare * 1e-12);
+  }
+}
+
 TEST(DifferenceSearch, FindsThePeriodOfAPulseTrain) {
   std::vector<int16_t> samples(8192, 0);
   for (size_t k = 0; k < samples.size(); k += 100) samples[k] = 10000;
