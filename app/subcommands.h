@@ -8,3 +8,5 @@ int runInfo(int argc, char** argv);
 extern const char kInfoUsage[];
 int runConvert(int argc, char** argv);
 extern const char kConvertUsage[];
+int runAnalyze(int argc, char** argv);
+extern const char kAnalyzeUsage[];
