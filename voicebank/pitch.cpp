@@ -10,6 +10,7 @@
 
 #include "render/wavefile.h"
 #include "support/log.h"
+#include "support/textcopy.h"
 #include "voicebank/freqtable.h"
 #include "voicebank/voiceset.h"
 
@@ -244,13 +245,14 @@ char* getToneName(double frequency, char* out) {
   const int32_t t = index + 94;
   char letter[3] = {kLetters[(t / 10 % 12) * 2], kLetters[(t / 10 % 12) * 2 + 1], '\0'};
   if (letter[1] == ' ') letter[1] = '\0';
-  const int32_t octave = (index + 90) / 120 + 1;
+  const int32_t octave = (index + 90) / 120 + 1;  // 1..8
+  char name[32];
   if (t % 10 != 4) {
-    snprintf(out, 16, "%s%d %+0.1f", letter, octave, (t % 10 - 4) * 0.1);
+    snprintf(name, sizeof name, "%s%d %+0.1f", letter, octave, (t % 10 - 4) * 0.1);
   } else {
-    snprintf(out, 16, "%s%d", letter, octave);
+    snprintf(name, sizeof name, "%s%d", letter, octave);
   }
-  return out;
+  return strcpy_n(out, name, 16);
 }
 
 double num2freq(int32_t noteNumber) { return 55.0 * std::pow(2.0, (noteNumber - 33) / 12.0); }
