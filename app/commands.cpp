@@ -21,6 +21,7 @@ const Command kCommands[] = {
     {"info", "show a project's settings and notes", kInfoUsage, runInfo},
     {"convert", "write a project in the 1.2 or 2.0 form", kConvertUsage, runConvert},
     {"analyze", "make the frequency tables of samples or voice banks", kAnalyzeUsage, runAnalyze},
+    {"resample", "render one note from a voice sample", kResampleUsage, runResample},
     {"voicebank", "show a voice bank, or the entry a lyric sings", kVoicebankUsage, runVoicebank},
     {nullptr, nullptr, nullptr, nullptr},
 };

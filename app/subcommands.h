@@ -10,3 +10,5 @@ int runConvert(int argc, char** argv);
 extern const char kConvertUsage[];
 int runAnalyze(int argc, char** argv);
 extern const char kAnalyzeUsage[];
+int runResample(int argc, char** argv);
+extern const char kResampleUsage[];

@@ -224,6 +224,8 @@ void setToneBase(double frequency) {
 
 void initToneTable(int32_t sampleRate, int32_t largest) { tones().fill(sampleRate, largest); }
 
+double getToneBase() { return tones().base; }
+
 double getToneFrequency(int32_t index) { return tones().frequency[std::clamp(index, 0, kTones - 1)]; }
 
 int32_t getToneLength(int32_t index) { return tones().length[std::clamp(index, 0, kTones - 1)]; }
@@ -289,7 +291,10 @@ void calc_cossin(int32_t n, double* cosTable, double* sinTable) {
 namespace {
 
 // Bit reversal, then butterflies; `sign` is -1 for the forward transform.
-void transform(double* re, double* im, int32_t n, const double* cosTable, const double* sinTable, double sign) {
+// The tables hold n * tableStep points (a half-size transform reads every
+// other entry of the full-size tables).
+void transform(double* re, double* im, int32_t n, const double* cosTable, const double* sinTable, double sign,
+               int32_t tableStep = 1) {
   for (int32_t i = 1, j = 0; i < n; ++i) {
     int32_t bit = n >> 1;
     for (; j & bit; bit >>= 1) j ^= bit;
@@ -301,7 +306,7 @@ void transform(double* re, double* im, int32_t n, const double* cosTable, const 
   }
   for (int32_t length = 2; length <= n; length <<= 1) {
     const int32_t half = length / 2;
-    const int32_t stride = n / length;  // table step for this stage
+    const int32_t stride = n / length * tableStep;  // table step for this stage
     for (int32_t start = 0; start < n; start += length) {
       for (int32_t k = 0; k < half; ++k) {
         const double wr = cosTable[k * stride];
@@ -322,6 +327,63 @@ void transform(double* re, double* im, int32_t n, const double* cosTable, const 
 
 void fft1(double* re, double* im, int32_t n, const double* cosTable, const double* sinTable) {
   transform(re, im, n, cosTable, sinTable, -1.0);
+}
+
+void fftRealForward(const double* x, int32_t n, double* re, double* im, const double* cosTable,
+                    const double* sinTable) {
+  // The even samples as real parts and the odd ones as imaginary parts of
+  // one half-size transform, then split: X[k] = E[k] + e^(-2 pi i k / n) O[k].
+  const int32_t half = n / 2;
+  for (int32_t m = 0; m < half; ++m) {
+    re[m] = x[2 * m];
+    im[m] = x[2 * m + 1];
+  }
+  transform(re, im, half, cosTable, sinTable, -1.0, 2);
+  re[half] = re[0];
+  im[half] = im[0];
+  for (int32_t k = 0; k <= half / 2; ++k) {
+    const int32_t j = half - k;
+    // E and O at k and at j = half - k, from Z[k] and Z[j].
+    const double ekr = 0.5 * (re[k] + re[j]), eki = 0.5 * (im[k] - im[j]);
+    const double okr = 0.5 * (im[k] + im[j]), oki = -0.5 * (re[k] - re[j]);
+    const double ejr = ekr, eji = -eki;  // E[j] = conj(E[k])
+    const double ojr = okr, oji = -oki;  // O[j] = conj(O[k])
+    const double ck = cosTable[k], sk = -sinTable[k];  // e^(-2 pi i k / n)
+    const double cj = cosTable[j], sj = -sinTable[j];
+    re[k] = ekr + ck * okr - sk * oki;
+    im[k] = eki + ck * oki + sk * okr;
+    re[j] = ejr + cj * ojr - sj * oji;
+    im[j] = eji + cj * oji + sj * ojr;
+  }
+}
+
+void fftRealInverse(double* re, double* im, int32_t n, double* x, const double* cosTable, const double* sinTable) {
+  // Back to E and O (E[k] = (X[k] + conj X[half - k]) / 2, O[k] = (X[k] -
+  // conj X[half - k]) e^(2 pi i k / n) / 2), Z = E + i O, a half-size
+  // inverse, and the samples interleaved again.
+  const int32_t half = n / 2;
+  for (int32_t k = 0; k <= half / 2; ++k) {
+    const int32_t j = half - k;
+    const double xkr = re[k], xki = im[k], xjr = re[j], xji = im[j];
+    const double ekr = 0.5 * (xkr + xjr), eki = 0.5 * (xki - xji);
+    const double dkr = 0.5 * (xkr - xjr), dki = 0.5 * (xki + xji);
+    const double ck = cosTable[k], sk = sinTable[k];
+    const double okr = dkr * ck - dki * sk, oki = dkr * sk + dki * ck;
+    // At j: E[j] = conj E[k]; O[j] = (X[j] - conj X[k]) e^(2 pi i j / n) / 2.
+    const double djr = -dkr, dji = dki;
+    const double cj = cosTable[j], sj = sinTable[j];
+    const double ojr = djr * cj - dji * sj, oji = djr * sj + dji * cj;
+    re[k] = ekr - oki;
+    im[k] = eki + okr;
+    re[j] = ekr - oji;
+    im[j] = -eki + ojr;
+  }
+  transform(re, im, half, cosTable, sinTable, 1.0, 2);
+  const double scale = 1.0 / n;
+  for (int32_t m = 0; m < half; ++m) {
+    x[2 * m] = re[m] * scale * 2.0;
+    x[2 * m + 1] = im[m] * scale * 2.0;
+  }
 }
 
 void ifft1(double* re, double* im, int32_t n, const double* cosTable, const double* sinTable) {

@@ -27,6 +27,8 @@ int32_t getToneNumber(double frequency);
 // 16 bytes. Returns out.
 char* getToneName(double frequency, char* out);
 double getToneFrequency(int32_t index);
+// The reference frequency of A4 set by setToneBase.
+double getToneBase();
 int32_t getToneLength(int32_t index);
 // 55 x 2^((n - 33) / 12): note 69 is 440 Hz.
 double num2freq(int32_t noteNumber);
@@ -43,6 +45,14 @@ void calc_cossin(int32_t n, double* cosTable, double* sinTable);
 // not scaled; ifft1 is its inverse, scaled by 1 / n.
 void fft1(double* re, double* im, int32_t n, const double* cosTable, const double* sinTable);
 void ifft1(double* re, double* im, int32_t n, const double* cosTable, const double* sinTable);
+
+// Transforms of real signals at half the cost, with the same n-point
+// tables. fftRealForward: x[0..n) to the bins 0..n/2 of fft1(x) in
+// re/im[0..n/2]. fftRealInverse: from bins 0..n/2 of a spectrum whose
+// other half mirrors them (conjugated), x[0..n) = ifft1 of it (real,
+// scaled by 1/n); re and im are used as scratch.
+void fftRealForward(const double* x, int32_t n, double* re, double* im, const double* cosTable, const double* sinTable);
+void fftRealInverse(double* re, double* im, int32_t n, double* x, const double* cosTable, const double* sinTable);
 
 // --- Analysis ---------------------------------------------------------------------
 // The Hann window of the difference function: w[0] = 0, w[k] = 0.5 - 0.5

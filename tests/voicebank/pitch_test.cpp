@@ -91,6 +91,26 @@ TEST(Transform, MatchesADirectTransformAndInverts) {
   }
 }
 
+TEST(Transform, RealFormsAgreeWithTheComplexOnes) {
+  const int32_t n = 1024;
+  std::vector<double> cosTable(n), sinTable(n);
+  calc_cossin(n, cosTable.data(), sinTable.data());
+  std::mt19937 random(5);
+  std::uniform_real_distribution<double> value(-1000.0, 1000.0);
+  std::vector<double> x(n), re(n), im(n, 0.0);
+  for (int32_t k = 0; k < n; ++k) x[static_cast<size_t>(k)] = re[static_cast<size_t>(k)] = value(random);
+  fft1(re.data(), im.data(), n, cosTable.data(), sinTable.data());
+  std::vector<double> halfRe(n / 2 + 1), halfIm(n / 2 + 1);
+  fftRealForward(x.data(), n, halfRe.data(), halfIm.data(), cosTable.data(), sinTable.data());
+  for (int32_t k = 0; k <= n / 2; ++k) {
+    EXPECT_NEAR(halfRe[static_cast<size_t>(k)], re[static_cast<size_t>(k)], 1e-8) << k;
+    EXPECT_NEAR(halfIm[static_cast<size_t>(k)], im[static_cast<size_t>(k)], 1e-8) << k;
+  }
+  std::vector<double> back(n);
+  fftRealInverse(halfRe.data(), halfIm.data(), n, back.data(), cosTable.data(), sinTable.data());
+  for (int32_t k = 0; k < n; ++k) EXPECT_NEAR(back[static_cast<size_t>(k)], x[static_cast<size_t>(k)], 1e-9) << k;
+}
+
 TEST(Spline, PassesThroughThePointsAndIsNatural) {
   const double y[5] = {0.0, 1.0, 0.0, -1.0, 0.0};
   double b[5], c[5], d[5];
