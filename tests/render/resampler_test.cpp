@@ -1,0 +1,260 @@
+#include "render/resampler.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "render/wavefile.h"
+#include "tests/testutil.h"
+#include "tests/voicebank/voice_signal.h"
+#include "voicebank/pitch.h"
+#include "voicebank/voiceset.h"
+
+namespace {
+
+// A steady 220 Hz vowel of 2 s (peak 8000) as a sample, with its table.
+class Resampler : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    folder_ = new TempDir;
+    VoiceSignal voice;
+    voice.f0 = 220.0;
+    voice.seconds = 2.0;
+    voice.peak = 8000.0;
+    const std::vector<int16_t> samples = voice.render();
+    path_ = new std::string(folder_->file("a.wav"));
+    saveWaveFile(path_->c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1, 44100);
+    init_render(44100);
+    generateAnlyzeFiles(path_->c_str(), 0);
+  }
+  static void TearDownTestSuite() {
+    delete path_;
+    delete folder_;
+  }
+  void SetUp() override {
+    memset(&entry_, 0, sizeof entry_);
+    entry_.offset = 100.0f;
+    entry_.blank = 100.0f;
+    memset(&note_, 0, sizeof note_);
+    strcpy(note_.Lyric, "a");
+    note_.NoteNum = 57;
+    note_.Velocity = 100.0f;
+    note_.Intensity = 100;
+    note_.Modulation = 100;
+    note_.VoiceFile = entry_.filename;
+  }
+  std::vector<double> render(float lengthMs, ResampError* error = nullptr) {
+    int32_t count = 0;
+    double* values = resamp(path_->c_str(), &note_, lengthMs, &count, 120.0f, error);
+    std::vector<double> out(values, values + (values != nullptr ? count : 0));
+    free(values);
+    return out;
+  }
+  // The output's frequency table, frame by frame.
+  static std::vector<double> pitchOf(const std::vector<double>& out) {
+    std::vector<int16_t> words(out.size());
+    for (size_t k = 0; k < out.size(); ++k) words[k] = static_cast<int16_t>(std::clamp(out[k], -32767.0, 32767.0));
+    double* amplitudes = nullptr;
+    double average = 0.0;
+    const int32_t frames = static_cast<int32_t>(words.size());
+    double* f = bcfGetFrequencyList(&amplitudes, &average, frames, frames / 256, 44100, 1, words.data(), "");
+    std::vector<double> result(f, f + (f != nullptr ? frames / 256 + 1 : 0));
+    free(f);
+    free(amplitudes);
+    return result;
+  }
+  // The largest distance in cents from `target` over the middle half.
+  static double worstCents(const std::vector<double>& pitch, double target) {
+    double worst = 0.0;
+    for (size_t k = pitch.size() / 4; k < pitch.size() * 3 / 4; ++k) {
+      worst = std::max(worst, pitch[k] > 0.0 ? std::fabs(1200.0 * std::log2(pitch[k] / target)) : 1e9);
+    }
+    return worst;
+  }
+  static double peakOf(const std::vector<double>& out) {
+    double peak = 0.0;
+    for (double v : out) peak = std::max(peak, std::fabs(v));
+    return peak;
+  }
+
+  static TempDir* folder_;
+  static std::string* path_;
+  VoiceData entry_;
+  NoteData note_;
+};
+
+TempDir* Resampler::folder_ = nullptr;
+std::string* Resampler::path_ = nullptr;
+
+}  // namespace
+
+namespace {
+class ResamplerShift : public Resampler, public ::testing::WithParamInterface<int> {};
+
+TEST_P(ResamplerShift, SteadyPartSingsTheNote) {
+  note_.NoteNum = static_cast<int16_t>(57 + GetParam());
+  const std::vector<double> out = render(1000.0f);
+  ASSERT_FALSE(out.empty());
+  EXPECT_LT(worstCents(pitchOf(out), num2freq(note_.NoteNum)), 10.0);
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Semitones, ResamplerShift, ::testing::Values(-5, -2, 0, 3, 7, 12));
+
+TEST_F(Resampler, PitchCurvesMoveThePitch) {
+  std::vector<int16_t> up(200, 100);  // +100 cents on the tempo grid
+  note_.Pitches = up.data();
+  note_.PitchCount = static_cast<int32_t>(up.size());
+  EXPECT_LT(worstCents(pitchOf(render(1000.0f)), num2freq(58)), 10.0);
+  note_.Pitches = nullptr;
+  note_.PitchCount = 0;
+  // A float curve on the 256-sample grid takes precedence over the list.
+  std::vector<float> down(400, -200.0f);
+  note_._pitch = down.data();
+  note_._pitchlen = static_cast<int32_t>(down.size());
+  note_.Pitches = up.data();
+  note_.PitchCount = static_cast<int32_t>(up.size());
+  EXPECT_LT(worstCents(pitchOf(render(1000.0f)), num2freq(55)), 10.0);
+}
+
+TEST_F(Resampler, LengthsFollowTheFormula) {
+  // With a length: the target in samples, (length + 1) ms, whether the
+  // sample is stretched or compressed, with or without a consonant.
+  for (float length : {300.0f, 1000.0f, 3000.0f}) {
+    for (float consonant : {0.0f, 2.0f, 80.0f}) {  // 2 ms is under 128 samples: no consonant
+      entry_.fixed = consonant;
+      EXPECT_EQ(render(length).size(), static_cast<size_t>((length + 1.0) / 1000.0 * 44100.0 + 0.5))
+          << length << " " << consonant;
+    }
+  }
+  // A start point shortens the target by itself.
+  note_._stp = 40.0f;
+  EXPECT_EQ(render(1000.0f).size(), static_cast<size_t>(961.0 / 1000.0 * 44100.0 + 0.5));
+  note_._stp = 0.0f;
+
+  // Without a length: the usable stretch, the part after the consonant
+  // lengthened by the velocity factor.
+  const int32_t usable = 88200 - 4410 - 4410;  // 2 s less the offset and the blank
+  entry_.fixed = 80.0f;
+  const int32_t fixedIn = static_cast<int32_t>(44100 * 80.0 / 1000.0);
+  EXPECT_EQ(render(0.0f).size(), static_cast<size_t>(usable));
+  note_.Velocity = 200.0f;
+  EXPECT_EQ(render(0.0f).size(), static_cast<size_t>(std::trunc((usable - fixedIn) * 2.0 + fixedIn + 0.5)));
+  note_.Velocity = 100.0f;
+  // A note that ends inside its consonant.
+  entry_.fixed = 500.0f;
+  EXPECT_EQ(render(99.0f).size(), static_cast<size_t>(100.0 / 1000.0 * 44100.0 + 0.5));
+}
+
+TEST_F(Resampler, NormalisationAndVolume) {
+  const double untouched = peakOf(render(800.0f, nullptr));  // P86 by default
+  strcpy(note_.Flags, "P0");
+  const double raw = peakOf(render(800.0f));
+  EXPECT_NEAR(raw, 8000.0, 2000.0);  // the sample's own level
+  EXPECT_NEAR(untouched, std::pow(16384.0 / raw, 0.86) * raw, 1.0);
+  strcpy(note_.Flags, "P100");
+  EXPECT_NEAR(peakOf(render(800.0f)), 16384.0, 1e-6);
+  note_.Intensity = 50;
+  EXPECT_NEAR(peakOf(render(800.0f)), 8192.0, 1e-6);
+}
+
+TEST_F(Resampler, SawtoothAtTheTargetPitch) {
+  strcpy(note_.Flags, "WP100");
+  note_.NoteNum = 62;
+  const std::vector<double> out = render(800.0f);
+  EXPECT_LT(worstCents(pitchOf(out), num2freq(62)), 10.0);
+  // A ramp: most steps are small rises, a few are large falls.
+  int rises = 0, falls = 0;
+  for (size_t k = out.size() / 4; k + 1 < out.size() * 3 / 4; ++k) {
+    rises += out[k + 1] > out[k];
+    falls += out[k + 1] < out[k] - 4000.0;
+  }
+  EXPECT_GT(rises, 20 * falls);
+  EXPECT_GT(falls, 10);
+}
+
+TEST_F(Resampler, FailuresSayWhy) {
+  ResampError error = ResampError::kNone;
+  entry_.offset = 5000.0f;  // past the end of a 2 s sample
+  EXPECT_TRUE(render(500.0f, &error).empty());
+  EXPECT_EQ(error, ResampError::kNotEnoughSamples);
+  EXPECT_STREQ(resampErrorText(error), "Parameter error. Not enough samples.");
+  int32_t count = 7;
+  EXPECT_EQ(resamp(folder_->file("absent.wav").c_str(), &note_, 500.0f, &count, 120.0f, &error), nullptr);
+  EXPECT_EQ(error, ResampError::kLoad);
+  EXPECT_EQ(count, 0);
+  const std::string out = folder_->file("never.wav");
+  EXPECT_EQ(::render(path_->c_str(), out.c_str(), &note_, 500.0f, 120.0f), -1);
+  EXPECT_FALSE(fileExists(out));
+}
+
+TEST_F(Resampler, RenderWritesASixteenBitFile) {
+  const std::string out = folder_->file("note.wav");
+  ASSERT_EQ(::render(path_->c_str(), out.c_str(), &note_, 500.0f, 120.0f), 0);
+  WaveFormat format;
+  memset(&format, 0, sizeof format);
+  int32_t bytes = 0;
+  int16_t* words = loadWaveFile(out.c_str(), &format, 0, &bytes);
+  ASSERT_NE(words, nullptr);
+  free(words);
+  EXPECT_EQ(format.sampleRate, 44100u);
+  EXPECT_EQ(format.channels, 1);
+  EXPECT_EQ(bytes, 2 * static_cast<int32_t>(501.0 / 1000.0 * 44100.0 + 0.5));
+}
+
+TEST(CurveEncoding, PairsRunsAndCapacity) {
+  EXPECT_EQ(get64('A'), 0);
+  EXPECT_EQ(get64('z'), 51);
+  EXPECT_EQ(get64('9'), 61);
+  EXPECT_EQ(get64('/'), 63);
+  EXPECT_EQ(get64('!'), 0);
+  int32_t values[8];
+  // "AB" = 1, "//" = 4095 - 4096 = -1, "gA" = 32 * 64 = 2048 - 4096, a run of 3.
+  ASSERT_EQ(decpit("AB//gA#3#AC", values, 8), 7);
+  EXPECT_EQ(values[0], 1);
+  EXPECT_EQ(values[1], -1);
+  EXPECT_EQ(values[2], -2048);
+  EXPECT_EQ(values[3], -2048);
+  EXPECT_EQ(values[5], -2048);
+  EXPECT_EQ(values[6], 2);
+  EXPECT_EQ(decpit("ABABABAB", values, 2), 2);  // the rest is dropped
+  EXPECT_EQ(decpit(nullptr, values, 8), 0);
+  int32_t count = 0;
+  int16_t* grown = decpit2("AC#2", &count);  // a run without its closing "#" ends the text
+  ASSERT_EQ(count, 3);
+  EXPECT_EQ(grown[2], 2);
+  free(grown);
+  EXPECT_EQ(decpit2(nullptr, &count), nullptr);
+  EXPECT_EQ(count, 0);
+}
+
+TEST(SplineRead, CoefficientsSitFurtherOn) {
+  std::vector<double> a = {10.0, 20.0, 30.0};
+  std::vector<double> b(1412, 0.0), c(1412, 0.0), d(1412, 0.0);
+  b[1408 + 1] = 4.0;
+  c[1408 + 1] = 2.0;
+  d[1408 + 1] = 1.0;
+  // x = 6.5 with base 5: k = 1, t = 0.5: a[1] + 4 t + 2 t^2 + t^3.
+  EXPECT_DOUBLE_EQ(current_value(6.5, 5, a.data(), b.data(), c.data(), d.data()), 20.0 + 2.0 + 0.5 + 0.125);
+}
+
+TEST(WindowedSinc, IntegerPositionsConstantsAndTheFirstChannel) {
+  std::vector<int16_t> samples = {0, 100, 200, 300, 400, 500, 600, 700, 800};
+  // At an integer position the taps at the other integers have weight 0.
+  EXPECT_NEAR(target_value(4.0, samples.data(), 1.0, 1), 400.0, 1e-9);
+  // The weights are normalised: a constant reads as itself anywhere...
+  const std::vector<int16_t> constant(16, 1000);
+  EXPECT_NEAR(target_value(6.37, constant.data(), 1.3, 1), 1000.0, 1e-9);
+  // ...except where taps fall before the start: they add nothing, but their
+  // weight (here the negative side lobe at -1) still counts.
+  EXPECT_NEAR(target_value(0.5, constant.data(), 1.0, 1), 1080.09, 0.01);
+  // Stereo: the first channel only.
+  std::vector<int16_t> stereo = {10, -1, 20, -1, 30, -1, 40, -1, 50, -1};
+  EXPECT_NEAR(target_value(2.0, stereo.data(), 1.0, 2), 30.0, 1e-9);
+}
