@@ -18,6 +18,7 @@ const Command kCommands[] = {
      "\n"
      "Shows what COMMAND does and its options, or lists the commands.\n",
      runHelp},
+    {"render", "render a project to a WAV file", kRenderUsage, runRender},
     {"info", "show a project's settings and notes", kInfoUsage, runInfo},
     {"convert", "write a project in the 1.2 or 2.0 form", kConvertUsage, runConvert},
     {"analyze", "make the frequency tables of samples or voice banks", kAnalyzeUsage, runAnalyze},

@@ -12,3 +12,5 @@ int runAnalyze(int argc, char** argv);
 extern const char kAnalyzeUsage[];
 int runResample(int argc, char** argv);
 extern const char kResampleUsage[];
+int runRender(int argc, char** argv);
+extern const char kRenderUsage[];

@@ -116,6 +116,58 @@ class ctonm2 {
   // cannot be opened (the settings are reset all the same).
   int32_t read_snt(const char* path, char* tsBuffer, int32_t tsSize);
 
+  // --- Note arrangement (render/arrange.cpp) -------------------------------
+  // Fixes every note's timing for a render: _delta, _pos, _tempo,
+  // _notelen, _truelen, _preuttr, _overlap, _stp and the voice entry
+  // (VoiceFile); reshapes neighbouring envelopes to the overlaps. Returns
+  // the number of notes that received a voice entry.
+  int32_t preparationNotes();
+  // Prepares note `index`; returns its _delta.
+  double preparation(int32_t prevVoiced, float prevTempo, int32_t index, float tempo, float carriedTempo);
+  // The note's length in msec, following tempo changes inside it.
+  double calc_length(int32_t index, float tempo);
+  // The gap in msec between the end of the previous sounding note (same
+  // layer rule as getprenote; its index goes to *index, -1 when none) and
+  // the start of note *index; 0 when there is none.
+  double get_preblank(int32_t* index, int32_t layer);
+  // Renders note `index` (resampled, or from the cache hooks) and adds it
+  // under its envelope into the 16-bit mix at posMs; with a previous note's
+  // buffer, aligns the phase of the overlap (stptrim). Returns mix.
+  int16_t* arrange_note(int16_t* mix, double posMs, int32_t index, double lengthMs, int32_t mixLength, int32_t layer,
+                        float noteTempo, bool useCache);
+  // The plain variant for render workers: no cache, no alignment, the
+  // addition under mixMutex.
+  int16_t* arrange_n(int16_t* mix, double posMs, int32_t index, double lengthMs, int32_t mixLength, int32_t layer,
+                     float noteTempo);
+  // The start-point trim in msec that aligns the fundamental's phase in
+  // the overlap with the previous note's tail.
+  double optimizeOverlap(const double* prevBuffer, int32_t prevCount, double prevLengthMs, const double* buffer,
+                         int32_t count, double lengthMs, const NoteData* note, float noteTempo, int32_t rate);
+
+  // --- Render drivers (render/drivers.cpp) -----------------------------------
+  // The result of both drivers is a mix block: a 48-byte head (a canonical
+  // 44-byte WAVE header and 4 zero bytes) and 16-bit mono samples at 44100
+  // Hz; *size receives its RIFF size (the block is size + 8 bytes). Null
+  // when nothing sounds or memory ran out. Both free the pitch curves.
+  typedef void (*Progress)(void* context, int32_t done, int32_t total);
+  // Notes first..last on min(threads, 8) workers, dealt round-robin.
+  uint8_t* render_number_by_thread(int32_t first, int32_t last, int32_t* size, int32_t threads, Progress progress);
+  uint8_t* render_by_thread(int32_t* size, int32_t threads, Progress progress);
+  // One thread, with the cache hooks, the playback hooks and progress.
+  // startMs: where playback starts (the trigger's offset); endMs: unused.
+  uint8_t* render_number_with_progress(int32_t first, int32_t last, int32_t* size, Progress progress, double startMs,
+                                       double endMs);
+  uint8_t* render_with_progress(int32_t* size, Progress progress);
+  uint8_t* render_all(int32_t* size);
+  // render_number_with_progress on a background thread; 0 (nothing
+  // started) when a render is running. render_thread_join waits for it and
+  // returns its block.
+  int32_t render_number_with_progress_thread(int32_t first, int32_t last, int32_t* size, Progress progress,
+                                             double startMs, double endMs);
+  uint8_t* render_thread_join(int32_t* size);
+  // Asks a running render to stop and waits (20 msec steps) until it has.
+  int32_t render_stop();
+
   // --- Curves --------------------------------------------------------------
   // Builds _pitch/_pitchlen and Exprs/ExprsCount of every sounding note;
   // needs _pos, _preuttr, _stp and _truelen from the note preparation.
@@ -170,6 +222,17 @@ class ctonm2 {
   double earlyStartScale = 1.0;
   double earlyStartOffset = 0.0;
   pthread_mutex_t mixMutex;
+  void* progressContext = nullptr;  // handed to every callback below
+  // Playback: hands the block over and starts playing; reports how far
+  // the render has got; progress of the render. Null when not playing.
+  void (*playTrigger)(void* context, uint8_t* block, int32_t offsetBytes, int32_t lengthBytes,
+                      int32_t playOffset) = nullptr;
+  void (*renderPosition)(void* context, double msec) = nullptr;
+  Progress progressHook = nullptr;
+  // The render cache (null: none): a note's resampled buffer by index and
+  // contents; get returns a malloc block of *bytes, put stores bytes.
+  double* (*cacheGet)(int32_t index, const NoteData* note, int32_t* bytes) = nullptr;
+  void (*cachePut)(int32_t index, const NoteData* note, const double* data, int32_t bytes) = nullptr;
 
   char* audioTrack = nullptr;     // owned
   cvoiceset* voiceset = nullptr;  // not owned

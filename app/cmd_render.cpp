@@ -1,0 +1,191 @@
+// tona render PROJECT [-o OUT.wav] [--jobs N] [--from TICK] [--to TICK]
+//                     [--no-cache] [--voice-dir DIR] [--log-level N]
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/args.h"
+#include "app/command.h"
+#include "app/progress.h"
+#include "app/safe_output.h"
+#include "app/subcommands.h"
+#include "editing/noteman.h"
+#include "editing/scaleman.h"
+#include "engine/sntman.h"
+#include "render/cache.h"
+#include "support/log.h"
+#include "support/userdirs.h"
+
+const char kRenderUsage[] =
+    "usage: tona render PROJECT [-o OUT.wav] [--jobs N] [--from TICK] [--to TICK]\n"
+    "                   [--no-cache] [--voice-dir DIR] [--log-level N]\n"
+    "\n"
+    "Renders a project to a 16-bit mono 44.1 kHz WAV file: by default the\n"
+    "project's output file, or the project's name with \".wav\".\n"
+    "  -o OUT.wav       the output file\n"
+    "  --jobs N         render on N threads (default: the number of cores);\n"
+    "                   1 renders on one thread with the render cache\n"
+    "  --from, --to     render only the notes starting in [FROM, TO) ticks\n"
+    "  --no-cache       do not read or write the render cache\n"
+    "  --voice-dir DIR  the voice bank to sing with (default: the project's;\n"
+    "                   a relative folder is taken from the project's folder)\n"
+    "  --log-level N    log to stderr up to level N (1 errors .. 6 everything)\n"
+    "Ctrl-C stops the render and writes nothing.\n";
+
+namespace {
+
+ctonm2* interruptedEngine = nullptr;
+volatile sig_atomic_t interrupted = 0;
+
+void onInterrupt(int) {
+  interrupted = 1;
+  if (interruptedEngine != nullptr) interruptedEngine->renderState.store(2);  // lock-free: safe here
+}
+
+double* cacheGet(int32_t index, const NoteData* note, int32_t* bytes) { return CCacheSys::getCache(index, note, bytes); }
+
+void cachePut(int32_t index, const NoteData* note, const double* data, int32_t bytes) {
+  CCacheSys::putCache(index, note, data, bytes);
+}
+
+void onProgress(void* context, int32_t done, int32_t total) {
+  if (total > 0) static_cast<ProgressBar*>(context)->update(done);
+}
+
+std::string folderOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
+}
+
+}  // namespace
+
+int runRender(int argc, char** argv) {
+  const Command& command = *findCommand("render");
+  std::string output, jobsText, fromText, toText, voiceDir, levelText;
+  bool noCache = false;
+  ArgParser parser(command);
+  parser.option("-o", &output);
+  parser.option("--output", &output);
+  parser.option("--jobs", &jobsText);
+  parser.option("--from", &fromText);
+  parser.option("--to", &toText);
+  parser.option("--voice-dir", &voiceDir);
+  parser.option("--log-level", &levelText);
+  parser.flag("--no-cache", &noCache);
+  std::vector<std::string> args;
+  const int status = parser.parse(argc, argv, &args, 1, 1);
+  if (status >= 0) return status;
+  long jobs = static_cast<long>(std::max(1u, std::thread::hardware_concurrency()));
+  long from = 0, to = INT32_MAX, level = 1;
+  if (!jobsText.empty() && !parseInt(jobsText, 1, 64, &jobs)) return usageError(command, "--jobs takes 1 to 64");
+  if (!fromText.empty() && !parseInt(fromText, 0, INT32_MAX, &from)) return usageError(command, "--from takes ticks");
+  if (!toText.empty() && !parseInt(toText, 0, INT32_MAX, &to)) return usageError(command, "--to takes ticks");
+  if (!levelText.empty() && !parseInt(levelText, 0, 6, &level)) return usageError(command, "--log-level takes 0 to 6");
+  if (from >= to) return usageError(command, "--from must come before --to");
+  log_init(nullptr, levelText.empty() && getenv("tonm_log_level") != nullptr ? nullptr : std::to_string(level).c_str());
+
+  // Open the project as the editor does.
+  const std::string& project = args[0];
+  const std::string voices = userFolder(UserFolder::kVoice);
+  CScaleMan scale;
+  CNoteMan manager(&scale);
+  ctonm2& engine = *manager.engine();
+  if (manager.openSnt(project.c_str(), voices.c_str()) < 0) {
+    fprintf(stderr, "tona render: cannot open '%s'\n", project.c_str());
+    return kExitFailure;
+  }
+  std::string bank = voiceDir.empty() ? std::string(engine.voiceDir) : voiceDir;
+  if (!bank.empty() && bank[0] != '/') bank = folderOf(project) + "/" + bank;
+  engine.set_voiceDir(bank.c_str());
+  CSntMan loader(&engine, voices.c_str());
+  if (bank.empty() || loader.readVoiceset(engine.voiceDir) < 1) {
+    fprintf(stderr, "tona render: no voice bank at '%s'\n", bank.empty() ? "(none given)" : engine.voiceDir);
+    return kExitFailure;
+  }
+  engine.preparationNotes();
+  engine.makePitchMode2();
+
+  // The notes that start in [from, to).
+  int32_t first = -1, last = -1;
+  long long start = 0;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    start += engine.notes[i].Delta;
+    if (start >= from && start < to) {
+      if (first < 0) first = i;
+      last = i;
+    }
+  }
+  int missing = 0;
+  for (int32_t i = std::max(first, 0); i <= last; ++i) {
+    const NoteData& note = engine.notes[i];
+    if (!ctonm2::is_r(note.Lyric) && note.VoiceFile == nullptr) {
+      if (missing++ == 0) fprintf(stderr, "warning: notes without a voice entry (they stay silent):\n");
+      fprintf(stderr, "  note %d '%s' at %s\n", i, note.Lyric, std::to_string(note.NoteNum).c_str());
+    }
+  }
+  if (first < 0) {
+    fprintf(stderr, "tona render: no note starts in the range asked\n");
+    return kExitFailure;
+  }
+
+  interruptedEngine = &engine;
+  struct sigaction action;
+  memset(&action, 0, sizeof action);
+  action.sa_handler = onInterrupt;
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+
+  int32_t size = 0;
+  uint8_t* block = nullptr;
+  {
+    ProgressBar bar("rendering", last - first + 1);
+    engine.progressContext = &bar;
+    if (jobs == 1) {
+      if (!noCache) {
+        engine.cacheGet = cacheGet;
+        engine.cachePut = cachePut;
+      }
+      block = engine.render_number_with_progress(first, last, &size, onProgress, 0.0, 0.0);
+    } else {
+      block = engine.render_number_by_thread(first, last, &size, static_cast<int32_t>(jobs), onProgress);
+    }
+    engine.progressContext = nullptr;
+  }
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  interruptedEngine = nullptr;
+  if (interrupted) {
+    free(block);
+    fprintf(stderr, "tona render: stopped; nothing written\n");
+    return 130;
+  }
+  if (block == nullptr) {
+    fprintf(stderr, "tona render: nothing to render (no sounding note)\n");
+    return kExitFailure;
+  }
+
+  if (output.empty()) output = engine.outfile;
+  if (output.empty()) {
+    const size_t dot = project.rfind('.');
+    const size_t slash = project.rfind('/');
+    output = (dot != std::string::npos && (slash == std::string::npos || dot > slash) ? project.substr(0, dot) : project) +
+             ".wav";
+  }
+  SafeOutput file(output);
+  FILE* out = file.path().empty() ? nullptr : fopen(file.path().c_str(), "wb");
+  bool written = out != nullptr && fwrite(block, 1, static_cast<size_t>(size) + 8, out) == static_cast<size_t>(size) + 8;
+  if (out != nullptr) written = fclose(out) == 0 && written;
+  free(block);
+  if (!written || !file.commit()) {
+    fprintf(stderr, "tona render: cannot write '%s'\n", output.c_str());
+    return kExitFailure;
+  }
+  const double seconds = (size + 8 - 48) / 2 / 44100.0;
+  fprintf(stderr, "wrote '%s' (%.2f s)\n", output.c_str(), seconds);
+  return kExitOk;
+}

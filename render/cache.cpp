@@ -1,0 +1,127 @@
+#include "render/cache.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "editing/noteserial.h"
+#include "support/log.h"
+#include "support/md5.h"
+#include "support/userdirs.h"
+#include "voicebank/voiceset.h"
+
+namespace {
+
+// What the note arrangement decided for the note, beyond the note itself.
+struct RenderTiming {
+  float notelen, truelen, preuttr, overlap, stp, stptrim, tempo;
+  float entry[5];  // offset, consonant, blank, pre-utterance, overlap
+};
+
+std::string soundName(const NoteData* note) {
+  if (note->VoiceFile == nullptr) return note->Lyric;
+  std::string name = note->VoiceFile;
+  for (char& c : name) {
+    if (c == '/') c = '_';
+  }
+  const size_t dot = name.rfind('.');
+  if (dot != std::string::npos) name.erase(dot);
+  return name;
+}
+
+template <class Visit>
+void forEachCacheFile(Visit visit) {
+  const std::string dir = CCacheSys::folder();
+  DIR* listing = opendir(dir.c_str());
+  if (listing == nullptr) return;
+  while (struct dirent* item = readdir(listing)) {
+    if (item->d_name[0] == '.') continue;
+    visit(dir + "/" + item->d_name, std::string(item->d_name));
+  }
+  closedir(listing);
+}
+
+}  // namespace
+
+std::string CCacheSys::folder() { return userFolder(UserFolder::kCache); }
+
+std::string CCacheSys::getCacheName(int32_t index, const NoteData* note) {
+  Md5 md5;
+  std::vector<uint8_t> packed(static_cast<size_t>(CNoteSerial::serialLength(note)));
+  CNoteSerial::serialize(note, packed.data());
+  md5.update(packed.data(), packed.size());
+  if (note->_pitch != nullptr && note->_pitchlen > 0) {
+    md5.update(note->_pitch, sizeof(float) * static_cast<size_t>(note->_pitchlen));
+  }
+  RenderTiming timing = {note->_notelen, note->_truelen, note->_preuttr, note->_overlap, note->_stp, note->stptrim, note->_tempo,
+            {0, 0, 0, 0, 0}};
+  if (note->VoiceFile != nullptr) {
+    const VoiceData* entry = reinterpret_cast<const VoiceData*>(note->VoiceFile);
+    const float values[5] = {entry->offset, entry->fixed, entry->blank, entry->preuttr, entry->overlap};
+    memcpy(timing.entry, values, sizeof values);
+  }
+  md5.update(&timing, sizeof timing);
+  uint8_t digest[16];
+  md5.finish(digest);
+  const std::string digestText = base62(digest);
+  log_printf(5, "cache name: %d_%s_%s.raw\n", index, soundName(note).c_str(), digestText.c_str());
+  return std::to_string(index) + "_" + soundName(note) + "_" + digestText + ".raw";
+}
+
+bool CCacheSys::isCached(int32_t index, const NoteData* note) {
+  struct stat info;
+  return stat((folder() + "/" + getCacheName(index, note)).c_str(), &info) == 0;
+}
+
+double* CCacheSys::getCache(int32_t index, const NoteData* note, int32_t* size) {
+  if (size != nullptr) *size = 0;
+  FILE* file = fopen((folder() + "/" + getCacheName(index, note)).c_str(), "rb");
+  if (file == nullptr) return nullptr;
+  struct stat info;
+  double* data = nullptr;
+  if (fstat(fileno(file), &info) == 0 && info.st_size > 0 && info.st_size < (1LL << 31)) {
+    const size_t bytes = static_cast<size_t>(info.st_size);
+    data = static_cast<double*>(malloc(bytes));
+    if (data != nullptr && fread(data, 1, bytes, file) == bytes) {
+      if (size != nullptr) *size = static_cast<int32_t>(bytes);
+    } else {
+      free(data);
+      data = nullptr;
+    }
+  }
+  fclose(file);
+  return data;
+}
+
+int32_t CCacheSys::putCache(int32_t index, const NoteData* note, const double* data, int32_t size) {
+  const std::string dir = folder();
+  if (!makeFolders(dir) || data == nullptr || size <= 0) return -1;
+  const std::string path = dir + "/" + getCacheName(index, note);
+  deleteCache(index);
+  // Written under another name first, so that no half file is ever read.
+  const std::string temporary = path + ".part";
+  FILE* file = fopen(temporary.c_str(), "wb");
+  if (file == nullptr) return -1;
+  const bool written = fwrite(data, 1, static_cast<size_t>(size), file) == static_cast<size_t>(size);
+  if (fclose(file) != 0 || !written || rename(temporary.c_str(), path.c_str()) != 0) {
+    unlink(temporary.c_str());
+    return -1;
+  }
+  return 0;
+}
+
+void CCacheSys::deleteCache(int32_t index) {
+  const std::string prefix = std::to_string(index) + "_";
+  forEachCacheFile([&](const std::string& path, const std::string& name) {
+    if (name.compare(0, prefix.size(), prefix) == 0) unlink(path.c_str());
+  });
+}
+
+void CCacheSys::deleteCacheAll() {
+  forEachCacheFile([](const std::string& path, const std::string&) { unlink(path.c_str()); });
+}

@@ -1,0 +1,363 @@
+// Render drivers: a range of notes into one mix block, on worker threads
+// or on one thread with progress, the cache and the playback hooks.
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "engine/ctonm2.h"
+#include "render/resampler.h"
+#include "support/log.h"
+
+int32_t Thread_N = 4;
+
+namespace {
+
+constexpr int32_t kMaxThreads = 8;
+constexpr int32_t kHeadBytes = 48;
+
+void putLittle32(uint8_t* at, uint32_t value) {
+  for (int k = 0; k < 4; ++k) at[k] = static_cast<uint8_t>(value >> (8 * k));
+}
+void putLittle16(uint8_t* at, uint16_t value) {
+  at[0] = static_cast<uint8_t>(value);
+  at[1] = static_cast<uint8_t>(value >> 8);
+}
+
+// The canonical 44-byte header at the start of the block. The samples
+// start 4 bytes later, so the data chunk as declared begins with those 4
+// zero bytes and ends two samples short of the mix.
+void writeHeader(uint8_t* block, int32_t samples) {
+  const uint32_t blockSize = static_cast<uint32_t>(samples) * 2 + kHeadBytes;
+  memcpy(block, "RIFF", 4);
+  putLittle32(block + 4, blockSize - 8);
+  memcpy(block + 8, "WAVEfmt ", 8);
+  putLittle32(block + 16, 16);
+  putLittle16(block + 20, 1);
+  putLittle16(block + 22, 1);
+  putLittle32(block + 24, 44100);
+  putLittle32(block + 28, 88200);
+  putLittle16(block + 32, 2);
+  putLittle16(block + 34, 16);
+  memcpy(block + 36, "data", 4);
+  putLittle32(block + 40, static_cast<uint32_t>(samples) * 2);
+}
+
+// The render's length in msec and how many notes sound.
+struct Extent {
+  double lead = 0.0;
+  double length = 0.0;
+  int32_t sounding = 0;
+};
+
+Extent extentOf(const ctonm2& engine, int32_t first, int32_t last) {
+  Extent extent;
+  const NoteData& head = engine.notes[first];
+  if (head._preuttr > head._delta) extent.lead = head._preuttr - head._delta;
+  double running = 0.0;
+  for (int32_t i = first; i <= last; ++i) {
+    const NoteData& note = engine.notes[i];
+    running += note._delta;
+    extent.length = std::max(extent.length, extent.lead + running + note._notelen);
+    if (!ctonm2::is_r(note.Lyric)) ++extent.sounding;
+  }
+  return extent;
+}
+
+// A zeroed block for a render of `length` msec; its sample count in *samples.
+uint8_t* allocateMix(double length, int32_t* samples) {
+  *samples = static_cast<int32_t>(length * 0.001 * 44100.0 + 1.0);
+  uint8_t* block = static_cast<uint8_t*>(calloc(static_cast<size_t>(*samples) * 2 + kHeadBytes, 1));
+  if (block == nullptr) log_printf(1, "Not enough memories(render)\n");
+  return block;
+}
+
+float tempoBefore(const ctonm2& engine, int32_t first) {
+  float t = engine.tempo;
+  for (int32_t k = 0; k < first; ++k) {
+    if (engine.notes[k].Tempo != 0.0f) t = engine.notes[k].Tempo;
+  }
+  return t;
+}
+
+struct Worker {
+  ctonm2* engine;
+  int32_t number;
+  int32_t samples;
+  int16_t* mix;
+  std::atomic<int32_t> state{0};  // 0 created, 1 running, 2 finished, 3 joined
+  int32_t first, last;
+  double start;
+  float tempo;
+  ctonm2::Progress progress;
+  std::atomic<int32_t>* done;
+  int32_t total;
+  pthread_t thread;
+};
+
+void* workerMain(void* argument) {
+  Worker& w = *static_cast<Worker*>(argument);
+  ctonm2& engine = *w.engine;
+  w.state = 1;
+  double position = w.start;
+  float t = w.tempo;
+  for (int32_t i = w.first; i <= w.last; ++i) {
+    if (engine.renderState.load() == 2) break;
+    const NoteData& note = engine.notes[i];
+    // Every worker walks every note to keep the position: the lead plus
+    // the _delta of every note up to this one, the timeline the render's
+    // length is measured on (so the first note's consonant is not cut).
+    position += note._delta;
+    if (note.Tempo != 0.0f) t = note.Tempo;
+    if (ctonm2::is_r(note.Lyric) || i % Thread_N != w.number) continue;
+    double length = static_cast<double>(note._notelen) + note._preuttr + note._stp;
+    if (i + 1 < engine.noteCount) length += engine.notes[i + 1]._overlap - engine.notes[i + 1]._preuttr;
+    if (note.VoiceFile != nullptr) {
+      if (errorlevel > 3) {
+        log_printf(4, "(%d/%d/%s) voice file='%s'\n", i, w.last, note.Lyric, note.VoiceFile);
+      } else {
+        log_printf(3, "(%d/%d/%s)\n", i, w.last, note.Lyric);
+      }
+      engine.arrange_n(w.mix, position, i, length, w.samples, note.layer, t);
+    } else {
+      log_printf(2, "(%d/%d/%s) no voice data.\n", i, w.last, note.Lyric);
+    }
+    if (w.progress != nullptr) w.progress(engine.progressContext, ++*w.done, w.total);
+  }
+  w.state = 2;
+  return nullptr;
+}
+
+// The one background render: its arguments and result.
+struct BackgroundRender {
+  ctonm2* engine = nullptr;
+  int32_t first = 0, last = 0;
+  ctonm2::Progress progress = nullptr;
+  double startMs = 0.0, endMs = 0.0;
+  uint8_t* block = nullptr;
+  int32_t size = 0;
+  pthread_t thread;
+  bool started = false;
+};
+BackgroundRender background;
+
+void* backgroundMain(void*) {
+  background.block = background.engine->render_number_with_progress(background.first, background.last, &background.size,
+                                                                     background.progress, background.startMs,
+                                                                     background.endMs);
+  return nullptr;
+}
+
+}  // namespace
+
+uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* size, int32_t threads, Progress progress) {
+  if (size != nullptr) *size = 0;
+  init_render(44100);
+  Thread_N = std::clamp(threads, 1, kMaxThreads);
+  log_printf(4, "threads : %ld\n", static_cast<long>(Thread_N));
+  last = std::min(last, noteCount - 1);
+  if (first < 0 || first > last || first > noteCount) return nullptr;
+  const Extent extent = extentOf(*this, first, last);
+  if (extent.sounding == 0 || extent.length <= 0.0) {
+    free_pitch();
+    return nullptr;
+  }
+  log_printf(4, "rendering length : %.3lf ms\n", extent.length);
+  int32_t samples = 0;
+  uint8_t* block = allocateMix(extent.length, &samples);
+  if (block == nullptr) return nullptr;
+  int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
+
+  renderState = 1;
+  std::atomic<int32_t> done{0};
+  std::vector<Worker> workers(static_cast<size_t>(Thread_N));
+  const float startTempo = tempoBefore(*this, first);
+  for (int32_t t = 0; t < Thread_N; ++t) {
+    Worker& w = workers[static_cast<size_t>(t)];
+    w.engine = this;
+    w.number = t;
+    w.samples = samples;
+    w.mix = mix;
+    w.first = first;
+    w.last = last;
+    w.start = extent.lead;
+    w.tempo = startTempo;
+    w.progress = progress;
+    w.done = &done;
+    w.total = extent.sounding;
+    if (pthread_create(&w.thread, nullptr, workerMain, &w) != 0) {
+      workerMain(&w);  // no thread to be had: do its share here
+      w.state = 3;
+      continue;
+    }
+    while (w.state.load() == 0) usleep(1000);
+  }
+  for (bool running = true; running;) {
+    running = false;
+    for (Worker& w : workers) {
+      if (w.state.load() == 2) {
+        pthread_join(w.thread, nullptr);
+        w.state = 3;
+      }
+      running |= w.state.load() == 1;
+    }
+    if (running) usleep(1000);
+  }
+  for (Worker& w : workers) {
+    if (w.state.load() == 2) pthread_join(w.thread, nullptr);
+  }
+  writeHeader(block, samples);
+  free_pitch();
+  renderState = 0;
+  if (size != nullptr) *size = samples * 2 + kHeadBytes - 8;
+  return block;
+}
+
+uint8_t* ctonm2::render_by_thread(int32_t* size, int32_t threads, Progress progress) {
+  return render_number_by_thread(0, noteCount - 1, size, threads, progress);
+}
+
+uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_t* size, Progress progress,
+                                             double startMs, double) {
+  if (size != nullptr) *size = 0;
+  last = std::min(last, noteCount - 1);
+  if (first < 0 || first > last) {
+    free_pitch();
+    renderState = 0;
+    return nullptr;
+  }
+  renderState = 1;
+  free(prevBuffer);
+  prevBuffer = nullptr;
+  prevCount = 0;
+  prevLengthMs = 0.0;
+
+  init_render(44100);
+  const Extent extent = extentOf(*this, first, last);
+  log_printf(4, "rendering length : %lf ms\n", extent.length);
+  int32_t samples = 0;
+  uint8_t* block = extent.length > 0.0 ? allocateMix(extent.length, &samples) : nullptr;
+  if (block == nullptr) {
+    free_pitch();
+    renderState = 0;
+    return nullptr;
+  }
+  int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
+  const int32_t total = last - first + 1;
+  if (progress != nullptr) progress(progressContext, 0, total);
+  if (progressHook != nullptr) progressHook(progressContext, 0, total);
+  const auto began = std::chrono::steady_clock::now();
+  const bool playing = playTrigger != nullptr;
+  const bool useCache = cacheGet != nullptr || cachePut != nullptr;
+
+  double position = extent.lead;
+  float t = tempoBefore(*this, first);
+  double rendered = 0.0;  // msec of audio rendered
+  int32_t done = 0;
+  for (int32_t i = first; i <= last && renderState.load() != 2; ++i) {
+    NoteData& note = notes[i];
+    position += note._delta;  // the same timeline as the render's length
+    if (note.Tempo != 0.0f) t = note.Tempo;
+    const bool layerOn = note.layer >= 0 && note.layer < kLayerCount && layerEnabled[note.layer] != 0;
+    const bool layerChosen = playTrigger != nullptr || currentLayer == -1 || note.layer == currentLayer;
+    if (!is_r(note.Lyric) && layerOn && layerChosen) {
+      const double length = static_cast<double>(note._truelen) + note._preuttr + note._stp;
+      if (note.VoiceFile != nullptr) {
+        if (errorlevel > 3) {
+          log_printf(4, "(%d/%d/%s) voice file='%s' ql=%f tl=%f\n", i, last, note.Lyric, note.VoiceFile, length,
+                     note._truelen);
+        } else {
+          log_printf(3, "(%d/%d/%s)\n", i, last, note.Lyric);
+        }
+        if (renderPosition != nullptr) renderPosition(progressContext, position);
+        arrange_note(mix, position, i, length, samples, note.layer, t, useCache);
+        rendered += length;
+      } else {
+        log_printf(2, "(%d/%d/%s) no voice data.\n", i, last, note.Lyric);
+      }
+    }
+    ++done;
+    if (progress != nullptr) progress(progressContext, done, total);
+    if (progressHook != nullptr) progressHook(progressContext, done, total);
+
+    // Playback starts early once the render is safely ahead: the time the
+    // rest would take at the rate so far, scaled by earlyStartScale and
+    // lengthened by earlyStartOffset (msec), must be below the time there
+    // is still to play.
+    if (playTrigger != nullptr) {
+      const double wall = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
+      const double toPlay = extent.length - startMs;
+      const double remaining =
+          rendered > 0.0 ? wall / rendered * std::max(0.0, extent.length - rendered) * earlyStartScale + earlyStartOffset
+                         : HUGE_VAL;
+      if (done == total || (done >= 3 && wall >= 700.0 && rendered > 1000.0 && remaining < toPlay)) {
+        const int32_t offset = static_cast<int32_t>(std::lround(startMs * 0.001 * 44100.0)) * 2 + 44;
+        writeHeader(block, samples);
+        playTrigger(progressContext, block, offset, samples * 2 + kHeadBytes, static_cast<int32_t>(startMs));
+        playTrigger = nullptr;
+        if (progress != nullptr) progress(progressContext, 0, 0);
+        progress = nullptr;
+      }
+    }
+  }
+  if (renderPosition != nullptr) renderPosition(progressContext, 0.0);
+  free(prevBuffer);
+  prevBuffer = nullptr;
+  // A stopped render still gets its header: the mix holds the notes
+  // rendered before the stop, the rest is silence.
+  if (!playing) writeHeader(block, samples);
+  free_pitch();
+  renderState = 0;
+  if (size != nullptr) *size = samples * 2 + kHeadBytes - 8;
+  return block;
+}
+
+uint8_t* ctonm2::render_with_progress(int32_t* size, Progress progress) {
+  return render_number_with_progress(0, noteCount - 1, size, progress, 0.0, 0.0);
+}
+
+uint8_t* ctonm2::render_all(int32_t* size) { return render_with_progress(size, nullptr); }
+
+int32_t ctonm2::render_number_with_progress_thread(int32_t first, int32_t last, int32_t* size, Progress progress,
+                                                   double startMs, double endMs) {
+  if (renderState.load() != 0 || background.started) return 0;
+  renderState = 1;
+  background.engine = this;
+  background.first = first;
+  background.last = last;
+  background.progress = progress;
+  background.startMs = startMs;
+  background.endMs = endMs;
+  background.block = nullptr;
+  background.size = 0;
+  if (pthread_create(&background.thread, nullptr, backgroundMain, nullptr) != 0) {
+    renderState = 0;
+    return 0;
+  }
+  background.started = true;
+  if (size != nullptr) *size = 0;
+  return 1;
+}
+
+uint8_t* ctonm2::render_thread_join(int32_t* size) {
+  if (!background.started) return nullptr;
+  pthread_join(background.thread, nullptr);
+  background.started = false;
+  if (size != nullptr) *size = background.size;
+  return background.block;
+}
+
+int32_t ctonm2::render_stop() {
+  int32_t state = renderState.load();
+  if (state == 0) return 0;
+  renderState = 2;
+  while ((state = renderState.load()) == 2) usleep(20000);
+  return state;
+}

@@ -1,0 +1,271 @@
+// Whole renders with a voice bank generated in the test.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "engine/ctonm2.h"
+#include "render/cache.h"
+#include "render/wavefile.h"
+#include "tests/engine/notes.h"
+#include "tests/testutil.h"
+#include "tests/voicebank/bank.h"
+#include "tests/voicebank/voice_signal.h"
+#include "voicebank/pitch.h"
+#include "voicebank/voiceset.h"
+
+namespace {
+
+struct FreeDeleter {
+  void operator()(void* p) const { free(p); }
+};
+using Block = std::unique_ptr<uint8_t, FreeDeleter>;
+
+// A bank of steady vowels "a" and "i" at 220 Hz (the "i" an octave higher
+// in formants is not needed: pitch is what is checked), and an engine at
+// 125 BPM (1 msec per tick) singing with it.
+class Render : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    bank_ = new TestBank;
+    VoiceSignal voice;
+    voice.f0 = 220.0;
+    voice.seconds = 1.5;
+    const std::vector<int16_t> samples = voice.render();
+    for (const char* name : {"a.wav", "i.wav"}) {
+      saveWaveFile((bank_->folder() + name).c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1,
+                   44100);
+      generateAnlyzeFiles((bank_->folder() + name).c_str(), 0);
+    }
+    bank_->write("oto.ini", "a.wav=a,50,60,-1400,40,10\ni.wav=i,50,60,-1400,40,10\n");
+  }
+  static void TearDownTestSuite() { delete bank_; }
+
+  void SetUp() override {
+    engine_.tempo = 125.0f;
+    engine_.set_voiceDir(bank_->path().c_str());
+    ASSERT_GT(voiceset_.read_voiceset(bank_->path().c_str()), 0);
+    engine_.voiceset = &voiceset_;
+  }
+  void add(const char* lyric, int noteNum, int delta, int length) {
+    NoteData note = makeNote(lyric, noteNum, delta, length);
+    note.PreUtterance = note.VoiceOverlap = NAN;
+    engine_.insert_note(engine_.noteCount, &note);
+  }
+  // Four notes with rests between them.
+  void buildSong() {
+    add("a", 57, 200, 400);
+    add("R", 57, 400, 0);
+    add("i", 60, 200, 400);
+    add("R", 57, 400, 0);
+    add("a", 64, 200, 400);
+    add("zz", 64, 600, 300);  // no voice entry
+  }
+  void prepare() {
+    engine_.preparationNotes();
+    engine_.makePitchMode2();
+  }
+  static std::vector<int16_t> samplesOf(const uint8_t* block, int32_t size) {
+    const int16_t* words = reinterpret_cast<const int16_t*>(block + 48);
+    return std::vector<int16_t>(words, words + (size + 8 - 48) / 2);
+  }
+  static double pitchAround(const std::vector<int16_t>& mix, double fromMs, double toMs) {
+    const int32_t first = static_cast<int32_t>(fromMs * 44.1), last = static_cast<int32_t>(toMs * 44.1);
+    std::vector<int16_t> part(mix.begin() + first, mix.begin() + last);
+    double* amplitudes = nullptr;
+    double average = 0.0;
+    const int32_t frames = static_cast<int32_t>(part.size());
+    double* f = bcfGetFrequencyList(&amplitudes, &average, frames, frames / 256, 44100, 1, part.data(), "");
+    free(f);
+    free(amplitudes);
+    return average;
+  }
+
+  static TestBank* bank_;
+  FakeHome home_;
+  ctonm2 engine_;
+  cvoiceset voiceset_;
+};
+
+TestBank* Render::bank_ = nullptr;
+
+double cents(double f, double target) { return 1200.0 * std::log2(f / target); }
+
+}  // namespace
+
+TEST_F(Render, MixLengthOnsetsAndPitches) {
+  buildSong();
+  prepare();
+  // Where the notes belong: the song's timeline, after a lead that makes
+  // room for a first consonant longer than the song's start.
+  std::vector<double> positions;
+  const double lead = std::max(0.0, static_cast<double>(engine_.notes[0]._preuttr) - engine_.notes[0]._delta);
+  double position = lead, length = 0.0;
+  for (int32_t i = 0; i < engine_.noteCount; ++i) {
+    position += engine_.notes[i]._delta;
+    positions.push_back(position);
+    length = std::max(length, position + engine_.notes[i]._notelen);
+  }
+  std::vector<float> preutterances;
+  for (int32_t i = 0; i < engine_.noteCount; ++i) preutterances.push_back(engine_.notes[i]._preuttr);
+
+  int32_t size = 0;
+  Block block(engine_.render_all(&size));
+  ASSERT_NE(block, nullptr);
+  const int32_t samples = static_cast<int32_t>(length * 0.001 * 44100.0 + 1.0);
+  EXPECT_EQ(size, samples * 2 + 48 - 8);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(block.get()), 4), "RIFF");
+  const std::vector<int16_t> mix = samplesOf(block.get(), size);
+
+  for (int32_t i : {0, 2, 4}) {
+    // The note's audio starts at its position less its pre-utterance.
+    const int64_t onset = static_cast<int64_t>(std::trunc((positions[i] - preutterances[i]) * 0.001 * 44100.0 + 0.5));
+    int64_t firstSound = onset - 200;
+    while (firstSound < static_cast<int64_t>(mix.size()) && mix[firstSound] == 0) ++firstSound;
+    EXPECT_NEAR(static_cast<double>(firstSound), static_cast<double>(onset), 2.0) << "note " << i;
+    EXPECT_NEAR(cents(pitchAround(mix, positions[i] + 80.0, positions[i] + 320.0), num2freq(engine_.notes[i].NoteNum)),
+                0.0, 15.0)
+        << "note " << i;
+  }
+  // The note without a voice entry leaves silence.
+  const int32_t silentFrom = static_cast<int32_t>((positions[5] + 50.0) * 44.1);
+  for (int32_t k = silentFrom; k < static_cast<int32_t>(mix.size()); ++k) ASSERT_EQ(mix[k], 0) << k;
+}
+
+TEST_F(Render, WorkerCountChangesOnlyTheOrderOfAdditions) {
+  buildSong();
+  prepare();
+  int32_t size2 = 0, size8 = 0;
+  Block two(engine_.render_by_thread(&size2, 2, nullptr));
+  prepare();  // a render frees the pitch curves
+  Block eight(engine_.render_by_thread(&size8, 12, nullptr));
+  extern int32_t Thread_N;
+  EXPECT_EQ(Thread_N, 8);  // 12 asked, 8 run
+  ASSERT_NE(two, nullptr);
+  ASSERT_EQ(size2, size8);
+  const std::vector<int16_t> a = samplesOf(two.get(), size2), b = samplesOf(eight.get(), size8);
+  for (size_t k = 0; k < a.size(); ++k) ASSERT_LE(std::abs(a[k] - b[k]), 1) << k;
+  prepare();
+  int32_t size1 = 0;
+  Block one(engine_.render_by_thread(&size1, 1, nullptr));
+  EXPECT_EQ(Thread_N, 1);
+  const std::vector<int16_t> c = samplesOf(one.get(), size1);
+  for (size_t k = 0; k < a.size(); ++k) ASSERT_LE(std::abs(a[k] - c[k]), 1) << k;
+}
+
+std::atomic<int> cacheHits{0};
+double* countingGet(int32_t index, const NoteData* note, int32_t* bytes) {
+  double* data = CCacheSys::getCache(index, note, bytes);
+  if (data != nullptr) ++cacheHits;
+  return data;
+}
+void plainPut(int32_t index, const NoteData* note, const double* data, int32_t bytes) {
+  CCacheSys::putCache(index, note, data, bytes);
+}
+
+TEST_F(Render, SecondRenderComesFromTheCache) {
+  buildSong();
+  engine_.cacheGet = countingGet;
+  engine_.cachePut = plainPut;
+  prepare();
+  int32_t first = 0, second = 0;
+  cacheHits = 0;
+  Block cold(engine_.render_all(&first));
+  EXPECT_EQ(cacheHits.load(), 0);
+  prepare();
+  Block warm(engine_.render_all(&second));
+  EXPECT_EQ(cacheHits.load(), 3);  // every sounding note with an entry
+  ASSERT_EQ(first, second);
+  EXPECT_EQ(0, memcmp(cold.get(), warm.get(), static_cast<size_t>(first) + 8));
+}
+
+TEST_F(Render, StopGivesAShorterValidMix) {
+  buildSong();
+  prepare();
+  // A progress callback that asks for a stop once the first note is done.
+  engine_.progressContext = &engine_;
+  int32_t size = 0;
+  Block block(engine_.render_number_with_progress(
+      0, engine_.noteCount - 1, &size,
+      [](void* context, int32_t done, int32_t) {
+        if (done == 1) static_cast<ctonm2*>(context)->renderState = 2;
+      },
+      0.0, 0.0));
+  ASSERT_NE(block, nullptr);
+  EXPECT_EQ(engine_.renderState.load(), 0);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(block.get()) + 8, 4), "WAVE");
+  const std::vector<int16_t> mix = samplesOf(block.get(), size);
+  EXPECT_TRUE(std::any_of(mix.begin(), mix.begin() + 10000, [](int16_t v) { return v != 0; }));
+  EXPECT_TRUE(std::all_of(mix.begin() + 40000, mix.end(), [](int16_t v) { return v == 0; }));
+
+  // In the background: render_stop waits until the render has ended.
+  prepare();
+  ASSERT_EQ(engine_.render_number_with_progress_thread(0, engine_.noteCount - 1, &size, nullptr, 0.0, 0.0), 1);
+  EXPECT_EQ(engine_.render_number_with_progress_thread(0, 1, &size, nullptr, 0.0, 0.0), 0);  // one at a time
+  EXPECT_EQ(engine_.render_stop(), 0);
+  Block background(engine_.render_thread_join(&size));
+  EXPECT_EQ(engine_.renderState.load(), 0);
+}
+
+TEST_F(Render, NothingToSing) {
+  add("R", 60, 100, 0);
+  add("", 60, 100, 0);
+  prepare();
+  int32_t size = 7;
+  EXPECT_EQ(engine_.render_by_thread(&size, 2, nullptr), nullptr);
+  EXPECT_EQ(engine_.render_number_by_thread(5, 2, &size, 2, nullptr), nullptr);
+  EXPECT_EQ(engine_.render_number_with_progress(3, 1, &size, nullptr, 0.0, 0.0), nullptr);
+}
+
+TEST_F(Render, NoteStartingBeforeTheMixIsClipped) {
+  add("a", 57, 0, 300);  // pre-utterance 40 before a note at 0: 40 msec of lead
+  prepare();
+  int32_t size = 0;
+  Block block(engine_.render_all(&size));
+  ASSERT_NE(block, nullptr);
+  const std::vector<int16_t> mix = samplesOf(block.get(), size);
+  EXPECT_NE(mix[100], 0);  // the lead makes room for the consonant
+}
+
+TEST_F(Render, CacheNamesFollowTheNote) {
+  buildSong();
+  prepare();
+  NoteData& note = engine_.notes[0];
+  free(note._pitch);
+  note._pitch = static_cast<float*>(calloc(8, sizeof(float)));
+  note._pitchlen = 8;
+  const std::string name = CCacheSys::getCacheName(0, &note);
+  EXPECT_EQ(name.rfind("0_a_", 0), 0u);
+  EXPECT_EQ(name.size(), std::string("0_a_").size() + 22 + 4);
+  note.Intensity = 90;
+  const std::string louder = CCacheSys::getCacheName(0, &note);
+  EXPECT_NE(louder, name);
+  note._pitch[3] += 1.0f;
+  EXPECT_NE(CCacheSys::getCacheName(0, &note), louder);
+  note._truelen += 10.0f;  // a longer rendered stretch is other audio
+  const std::string longer = CCacheSys::getCacheName(0, &note);
+  EXPECT_NE(longer, louder);
+
+  const double data[3] = {1.0, 2.0, 3.0};
+  ASSERT_EQ(CCacheSys::putCache(0, &note, data, sizeof data), 0);
+  EXPECT_TRUE(CCacheSys::isCached(0, &note));
+  note.Intensity = 80;
+  ASSERT_EQ(CCacheSys::putCache(0, &note, data, sizeof data), 0);
+  note.Intensity = 90;
+  EXPECT_FALSE(CCacheSys::isCached(0, &note));  // replaced: one file per index
+  int32_t bytes = 0;
+  EXPECT_EQ(CCacheSys::getCache(0, &note, &bytes), nullptr);
+  note.Intensity = 80;
+  double* back = CCacheSys::getCache(0, &note, &bytes);
+  ASSERT_NE(back, nullptr);
+  EXPECT_EQ(bytes, static_cast<int32_t>(sizeof data));
+  EXPECT_EQ(back[2], 3.0);
+  free(back);
+  CCacheSys::deleteCacheAll();
+  EXPECT_FALSE(CCacheSys::isCached(0, &note));
+}
