@@ -1,0 +1,141 @@
+// Whole renders of a generated 3-minute project of 400 notes (mixed
+// lengths, pitch lines, vibratos) with a generated five-vowel bank: cold
+// (empty cache, tables on disk) on 2 workers, and warm (every note from
+// the cache) on the single-threaded driver. "peak_rss_mb" is the process's
+// peak resident memory so far.
+#include <benchmark/benchmark.h>
+#include <sys/resource.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "engine/ctonm2.h"
+#include "render/cache.h"
+#include "render/wavefile.h"
+#include "tests/testutil.h"
+#include "tests/voicebank/voice_signal.h"
+#include "voicebank/pitch.h"
+#include "voicebank/voiceset.h"
+
+namespace {
+
+const char* const kVowels[5] = {"a", "i", "u", "e", "o"};
+
+struct Fixture {
+  TempDir bank;
+  FakeHome home;  // the render cache goes below a temporary home
+  Fixture() {
+    VoiceSignal voice;
+    voice.f0 = 220.0;
+    voice.seconds = 1.6;
+    std::string oto;
+    for (int v = 0; v < 5; ++v) {
+      voice.vibratoCents = 10.0 * v;
+      const std::vector<int16_t> samples = voice.render(static_cast<uint32_t>(v + 1));
+      const std::string path = bank.file(std::string(kVowels[v]) + ".wav");
+      saveWaveFile(path.c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1, 44100);
+      generateAnlyzeFiles(path.c_str(), 0);
+      oto += std::string(kVowels[v]) + ".wav=" + kVowels[v] + ",30,60,-1500,40,15\n";
+    }
+    writeFile(bank.file("oto.ini"), oto);
+  }
+};
+
+Fixture& fixture() {
+  static Fixture f;
+  return f;
+}
+
+// 400 notes at 120 BPM over about 3 minutes.
+void buildProject(ctonm2& engine, cvoiceset& voiceset) {
+  engine.free_snt();
+  engine.tempo = 120.0f;
+  engine.set_voiceDir(fixture().bank.path().c_str());
+  voiceset.read_voiceset(engine.voiceDir);
+  engine.voiceset = &voiceset;
+  const int lengths[4] = {240, 360, 480, 648};  // 432 ticks on average: 3 minutes
+  int previous = 480;
+  for (int i = 0; i < 400; ++i) {
+    NoteData note;
+    memset(&note, 0, sizeof note);
+    strcpy(note.Lyric, kVowels[i % 5]);
+    note.NoteNum = static_cast<int16_t>(55 + (i * 7) % 12);
+    note.Length = lengths[(i * 3) % 4];
+    note.Delta = previous;
+    previous = note.Length;
+    note.Velocity = 100.0f;
+    note.Intensity = 100;
+    note.Modulation = 100;
+    note.PreUtterance = note.VoiceOverlap = NAN;
+    ctonm2::default_env(note.Envelope);
+    note.PBS = static_cast<float*>(malloc(3 * sizeof(float)));
+    note.PBS[0] = 2.0f;
+    note.PBS[1] = -40.0f;
+    note.PBS[2] = 0.0f;
+    note.PBW = static_cast<float*>(malloc(2 * sizeof(float)));
+    note.PBW[0] = 1.0f;
+    note.PBW[1] = 60.0f;
+    if (note.Length >= 480) {
+      const int16_t vbr[10] = {65, 180, 35, 20, 20, 0, 0, 0, 0, 0};
+      memcpy(note.VBR, vbr, sizeof vbr);
+    }
+    engine.insert_note(engine.noteCount, &note);
+  }
+  engine.preparationNotes();
+  engine.makePitchMode2();
+}
+
+double* cacheGet(int32_t index, const NoteData* note, int32_t* bytes) { return CCacheSys::getCache(index, note, bytes); }
+void cachePut(int32_t index, const NoteData* note, const double* data, int32_t bytes) {
+  CCacheSys::putCache(index, note, data, bytes);
+}
+
+void report(benchmark::State& state, int32_t size) {
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  state.counters["peak_rss_mb"] = usage.ru_maxrss / 1024.0;
+  state.counters["song_seconds"] = (size + 8 - 48) / 2 / 44100.0;
+}
+
+void BM_RenderColdTwoWorkers(benchmark::State& state) {
+  fixture();
+  ctonm2 engine;
+  cvoiceset voiceset;
+  int32_t size = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    buildProject(engine, voiceset);
+    state.ResumeTiming();
+    uint8_t* block = engine.render_by_thread(&size, 2, nullptr);
+    benchmark::DoNotOptimize(block);
+    free(block);
+  }
+  report(state, size);
+}
+
+void BM_RenderWarmFromCache(benchmark::State& state) {
+  fixture();
+  ctonm2 engine;
+  cvoiceset voiceset;
+  engine.cacheGet = cacheGet;
+  engine.cachePut = cachePut;
+  buildProject(engine, voiceset);
+  int32_t size = 0;
+  free(engine.render_all(&size));  // fills the cache
+  for (auto _ : state) {
+    state.PauseTiming();
+    buildProject(engine, voiceset);
+    state.ResumeTiming();
+    uint8_t* block = engine.render_all(&size);
+    benchmark::DoNotOptimize(block);
+    free(block);
+  }
+  report(state, size);
+}
+
+}  // namespace
+
+BENCHMARK(BM_RenderColdTwoWorkers)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_RenderWarmFromCache)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);

@@ -1,0 +1,84 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "render/wavefile.h"
+#include "tests/testutil.h"
+#include "tests/voicebank/bank.h"
+#include "tests/voicebank/voice_signal.h"
+
+namespace {
+
+class RenderCommand : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    VoiceSignal voice;
+    voice.seconds = 1.0;
+    const std::vector<int16_t> samples = voice.render();
+    saveWaveFile((bank_.folder() + "a.wav").c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1,
+                 44100);
+    bank_.write("oto.ini", "a.wav=a,30,60,-900,40,10\n");
+    // The voice folder is relative: it is taken from the project's folder.
+    project_ = bank_.path() + "/../" + name() + ".snt";
+    writeFile(project_,
+              "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120\nVoiceDir=" + bankName() +
+                  "\n[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n"
+                  "[#0001]\nDelta=480\nDuration=480\nLyric=zz\nNoteNum=57\n"
+                  "[#0002]\nDelta=480\nDuration=960\nLyric=a\nNoteNum=62\n[#TRACKEND]\n");
+  }
+  void TearDown() override {
+    remove(project_.c_str());
+    remove((project_.substr(0, project_.size() - 4) + ".wav").c_str());
+  }
+  std::string bankName() const { return bank_.path().substr(bank_.path().rfind('/') + 1); }
+  std::string name() const { return "tona-render-" + bankName(); }
+
+  FakeHome home_;
+  TestBank bank_;
+  std::string project_;
+};
+
+}  // namespace
+
+TEST_F(RenderCommand, WritesTheSongNextToTheProject) {
+  RunResult run = runTona({"render", project_, "--jobs", "2"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.err.find("note 1 'zz'"), std::string::npos) << run.err;  // listed once
+  EXPECT_EQ(run.err.find("note 0"), std::string::npos);
+  const std::string output = project_.substr(0, project_.size() - 4) + ".wav";
+  WaveFormat format = {};
+  int32_t bytes = 0;
+  int16_t* samples = loadWaveFile(output.c_str(), &format, 0, &bytes);
+  ASSERT_NE(samples, nullptr);
+  free(samples);
+  EXPECT_EQ(format.sampleRate, 44100u);
+  EXPECT_EQ(format.bitsPerSample, 16);
+  EXPECT_GT(bytes, 44100 * 2 * 2);  // more than two seconds
+}
+
+TEST_F(RenderCommand, OneJobUsesTheCacheAndGivesTheSameSamples) {
+  const std::string first = bank_.folder() + "first.wav", second = bank_.folder() + "second.wav";
+  ASSERT_EQ(runTona({"render", project_, "-o", first, "--jobs", "1"}).status, 0);
+  RunResult warm = runTona({"render", project_, "-o", second, "--jobs", "1", "--log-level", "5"});
+  ASSERT_EQ(warm.status, 0);
+  size_t hits = 0;
+  for (size_t at = warm.err.find("get:"); at != std::string::npos; at = warm.err.find("get:", at + 1)) ++hits;
+  EXPECT_EQ(hits, 2u);
+  EXPECT_EQ(readFile(first), readFile(second));
+  EXPECT_EQ(runTona({"render", project_, "-o", second, "--jobs", "1", "--no-cache", "--from", "960"}).status, 0);
+  EXPECT_LT(readFile(second).size(), readFile(first).size());
+}
+
+TEST_F(RenderCommand, FailuresSayWhy) {
+  RunResult missing = runTona({"render", bank_.folder() + "absent.snt"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("cannot open"), std::string::npos);
+  RunResult noBank = runTona({"render", project_, "--voice-dir", "/nonexistent/bank"});
+  EXPECT_EQ(noBank.status, 1);
+  EXPECT_NE(noBank.err.find("no voice bank"), std::string::npos);
+  RunResult range = runTona({"render", project_, "--from", "100000"});
+  EXPECT_EQ(range.status, 1);
+  EXPECT_EQ(runTona({"render", project_, "--jobs", "0"}).status, 2);
+  EXPECT_EQ(runTona({"render", project_, "--from", "50", "--to", "10"}).status, 2);
+}
