@@ -72,6 +72,13 @@ Extent extentOf(const ctonm2& engine, int32_t first, int32_t last) {
 }
 
 // A zeroed block for a render of `length` msec; its sample count in *samples.
+// Marks a render as running: idle becomes 1; a running render (started
+// by the background launcher) or a stop already requested stays as it is.
+void markRunning(std::atomic<int32_t>& state) {
+  int32_t idle = 0;
+  state.compare_exchange_strong(idle, 1);
+}
+
 uint8_t* allocateMix(double length, int32_t* samples) {
   *samples = static_cast<int32_t>(length * 0.001 * 44100.0 + 1.0);
   uint8_t* block = static_cast<uint8_t*>(calloc(static_cast<size_t>(*samples) * 2 + kHeadBytes, 1));
@@ -175,7 +182,7 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
   if (block == nullptr) return nullptr;
   int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
 
-  renderState = 1;
+  markRunning(renderState);
   std::atomic<int32_t> done{0};
   std::vector<Worker> workers(static_cast<size_t>(Thread_N));
   const float startTempo = tempoBefore(*this, first);
@@ -233,7 +240,7 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
     renderState = 0;
     return nullptr;
   }
-  renderState = 1;
+  markRunning(renderState);
   free(prevBuffer);
   prevBuffer = nullptr;
   prevCount = 0;
