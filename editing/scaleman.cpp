@@ -1,5 +1,7 @@
 #include "editing/scaleman.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,7 +22,8 @@ void CScaleMan::resetScale() {
 }
 
 int32_t CScaleMan::findEntry(int32_t m, int32_t* start) const {
-  int32_t s = 0;
+  // Sums in 64 bits: a list read from a file may hold any counts.
+  int64_t s = 0;
   int32_t k = 0;
   for (; k < count_; ++k) {
     if (entries_[k].measures < 1 || s + entries_[k].measures > m) break;
@@ -30,7 +33,7 @@ int32_t CScaleMan::findEntry(int32_t m, int32_t* start) const {
     --k;
     s -= entries_[k].measures;
   }
-  *start = s;
+  *start = static_cast<int32_t>(s);
   return k;
 }
 
@@ -58,7 +61,8 @@ int32_t CScaleMan::addTimeSignature(int32_t measure, int32_t beats, int32_t note
   // Past the end of a list whose last entry has an end: the new one lasts.
   const bool last = entries_[k].measures < 1 || start + entries_[k].measures <= measure;
   memmove(&entries_[k + 2], &entries_[k + 1], sizeof(TimeSignature) * static_cast<size_t>(count_ - k - 1));
-  entries_[k + 1] = {beats, note, last ? 0 : start + entries_[k].measures - measure};
+  entries_[k + 1] = {beats, note,
+                    last ? 0 : static_cast<int32_t>(static_cast<int64_t>(start) + entries_[k].measures - measure)};
   entries_[k].measures = measure - start;
   ++count_;
   return count_;
@@ -69,14 +73,15 @@ int32_t CScaleMan::removeTimeSignature(int32_t measure) {
   const int32_t k = findEntry(measure, &start);
   if (k < 1 || k >= count_ || start != measure) return count_;
   TimeSignature& before = entries_[k - 1];
-  before.measures = entries_[k].measures < 1 ? 0 : before.measures + entries_[k].measures;
+  const int64_t joined = static_cast<int64_t>(before.measures) + entries_[k].measures;
+  before.measures = entries_[k].measures < 1 || joined > INT32_MAX ? 0 : static_cast<int32_t>(joined);
   memmove(&entries_[k], &entries_[k + 1], sizeof(TimeSignature) * static_cast<size_t>(count_ - k - 1));
   --count_;
   return count_;
 }
 
 void CScaleMan::initBoundary(int32_t quarterLength, int32_t* entryIndex) {
-  step_ = 4 * quarterLength;
+  step_ = static_cast<int32_t>(std::clamp<int64_t>(4LL * quarterLength, INT32_MIN, INT32_MAX));
   position_ = 0;
   current_ = 0;
   beatCounter_ = 0;
@@ -90,12 +95,12 @@ int32_t CScaleMan::nextBoundary(int32_t* beatInMeasure, int32_t* measureNumber, 
   const TimeSignature& entry = current_ < count_ ? entries_[current_] : fallback;
   const int32_t note = entry.note > 0 ? entry.note : 4;
   const int32_t beats = entry.beats > 0 ? entry.beats : 4;
-  position_ += step_ / note;
-  ++beatCounter_;
+  position_ = static_cast<int32_t>(std::min<int64_t>(static_cast<int64_t>(position_) + step_ / note, INT32_MAX));
+  if (beatCounter_ < INT32_MAX) ++beatCounter_;
   const int32_t beat = beatCounter_ % beats;
-  if (beat == 0) ++measureCounter_;
+  if (beat == 0 && measureCounter_ < INT32_MAX) ++measureCounter_;
   int32_t moved = -1;
-  if (entry.measures > 0 && beatCounter_ >= entry.measures * beats && current_ + 1 < count_) {
+  if (entry.measures > 0 && beatCounter_ >= static_cast<int64_t>(entry.measures) * beats && current_ + 1 < count_) {
     beatCounter_ = 0;
     ++current_;
     moved = current_;

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -164,7 +165,8 @@ int16_t* loadAiffFile(const char* path, WaveFormat* format, int32_t padding, int
       if (samples == nullptr) return nullptr;
       const long read = freade(samples, 2, static_cast<size_t>(words), in.file(), true);
       (void)read;  // the last word or two meet the end of the chunk: they stay 0
-      soundSize = size;
+      // The data size reported never exceeds the words in the block.
+      soundSize = static_cast<uint32_t>(std::min<long long>(size, words * 2 + 8));
     } else if (!in.skip(size)) {
       break;
     }

@@ -334,7 +334,8 @@ int32_t cvoiceset::name2num(const char* name) {
   if (*rest == '\0') return 0;
   int octave = 0;
   if (sscanf(rest, "%d", &octave) != 1) return 0;
-  return semitone + 12 * octave + 12;
+  const int64_t number = semitone + 12LL * octave + 12;
+  return number < INT32_MIN || number > INT32_MAX ? 0 : static_cast<int32_t>(number);
 }
 
 void cvoiceset::setVCCMParams(const char* head, const char* fallback, const char* const* prefixes,
