@@ -52,6 +52,22 @@ class SntWriter {
   CMultiByte cm_;
 };
 
+// The pitch line (its lines end in a bare LF in both forms), the first
+// `envelopeSlots` envelope values and the vibrato of a note.
+void writeCurves(SntWriter& out, const NoteData* note, int envelopeSlots) {
+  FILE* file = out.file();
+  CSntMan::fprintFloat(file, "PBS=", note->PBS, ";");
+  CSntMan::fprintFloat(file, "PBW=", note->PBW, ",");
+  CSntMan::fprintFloat(file, "PBY=", note->PBY, ",");
+  CSntMan::fprintChar(file, "PBM=", note->PBM, ",");
+  fputs("Envelope=", file);
+  for (int k = 0; k < envelopeSlots - 1; ++k) fprintf(file, "%0.1f,", note->Envelope[k]);
+  out.line("%0.1f", note->Envelope[envelopeSlots - 1]);
+  fputs("VBR=", file);
+  for (int k = 0; k < 9; ++k) fprintf(file, "%d,", note->VBR[k]);
+  out.line("%d", note->VBR[9]);
+}
+
 // Closes the file; 1 when everything reached it, else 0.
 int32_t finish(FILE* file) {
   const bool failed = ferror(file) != 0;
@@ -213,16 +229,7 @@ int32_t CSntMan::writeSnt2(const char* path) {
     out.line("Intensity=%u", static_cast<unsigned>(note->Intensity));
     out.line("Modulation=%d", note->Modulation);
     if (note->Flags[0] != '\0') out.line("Flags=%s", note->Flags);
-    fprintFloat(file, "PBS=", note->PBS, ";");
-    fprintFloat(file, "PBW=", note->PBW, ",");
-    fprintFloat(file, "PBY=", note->PBY, ",");
-    fprintChar(file, "PBM=", note->PBM, ",");
-    fputs("Envelope=", file);
-    for (int k = 0; k < 15; ++k) fprintf(file, "%0.1f,", note->Envelope[k]);
-    out.line("%0.1f", note->Envelope[15]);
-    fputs("VBR=", file);
-    for (int k = 0; k < 9; ++k) fprintf(file, "%d,", note->VBR[k]);
-    out.line("%d", note->VBR[9]);
+    writeCurves(out, note, 16);
     if (note->layer > 0) out.line("layer=%d", note->layer);
   }
   out.line("[#TRACKEND]");
@@ -281,17 +288,7 @@ int32_t CSntMan::writeSnt1(const char* path) {
       out.line("Modulation=%d", note->Modulation);
       out.line("Flags=%s", note->Flags);
       if (note->Tempo != 0.0f) out.line("Tempo=%0.2f", note->Tempo);
-      // The pitch lines end in a bare LF, unlike the rest of the file.
-      fprintFloat(file, "PBS=", note->PBS, ";");
-      fprintFloat(file, "PBW=", note->PBW, ",");
-      fprintFloat(file, "PBY=", note->PBY, ",");
-      fprintChar(file, "PBM=", note->PBM, ",");
-      fputs("Envelope=", file);
-      for (int k = 0; k < 11; ++k) fprintf(file, "%0.1f,", note->Envelope[k]);
-      out.line("%0.1f", note->Envelope[11]);
-      fputs("VBR=", file);
-      for (int k = 0; k < 9; ++k) fprintf(file, "%d,", note->VBR[k]);
-      out.line("%d", note->VBR[9]);
+      writeCurves(out, note, 12);  // the 1.2 form keeps the first 12 envelope slots
     }
     ++section;
     if (gap > 0) {
