@@ -6,16 +6,16 @@
 #include <cstdlib>
 
 void ArgParser::option(const char* name, std::string* value, bool* seen) {
-  specs_.push_back({name, value, seen, nullptr});
+  rules_.push_back({name, value, seen, nullptr});
 }
 
 void ArgParser::flag(const char* name, bool* value) {
-  specs_.push_back({name, nullptr, nullptr, value});
+  rules_.push_back({name, nullptr, nullptr, value});
 }
 
-const ArgParser::Spec* ArgParser::find(const std::string& name) const {
-  for (const Spec& spec : specs_) {
-    if (spec.name == name) return &spec;
+const ArgParser::OptionRule* ArgParser::find(const std::string& name) const {
+  for (const OptionRule& rule : rules_) {
+    if (rule.name == name) return &rule;
   }
   return nullptr;
 }
@@ -47,21 +47,21 @@ int ArgParser::parse(int argc, char** argv, std::vector<std::string>* positional
       inlineValue = arg.substr(equals + 1);
       hasInline = true;
     }
-    const Spec* spec = find(name);
-    if (spec == nullptr) {
+    const OptionRule* rule = find(name);
+    if (rule == nullptr) {
       return usageError(command_, ("unknown option '" + name + "'").c_str());
     }
-    if (spec->flag != nullptr) {
+    if (rule->flag != nullptr) {
       if (hasInline) return usageError(command_, ("option '" + name + "' takes no value").c_str());
-      *spec->flag = true;
+      *rule->flag = true;
       continue;
     }
     if (!hasInline) {
       if (i + 1 >= argc) return usageError(command_, ("option '" + name + "' needs a value").c_str());
       inlineValue = argv[++i];
     }
-    *spec->value = inlineValue;
-    if (spec->seen != nullptr) *spec->seen = true;
+    *rule->value = inlineValue;
+    if (rule->seen != nullptr) *rule->seen = true;
   }
   int count = static_cast<int>(positional->size());
   if (count < minPositional) return usageError(command_, "missing argument");

@@ -23,16 +23,16 @@ class ArgParser {
             int maxPositional);
 
  private:
-  struct Spec {
+  struct OptionRule {
     std::string name;
     std::string* value;
     bool* seen;
     bool* flag;
   };
-  const Spec* find(const std::string& name) const;
+  const OptionRule* find(const std::string& name) const;
 
   const Command& command_;
-  std::vector<Spec> specs_;
+  std::vector<OptionRule> rules_;
 };
 
 // Reads a whole decimal integer in [low, high]; false when it does not.
