@@ -218,7 +218,13 @@ class ctonm2 {
   int32_t currentLayer = -1;   // the layer rendered alone; -1 = all
   int16_t layerEnabled[kLayerCount];
   // Tuning of the early playback start: the projected remaining render
-  // time is scaled by the first and offset by the second (msec).
+  // time (the rate so far, extrapolated) is scaled by the first and
+  // lengthened by the second (msec) before it is compared with the time
+  // still to play. By default 1.0 and 0: the plain estimate, which the
+  // 700 msec and 1000 msec conditions already keep from trusting the
+  // first notes too early. A player that starts on a busy machine raises
+  // them (1.25 and 300 msec leave room for a render that slows down and
+  // for starting the device).
   double earlyStartScale = 1.0;
   double earlyStartOffset = 0.0;
   pthread_mutex_t mixMutex;

@@ -212,6 +212,43 @@ TEST_F(Render, StopGivesAShorterValidMix) {
   EXPECT_EQ(engine_.renderState.load(), 0);
 }
 
+struct PlaybackLog {
+  int triggers = 0;
+  int32_t offset = 0, length = 0;
+  uint8_t* block = nullptr;
+  std::vector<double> positions;
+};
+
+TEST_F(Render, PlaybackHookGetsTheBlockOnceAndTheRenderPositions) {
+  buildSong();
+  prepare();
+  PlaybackLog log;
+  engine_.progressContext = &log;
+  engine_.playTrigger = [](void* context, uint8_t* block, int32_t offset, int32_t length, int32_t) {
+    PlaybackLog& l = *static_cast<PlaybackLog*>(context);
+    ++l.triggers;
+    l.block = block;
+    l.offset = offset;
+    l.length = length;
+  };
+  engine_.renderPosition = [](void* context, double msec) {
+    static_cast<PlaybackLog*>(context)->positions.push_back(msec);
+  };
+  int32_t size = 0;
+  Block block(engine_.render_number_with_progress(0, engine_.noteCount - 1, &size, nullptr, 0.0, 0.0));
+  ASSERT_NE(block, nullptr);
+  // A short song renders faster than it plays: handed over at the end at
+  // the latest, once, with the data's offset and the whole block.
+  EXPECT_EQ(log.triggers, 1);
+  EXPECT_EQ(log.block, block.get());
+  EXPECT_EQ(log.offset, 44);
+  EXPECT_EQ(log.length, size + 8);
+  EXPECT_EQ(engine_.playTrigger, nullptr);  // removed after use
+  ASSERT_EQ(log.positions.size(), 4u);       // three notes sung, then 0 at the end
+  EXPECT_LT(log.positions[0], log.positions[1]);
+  EXPECT_EQ(log.positions.back(), 0.0);
+}
+
 TEST_F(Render, NothingToSing) {
   add("R", 60, 100, 0);
   add("", 60, 100, 0);
