@@ -175,10 +175,12 @@ double* initFrequenciesList(double** amplitudes, double* average, const char* sa
   double avg = 0.0;
   if (amplitudes != nullptr) *amplitudes = nullptr;
   if (step <= 0 || frames < 0) return nullptr;
-  const int32_t needed = frames / step;  // a usable table reaches frame frames / step
+  // A usable table holds frames 0..frames / step (its extra element then
+  // repeats the last): readers may look at index frames / step + 1.
+  const int32_t needed = frames / step;
   if (!hasFlag(flags, 'G')) {
     int32_t count = readFrequenciesList(samplePath, &freq, &amp, &avg, step);
-    if (count > 0 && count < needed) {  // made for another sample
+    if (count > 0 && count <= needed) {  // made for another (shorter) sample
       free(freq);
       free(amp);
       freq = amp = nullptr;
@@ -186,7 +188,7 @@ double* initFrequenciesList(double** amplitudes, double* average, const char* sa
     }
     if (count == 0) {
       count = readFrequenciesText(samplePath, &freq, &amp, &avg, step);
-      if (count > 0 && count < needed) {
+      if (count > 0 && count <= needed) {
         free(freq);
         free(amp);
         freq = amp = nullptr;

@@ -105,6 +105,16 @@ TEST_F(FrequencyTables, WrongStepRegeneratesAndOverwrites) {
   EXPECT_EQ(readFrequenciesList(sample_.c_str(), &again.freq, &again.amp, &again.average, 256), frames() / 256 + 1);
 }
 
+TEST_F(FrequencyTables, TableTooShortForTheSampleIsMadeAgain) {
+  const int32_t count = frames() / 256;  // one frame short of what the sample needs
+  std::vector<double> freq(static_cast<size_t>(count), 100.0), amp(static_cast<size_t>(count), 1.0);
+  ASSERT_EQ(writeFrequenciesList(sample_.c_str(), freq.data(), amp.data(), count, 100.0, 256), 1);
+  Table t;
+  t.freq = initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "-", samples_.data(), frames(), 44100, 1, 2048, 256);
+  ASSERT_NE(t.freq, nullptr);
+  EXPECT_NEAR(t.average, 220.0, 2.0);  // made again, not the stored 100 Hz
+}
+
 TEST_F(FrequencyTables, TextDumpWrittenAndConvertedOnFirstUse) {
   Table t;
   t.freq = initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "GT", samples_.data(), frames(), 44100, 1, 2048, 256);
