@@ -35,6 +35,21 @@ bool allocatePair(int32_t count, double** first, double** second) {
   return false;
 }
 
+// Hands a complete table over to the caller, or frees it. Returns the
+// count handed over (0 when incomplete).
+int32_t handOver(bool complete, int32_t count, double* freq, double* amp, double avg, double** frequencies,
+                 double** amplitudes, double* average) {
+  if (!complete) {
+    free(freq);
+    free(amp);
+    return 0;
+  }
+  *frequencies = freq;
+  *amplitudes = amp;
+  *average = avg;
+  return count;
+}
+
 }  // namespace
 
 std::string frequencyTablePath(const char* samplePath, const char* extension) {
@@ -73,14 +88,8 @@ int32_t readFrequenciesList(const char* samplePath, double** frequencies, double
       if (complete) {
         freq[count] = freq[count - 1];
         amp[count] = amp[count - 1];
-        *frequencies = freq;
-        *amplitudes = amp;
-        *average = avg;
-        result = count;
-      } else {
-        free(freq);
-        free(amp);
       }
+      result = handOver(complete, count, freq, amp, avg, frequencies, amplitudes, average);
     }
   }
   fclose(file);
@@ -135,15 +144,7 @@ int32_t readFrequenciesText(const char* samplePath, double** frequencies, double
       for (; k < length && fgets(line, sizeof line, file) != nullptr; ++k) {
         sscanf(line, "%lf\t%lfHz", &amp[k], &freq[k]);
       }
-      if (k == length) {
-        *frequencies = freq;
-        *amplitudes = amp;
-        *average = avg;
-        result = static_cast<int32_t>(length);
-      } else {
-        free(freq);
-        free(amp);
-      }
+      result = handOver(k == length, static_cast<int32_t>(length), freq, amp, avg, frequencies, amplitudes, average);
     }
   }
   fclose(file);

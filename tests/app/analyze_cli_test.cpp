@@ -14,8 +14,7 @@ void writeVoice(const std::string& path, double f0, double seconds) {
   VoiceSignal voice;
   voice.f0 = f0;
   voice.seconds = seconds;
-  const std::vector<int16_t> samples = voice.render();
-  saveWaveFile(path.c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1, 44100);
+  voice.writeWave(path);
 }
 
 }  // namespace

@@ -15,9 +15,7 @@ class RenderCommand : public ::testing::Test {
   void SetUp() override {
     VoiceSignal voice;
     voice.seconds = 1.0;
-    const std::vector<int16_t> samples = voice.render();
-    saveWaveFile((bank_.folder() + "a.wav").c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1,
-                 44100);
+    voice.writeWave((bank_.folder() + "a.wav"));
     bank_.write("oto.ini", "a.wav=a,30,60,-900,40,10\n");
     // The voice folder is relative: it is taken from the project's folder.
     project_ = bank_.path() + "/../" + name() + ".snt";

@@ -11,9 +11,8 @@ TEST(ResampleCommand, RendersOneNoteOrSaysWhyNot) {
   TempDir dir;
   VoiceSignal voice;
   voice.seconds = 1.0;
-  const std::vector<int16_t> samples = voice.render();
   const std::string sample = dir.file("a.wav");
-  saveWaveFile(sample.c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1, 44100);
+  voice.writeWave(sample);
   const std::string out = dir.file("note.wav");
 
   RunResult run = runTona({"resample", sample, out, "--note", "D4", "--length", "500", "--consonant", "60",

@@ -36,10 +36,8 @@ class Render : public ::testing::Test {
     VoiceSignal voice;
     voice.f0 = 220.0;
     voice.seconds = 1.5;
-    const std::vector<int16_t> samples = voice.render();
     for (const char* name : {"a.wav", "i.wav"}) {
-      saveWaveFile((bank_->folder() + name).c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1,
-                   44100);
+      voice.writeWave(bank_->folder() + name);
       generateAnlyzeFiles((bank_->folder() + name).c_str(), 0);
     }
     bank_->write("oto.ini", "a.wav=a,50,60,-1400,40,10\ni.wav=i,50,60,-1400,40,10\n");

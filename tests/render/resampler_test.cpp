@@ -26,9 +26,8 @@ class Resampler : public ::testing::Test {
     voice.f0 = 220.0;
     voice.seconds = 2.0;
     voice.peak = 8000.0;
-    const std::vector<int16_t> samples = voice.render();
     path_ = new std::string(folder_->file("a.wav"));
-    saveWaveFile(path_->c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1, 44100);
+    voice.writeWave(path_->c_str());
     init_render(44100);
     generateAnlyzeFiles(path_->c_str(), 0);
   }

@@ -230,9 +230,8 @@ TEST(AnalysisFiles, MadeForSixteenBitSamplesOnly) {
   TempDir dir;
   VoiceSignal voice;
   voice.seconds = 0.4;
-  const std::vector<int16_t> samples = voice.render();
   const std::string wav = dir.file("a.wav");
-  saveWaveFile(wav.c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1, 44100);
+  voice.writeWave(wav);
   EXPECT_EQ(generateAnlyzeFiles(wav.c_str(), 0), 1);
   ASSERT_TRUE(fileExists(dir.file("a_wav.frq")));
   // Forced: made again even though the table is trusted.

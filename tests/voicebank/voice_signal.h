@@ -6,8 +6,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <string>
 #include <random>
 #include <vector>
+
+#include "render/wavefile.h"
 
 struct VoiceSignal {
   double f0 = 220.0;            // Hz
@@ -75,5 +78,11 @@ struct VoiceSignal {
       out[static_cast<size_t>(n)] = static_cast<int16_t>(std::lround(std::clamp(v, -32767.0, 32767.0)));
     }
     return out;
+  }
+
+  // Renders the voice into a 16-bit mono WAVE file; true when it was written.
+  bool writeWave(const std::string& path, uint32_t seed = 1) const {
+    const std::vector<int16_t> samples = render(seed);
+    return saveWaveFile(path.c_str(), samples.data(), static_cast<int32_t>(samples.size() * 2), 16, 1, rate) == 0;
   }
 };
