@@ -14,3 +14,5 @@ int runResample(int argc, char** argv);
 extern const char kResampleUsage[];
 int runRender(int argc, char** argv);
 extern const char kRenderUsage[];
+int runEdit(int argc, char** argv);
+extern const char kEditUsage[];
