@@ -549,3 +549,38 @@ TEST_F(Editing, TimeConversionsBasedUseOneTempo) {
   EXPECT_EQ(man().MSec2Ticks(1000.0, 1), 480);
   EXPECT_EQ(man().MSec2Ticks(-999.9, 1), -479);  // truncated toward zero
 }
+
+TEST_F(Editing, VoiceSetReloadAndPrefixMap) {
+  TestBank bank;
+  bank.write("oto.ini", "a.wav=\xe3\x81\x82,10,20,30,40,5\n");
+  bank.write("prefix.map", "Charset:UTF-8\nC4\t\xe5\xbc\xb1\t_C4\n");  // 弱 as the prefix of C4
+  load({{"\xe3\x81\x82", 0, 480, 60}});
+  man().defaultPitch(0);
+  int marked = 0;
+  owner_.setModifiedHandler([&] { ++marked; });
+
+  // A new bank is read and the notes prepared; with the flag, marked.
+  EXPECT_GT(owner_.changeVoiceSet(bank.path().c_str(), true), 0);
+  EXPECT_STREQ(engine().voiceDir, bank.folder().c_str());
+  EXPECT_NE(note(0).VoiceFile, nullptr);
+  EXPECT_NE(note(0)._pitch, nullptr);
+  EXPECT_EQ(marked, 1);
+  // The same bank reloads only without the flag, and never marks.
+  EXPECT_EQ(owner_.changeVoiceSet(bank.folder().c_str(), true), 0);
+  EXPECT_GT(owner_.changeVoiceSet(bank.folder().c_str(), false), 0);
+  EXPECT_EQ(marked, 1);
+  man().releaseVoice();
+  EXPECT_EQ(note(0).VoiceFile, nullptr);
+  EXPECT_GT(man().readVoiceset(), 0);
+
+  // Written twice: "prefixmap" in UTF-8, "prefix.map" in Shift_JIS; the map
+  // in memory keeps the Shift_JIS text.
+  EXPECT_EQ(man().wrtiePrefixMap(), 1);
+  const std::string utf8 = readFile(bank.folder() + "prefixmap");
+  const std::string sjis = readFile(bank.folder() + "prefix.map");
+  EXPECT_EQ(utf8.rfind("Charset:UTF-8\n", 0), 0u);
+  EXPECT_NE(utf8.find("C4\t\xe5\xbc\xb1\t_C4\n"), std::string::npos);
+  EXPECT_NE(sjis.find("C4\t\x8e\xe3\t_C4\n"), std::string::npos);
+  EXPECT_EQ(sjis.find("Charset"), std::string::npos);
+  EXPECT_STREQ(engine().voiceset->prefixMap[60].prefix, "\x8e\xe3");
+}
