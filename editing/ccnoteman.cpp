@@ -4,7 +4,8 @@
 #include <cstring>
 #include <string>
 
-CCNoteMan::CCNoteMan(CScaleMan* scale) : noteman_(new CNoteMan(scale)) {}
+CCNoteMan::CCNoteMan(CScaleMan* scale)
+    : noteman_(new CNoteMan(scale)), undoman_(new CUndoMan(noteman_.get())), notifier_(*noteman_, nullptr) {}
 
 CCNoteMan::~CCNoteMan() {
   free(clipPBW_);
@@ -59,7 +60,7 @@ int32_t CCNoteMan::changeVoiceSet(const char* path, bool modified) {
   const int32_t result = noteman_->readVoiceset();
   engine.preparationNotes();
   engine.makePitchMode2();
-  if (differs && modified && onModified_) onModified_();
+  if (differs && modified) undoman_->setOtherModified(&notifier_);
   return result;
 }
 
@@ -88,10 +89,6 @@ int32_t CCNoteMan::dragSelection(int32_t dTicks, int32_t dNote, int32_t step) {
 int32_t CCNoteMan::resizeSelection(int32_t dTicks, int32_t step) {
   noteman_->synchronizeNotes();
   const int32_t count = noteman_->sizeSelectedNotes(dTicks, step);
-  ctonm2& engine = *noteman_->engine();
-  for (int32_t i = 0; i < engine.noteCount; ++i) {
-    if (engine.notes[i].selected != 0) noteman_->stretchPitchLen(i);
-  }
   noteman_->synchronizeNotes();
   return count;
 }

@@ -7,10 +7,10 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 
 #include "editing/noteman.h"
+#include "editing/undoman.h"
 
 class CCNoteMan {
  public:
@@ -20,6 +20,13 @@ class CCNoteMan {
   CCNoteMan& operator=(const CCNoteMan&) = delete;
 
   CNoteMan* noteman() { return noteman_.get(); }
+  CUndoMan* undoman() { return undoman_.get(); }
+  // The callback every history change goes to (undo_callback): menu
+  // titles and edited mark to the view, the recovery file kept.
+  UndoCallback* undoCallback() { return &notifier_; }
+  void setUndoView(UndoView* view) { notifier_.setView(view); }
+  // Off: the recovery file is left alone.
+  void setKeepRecovery(bool keep) { notifier_.setKeepRecovery(keep); }
 
   int32_t drawmode() const { return drawmode_; }
   void setDrawmode(int32_t mode) { drawmode_ = mode; }
@@ -46,14 +53,12 @@ class CCNoteMan {
   // (or null), the reload runs only without `modified`, and nothing is
   // marked. Returns the voice set's result, 0 when nothing was read.
   int32_t changeVoiceSet(const char* path, bool modified);
-  // Called when a change outside the undo history modifies the project.
-  void setModifiedHandler(std::function<void()> handler) { onModified_ = std::move(handler); }
 
   // --- Gestures, applied as the editor applies them ---------------------------
   // A drag of the selection: snapshot, move, back into time order,
   // snapshot. Returns moveSelectedNotes' count.
   int32_t dragSelection(int32_t dTicks, int32_t dNote, int32_t step);
-  // A resize of the selection, stretching each resized pitch line.
+  // A resize of the selection (lengths only: one "lngh" step).
   int32_t resizeSelection(int32_t dTicks, int32_t step);
   // Quantizes the selection and restores time order.
   int32_t quantizeSelection(int32_t step);
@@ -63,6 +68,8 @@ class CCNoteMan {
 
  private:
   std::unique_ptr<CNoteMan> noteman_;
+  std::unique_ptr<CUndoMan> undoman_;
+  CUndoNotifier notifier_;
   int32_t drawmode_ = 0;
   int32_t notelength_ = 480;
   int32_t quontize_ = 120;
@@ -71,5 +78,4 @@ class CCNoteMan {
   float* clipPBS_ = nullptr;
   float* clipPBY_ = nullptr;
   uint8_t* clipPBM_ = nullptr;
-  std::function<void()> onModified_;
 };
