@@ -5,6 +5,7 @@
 // operation ran.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -19,6 +20,7 @@
 #include "app/subcommands.h"
 #include "editing/ccnoteman.h"
 #include "editing/scaleman.h"
+#include "editing/undoman.h"
 #include "support/multibyte.h"
 #include "support/userdirs.h"
 #include "voicebank/pitch.h"
@@ -51,13 +53,18 @@ const char kEditUsage[] =
     "Expression of the selected notes:\n"
     "  --vibrato default|clear\n"
     "  --envelope default|correct|equal|on|off\n"
-    "  --pitch default\n";
+    "  --pitch default\n"
+    "History (every operation above that changes notes is one step):\n"
+    "  --undo, --redo            step back or forward\n"
+    "  --history                 at the end, the Undo and Redo menu titles and\n"
+    "                            whether the project differs from the saved one\n"
+    "While it runs, the project is kept in the recovery file ('tona recover').\n";
 
 namespace {
 
 enum class Op {
   kSelect, kSelectAll, kRelease, kInsert, kDelete, kCopy, kCut, kPaste, kMove, kResize,
-  kQuantize, kTranspose, kTempo, kLyrics, kLyricsSelected, kVibrato, kEnvelope, kPitch,
+  kQuantize, kTranspose, kTempo, kLyrics, kLyricsSelected, kVibrato, kEnvelope, kPitch, kUndo, kRedo,
 };
 
 struct Operation {
@@ -84,7 +91,8 @@ const OpName kOps[] = {
     {"--tempo", Op::kTempo, true},         {"--lyrics", Op::kLyrics, true},
     {"--lyrics-selected", Op::kLyricsSelected, true},
     {"--vibrato", Op::kVibrato, true},     {"--envelope", Op::kEnvelope, true},
-    {"--pitch", Op::kPitch, true},
+    {"--pitch", Op::kPitch, true},         {"--undo", Op::kUndo, false},
+    {"--redo", Op::kRedo, false},
 };
 
 const long kMaxTick = 1L << 30;
@@ -189,7 +197,8 @@ std::string parseValue(Operation* op, const std::string& value) {
 
 class Editor {
  public:
-  Editor(CCNoteMan& owner, bool hasBank) : owner_(owner), man_(*owner.noteman()), hasBank_(hasBank) {}
+  Editor(CCNoteMan& owner, bool hasBank)
+      : owner_(owner), man_(*owner.noteman()), undo_(*owner.undoman()), hasBank_(hasBank) {}
 
   // Applies one operation; false (with *error set) when it cannot apply.
   bool apply(const Operation& op, std::string* report, std::string* error);
@@ -206,8 +215,18 @@ class Editor {
     prepared_ = true;
   }
 
+  // Runs an edit of the selection as one undo step.
+  template <typename Edit>
+  int32_t session(uint32_t cmd, Edit edit) {
+    undo_.beginSession(cmd);
+    const int32_t count = edit();
+    undo_.endSession(cmd, owner_.undoCallback());
+    return count;
+  }
+
   CCNoteMan& owner_;
   CNoteMan& man_;
+  CUndoMan& undo_;
   bool hasBank_;
   bool prepared_ = false;
 };
@@ -231,58 +250,70 @@ bool Editor::apply(const Operation& op, std::string* report, std::string* error)
       man_.ReleaseAll();
       break;
     case Op::kInsert:
+      undo_.beginSession(-1, undo::kAdd);
       count = man_.insertNotePosition(op.a, static_cast<int32_t>(op.b), static_cast<int32_t>(op.c), op.word.c_str());
       if (count < 0) {
         *error = "out of memory";
         return false;
       }
+      undo_.endSession(count, undo::kAdd, owner_.undoCallback());
       man_.synchronizeNotes();
       *report = "note " + std::to_string(count);
       return true;
     case Op::kDelete:
-      count = man_.DeleteNotes();
+      count = session(undo::kDelete, [&] { return man_.DeleteNotes(); });
       man_.synchronizeNotes();
       break;
     case Op::kCopy:
       count = man_.CopyNotes();
       break;
     case Op::kCut:
-      count = man_.CutNotes();
+      count = session(undo::kDelete, [&] { return man_.CutNotes(); });
       man_.synchronizeNotes();
       break;
     case Op::kPaste:
-      count = man_.PasteNotes(op.a);
+      count = session(undo::kAdd, [&] { return man_.PasteNotes(op.a); });
       man_.synchronizeNotes();
       break;
     case Op::kMove:
-      count = owner_.dragSelection(static_cast<int32_t>(op.a), static_cast<int32_t>(op.b), static_cast<int32_t>(op.c));
+      count = session(undo::kMove, [&] {
+        return owner_.dragSelection(static_cast<int32_t>(op.a), static_cast<int32_t>(op.b), static_cast<int32_t>(op.c));
+      });
       break;
     case Op::kResize:
-      count = owner_.resizeSelection(static_cast<int32_t>(op.a), static_cast<int32_t>(op.c));
+      count = session(undo::kLength,
+                      [&] { return owner_.resizeSelection(static_cast<int32_t>(op.a), static_cast<int32_t>(op.c)); });
       break;
     case Op::kQuantize:
-      count = owner_.quantizeSelection(static_cast<int32_t>(op.a));
+      count = session(undo::kQuantize, [&] { return owner_.quantizeSelection(static_cast<int32_t>(op.a)); });
       break;
     case Op::kTranspose:
-      count = man_.addNoteNum(static_cast<int32_t>(op.a), -1);
+      count = session(undo::kMove, [&] { return man_.addNoteNum(static_cast<int32_t>(op.a), -1); });
       break;
     case Op::kTempo: {
-      // On the first note starting there, else on a zero-length rest
-      // record, as the project reader keeps tempo changes.
+      // On the first note starting there ("tmpo"), else on a new
+      // zero-length rest record ("add "), as the project reader keeps
+      // tempo changes.
       int32_t at = -1;
       for (int32_t i = 0; i < engine.noteCount && at < 0; ++i) {
         if (man_.getPosition(i) == op.a) at = i;
       }
-      if (at < 0) {
+      if (at >= 0) {
+        undo_.beginSession(at, undo::kTempo);
+        man_.setTempo(at, static_cast<float>(op.value));
+        undo_.endSession(at, undo::kTempo, owner_.undoCallback());
+      } else {
         NoteData rest;
         memset(&rest, 0, sizeof rest);
         ctonm2::default_env(rest.Envelope);
         rest.Intensity = 100;
         rest.Velocity = 100.0f;
+        rest.Tempo = static_cast<float>(op.value);
+        undo_.beginSession(-1, undo::kAdd);
         at = man_.insertNotePosition(op.a, &rest);
+        undo_.endSession(at, undo::kAdd, owner_.undoCallback());
         man_.synchronizeNotes();
       }
-      man_.setTempo(at, static_cast<float>(op.value));
       count = 1;
       break;
     }
@@ -294,32 +325,55 @@ bool Editor::apply(const Operation& op, std::string* report, std::string* error)
       }
       std::vector<char> buffer(op.word.begin(), op.word.end());
       buffer.push_back('\0');
-      man_.assignLyric(buffer.data(), buffer.size(), op.op == Op::kLyricsSelected, false, &count);
+      const bool selectedOnly = op.op == Op::kLyricsSelected;
+      // As the lyric dialog does: a dry run selects the notes the text
+      // will reach, so that the step records exactly them.
+      if (!selectedOnly) man_.assignLyric(buffer.data(), buffer.size(), false, true);
+      undo_.beginSession(undo::kLyric);
+      man_.assignLyric(buffer.data(), buffer.size(), selectedOnly, false, &count);
+      undo_.endSession(undo::kLyric, owner_.undoCallback());
       CMultiByte cm;
       const char* left = cm.sjisToUtf8(buffer.data());
       *report = std::to_string(count) + " (left: \"" + (left != nullptr ? left : "") + "\")";
       return true;
     }
     case Op::kVibrato:
-      count = op.word == "default" ? man_.defaultVibratoToSelected() : man_.clearVibratoToSelected();
+      count = session(undo::kVibrato, [&] {
+        return op.word == "default" ? man_.defaultVibratoToSelected() : man_.clearVibratoToSelected();
+      });
       break;
     case Op::kEnvelope:
-      if (op.word == "default") count = man_.defaultEnvForSelected();
-      if (op.word == "on" || op.word == "off") count = man_.switchEnvForSelected(op.word == "on");
       if (op.word == "correct" || op.word == "equal") {
         if (!hasBank_) fprintf(stderr, "warning: no voice bank: note lengths are taken without its timing\n");
         prepare();
-        count = op.word == "correct" ? man_.correctEnvForSelected() : man_.equalSpaceEnvForSelected();
       }
+      count = session(undo::kEnvelope, [&] {
+        if (op.word == "default") return man_.defaultEnvForSelected();
+        if (op.word == "correct") return man_.correctEnvForSelected();
+        if (op.word == "equal") return man_.equalSpaceEnvForSelected();
+        return man_.switchEnvForSelected(op.word == "on");
+      });
       break;
     case Op::kPitch:
-      for (int32_t i = 0; i < engine.noteCount; ++i) {
-        if (man_.isSelected(i)) count += man_.defaultPitch(i);
-      }
+      count = session(undo::kPitch, [&] {
+        int32_t changed = 0;
+        for (int32_t i = 0; i < engine.noteCount; ++i) {
+          if (man_.isSelected(i)) changed += man_.defaultPitch(i);
+        }
+        return changed;
+      });
+      break;
+    case Op::kUndo:
+    case Op::kRedo:
+      count = op.op == Op::kUndo ? undo_.isCanUndo() : undo_.isCanRedo();
+      if (op.op == Op::kUndo) undo_.undo(owner_.undoCallback());
+      if (op.op == Op::kRedo) undo_.redo(owner_.undoCallback());
+      man_.synchronizeNotes();
       break;
   }
   if (op.op == Op::kInsert || op.op == Op::kDelete || op.op == Op::kCut || op.op == Op::kPaste ||
-      op.op == Op::kMove || op.op == Op::kResize || op.op == Op::kQuantize || op.op == Op::kTempo) {
+      op.op == Op::kMove || op.op == Op::kResize || op.op == Op::kQuantize || op.op == Op::kTempo ||
+      op.op == Op::kUndo || op.op == Op::kRedo) {
     prepared_ = false;
   }
   *report = std::to_string(count);
@@ -331,6 +385,7 @@ bool Editor::apply(const Operation& op, std::string* report, std::string* error)
 int runEdit(int argc, char** argv) {
   const Command& command = *findCommand("edit");
   std::string project, output, layerText, form;
+  bool history = false;
   std::vector<Operation> ops;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
@@ -352,6 +407,10 @@ int runEdit(int argc, char** argv) {
       *out = argv[++i];
       return true;
     };
+    if (name == "--history" && !inlineValue) {
+      history = true;
+      continue;
+    }
     if (name == "-o" || name == "--output" || name == "--layer" || name == "--form") {
       std::string* target = name == "--layer" ? &layerText : name == "--form" ? &form : &output;
       if (!takeValue(target)) return usageError(command, (name + " needs a value").c_str());
@@ -417,14 +476,29 @@ int runEdit(int argc, char** argv) {
   man.setTargetLayer(static_cast<int32_t>(layer));
   man.synchronizeNotes();
 
+  // The project is kept in the recovery file while it is edited, unless
+  // that file holds another session's work.
+  const std::string recovery = recoveryFilePath();
+  const bool keepRecovery = !recovery.empty() && access(recovery.c_str(), F_OK) != 0;
+  if (!keepRecovery && !recovery.empty()) {
+    fprintf(stderr, "warning: a recovery file is waiting ('tona recover'); this edit keeps no recovery copy\n");
+  }
+  owner.setKeepRecovery(keepRecovery);
+
   Editor editor(owner, hasBank);
   for (const Operation& op : ops) {
     std::string report, error;
     if (!editor.apply(op, &report, &error)) {
       fprintf(stderr, "tona edit: %s: %s; nothing written\n", op.text.c_str(), error.c_str());
+      if (keepRecovery) unlink(recovery.c_str());  // the input is untouched: nothing to recover
       return kExitUsage;
     }
     printf("%s: %s\n", op.text.c_str(), report.c_str());
+  }
+  CUndoMan& undo = *owner.undoman();
+  if (history) {
+    printf("undo: %s\nredo: %s\nmodified: %s\n", undoMenuTitle(undo.getNextUndo()).c_str(),
+           redoMenuTitle(undo.getNextRedo()).c_str(), undo.getModified() ? "yes" : "no");
   }
 
   if (form == "1.2") engine.sntVersion = 120;
@@ -433,7 +507,9 @@ int runEdit(int argc, char** argv) {
   SafeOutput file(output);
   if (file.path().empty() || man.writeSnt(file.path().c_str(), voices.c_str()) != 1 || !file.commit()) {
     fprintf(stderr, "tona edit: cannot write '%s': %s\n", output.c_str(), strerror(errno != 0 ? errno : EIO));
+    if (keepRecovery && undo.getModified()) fprintf(stderr, "the edited project is kept in '%s'\n", recovery.c_str());
     return kExitFailure;
   }
+  undo.setSavePoint(owner.undoCallback());  // removes the recovery file
   return kExitOk;
 }

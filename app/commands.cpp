@@ -21,6 +21,7 @@ const Command kCommands[] = {
     {"render", "render a project to a WAV file", kRenderUsage, runRender},
     {"info", "show a project's settings and notes", kInfoUsage, runInfo},
     {"edit", "apply editing operations to a project", kEditUsage, runEdit},
+    {"recover", "show or copy the project an editing session left behind", kRecoverUsage, runRecover},
     {"convert", "write a project in the 1.2 or 2.0 form", kConvertUsage, runConvert},
     {"analyze", "make the frequency tables of samples or voice banks", kAnalyzeUsage, runAnalyze},
     {"resample", "render one note from a voice sample", kResampleUsage, runResample},

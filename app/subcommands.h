@@ -16,3 +16,5 @@ int runRender(int argc, char** argv);
 extern const char kRenderUsage[];
 int runEdit(int argc, char** argv);
 extern const char kEditUsage[];
+int runRecover(int argc, char** argv);
+extern const char kRecoverUsage[];
