@@ -85,10 +85,39 @@ void appendBytes(std::vector<uint8_t>* out, const void* data, size_t n) {
   out->insert(out->end(), p, p + n);
 }
 
+// The serialized form cannot tell a missing pitch list from an empty one,
+// while the project writer can (an empty list is still written). One byte
+// after each recorded note or pitch line keeps which lists were there.
+uint8_t presence(const NoteData& note) {
+  return static_cast<uint8_t>((note.PBS != nullptr) | (note.PBW != nullptr) << 1 | (note.PBY != nullptr) << 2 |
+                              (note.PBM != nullptr) << 3);
+}
+
+void applyPresence(NoteData* note, uint8_t mask) {
+  auto floats = [](float** list, bool present) {
+    if (!present) {
+      free(*list);
+      *list = nullptr;
+    } else if (*list == nullptr && (*list = static_cast<float*>(malloc(sizeof(float)))) != nullptr) {
+      (*list)[0] = 0.0f;
+    }
+  };
+  floats(&note->PBS, mask & 1);
+  floats(&note->PBW, mask & 2);
+  floats(&note->PBY, mask & 4);
+  if (!(mask & 8)) {
+    free(note->PBM);
+    note->PBM = nullptr;
+  } else if (note->PBM == nullptr && (note->PBM = static_cast<uint8_t*>(malloc(1))) != nullptr) {
+    note->PBM[0] = 0;
+  }
+}
+
 void appendNote(std::vector<uint8_t>* out, const NoteData& note) {
   const size_t at = out->size();
   out->resize(at + static_cast<size_t>(CNoteSerial::serialLength(&note)));
   CNoteSerial::serialize(&note, out->data() + at);
+  out->push_back(presence(note));
 }
 
 // A note list: the count, then each note with its Delta the distance from
@@ -140,6 +169,7 @@ std::vector<uint8_t> parameters(ctonm2& engine, uint32_t cmd, const std::vector<
         const size_t at = out.size();
         out.resize(at + static_cast<size_t>(CNoteSerial::serializePitch(note, nullptr)));
         CNoteSerial::serializePitch(note, out.data() + at);
+        out.push_back(presence(*note));
         break;
       }
     }
@@ -258,7 +288,9 @@ int32_t CUndoMan::endSession(uint32_t cmd, UndoCallback* callback) {
   UNDO_ASSERT(scmd == cmd);
   const std::vector<int32_t> selected = selectedIndexes();
   if (selected.empty() && sessionSelected_ == 0) return 0;
-  if (cmd == undo::kAdd && selected.empty()) {  // nothing was added
+  // Only "add " records everything at the end; any other kind that found
+  // nothing selected at the start has no state to go back to.
+  if ((cmd == undo::kAdd && selected.empty()) || (cmd != undo::kAdd && sessionSelected_ == 0)) {
     freeData(&pendingUndo_);
     freeData(&pendingRedo_);
     return 0;
@@ -269,17 +301,19 @@ int32_t CUndoMan::endSession(uint32_t cmd, UndoCallback* callback) {
 
 void CUndoMan::beginSession(int32_t index, uint32_t cmd) {
   sessionCmd_ = cmd;
-  sessionSelected_ = 1;
   freeData(&pendingUndo_);
   freeData(&pendingRedo_);
-  if (cmd != undo::kTimeSignature && cmd != undo::kAdd && notes_->getNote(index) == nullptr) return;
+  // A session over no note records nothing ("add " and "tmsg" need none).
+  sessionSelected_ = cmd == undo::kTimeSignature || cmd == undo::kAdd || notes_->getNote(index) != nullptr;
+  if (sessionSelected_ == 0) return;
   recordStart(cmd, {index}, true);
 }
 
 int32_t CUndoMan::endSession(int32_t index, uint32_t cmd, UndoCallback* callback) {
   const uint32_t scmd = sessionCmd_;
   UNDO_ASSERT(scmd == cmd);
-  if (cmd != undo::kTimeSignature && cmd != undo::kDelete && notes_->getNote(index) == nullptr) {
+  if (sessionSelected_ == 0 ||
+      (cmd != undo::kTimeSignature && cmd != undo::kDelete && notes_->getNote(index) == nullptr)) {
     freeData(&pendingUndo_);
     freeData(&pendingRedo_);
     return 0;
@@ -417,6 +451,7 @@ void insertList(CNoteMan& notes, const UndoData& record) {
     NoteData note;
     memset(&note, 0, sizeof note);
     p += CNoteSerial::unserialize(p, &note);
+    applyPresence(&note, *p++);
     running += note.Delta;
     if (!placed) {
       if (notes.insertNotePosition(running, &note) < 0) ctonm2::note_clear(&note);
@@ -471,6 +506,7 @@ void CUndoMan::processData(const UndoData& record) {
           const int32_t delta = target->Delta;
           ctonm2::note_clear(target);
           p += CNoteSerial::unserialize(p, target);
+          applyPresence(target, *p++);
           target->Delta = delta;
           break;
         }
@@ -480,7 +516,10 @@ void CUndoMan::processData(const UndoData& record) {
         case undo::kLyric: p = CNoteSerial::bread(p, target->Lyric, sizeof target->Lyric); break;
         case undo::kTempo: p = CNoteSerial::bread(p, &target->Tempo, sizeof target->Tempo); break;
         case undo::kVibrato: p = CNoteSerial::bread(p, target->VBR, sizeof target->VBR); break;
-        case undo::kPitch: p += CNoteSerial::unserializePitch(target, p); break;
+        case undo::kPitch:
+          p += CNoteSerial::unserializePitch(target, p);
+          applyPresence(target, *p++);
+          break;
       }
       if (target == &scratch) ctonm2::note_clear(&scratch);
     }

@@ -45,7 +45,9 @@ constexpr uint32_t kJoin = undoCode("join");
 // code is not one of the fifteen.
 const char* undoCommandTitle(uint32_t code);
 
-// One recorded state.
+// One recorded state. Notes and pitch lines are recorded in the serialized
+// form, each followed by one byte telling which of PBS, PBW, PBY and PBM
+// were there (bits 0 to 3).
 struct UndoData {
   uint32_t cmd = 0;
   int32_t* indexes = nullptr;  // count-first, ascending note indexes; may be absent
