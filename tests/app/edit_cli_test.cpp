@@ -134,3 +134,48 @@ TEST_F(EditCommand, BadOperationsWriteNothing) {
   EXPECT_EQ(runTona({"edit", dir_.file("none.snt"), "-o", output_, "--release"}).status, 1);
   EXPECT_EQ(runTona({"edit", "--help"}).status, 0);
 }
+
+TEST_F(EditCommand, UndoRedoAndHistory) {
+  RunResult run = edit({"--select", "1", "--move", "480", "--transpose", "2", "--undo", "--history"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("--undo: 1\nundo: 音符の移動を元に戻す\nredo: 音符の移動をやり直し\nmodified: yes\n"),
+            std::string::npos)
+      << run.out;
+  EXPECT_EQ(notes(), "a@0:480/60 b@960:480/60 c@960:480/60 d@1440:480/60 ");  // b before c, as it was
+
+  // Every step undone: the project as it was; nothing to undo any more.
+  run = edit({"--select", "0-1", "--delete", "--insert", "100:240:62:x", "--select", "0", "--lyrics", "k",
+              "--vibrato", "default", "--undo", "--undo", "--undo", "--undo", "--undo", "--history"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("--undo: 0\nundo: 元に戻す\nredo: 音符の削除をやり直し\nmodified: no\n"), std::string::npos)
+      << run.out;
+  EXPECT_EQ(notes(), "a@0:480/60 b@480:480/60 c@960:480/60 d@1440:480/60 ");
+  run = edit({"--select", "0-1", "--delete", "--undo", "--redo"});
+  EXPECT_EQ(notes(), "c@960:480/60 d@1440:480/60 ");
+
+  // Saved: no recovery copy is left behind.
+  EXPECT_FALSE(fileExists(home_.path() + "/.local/state/tona/temp/.temp.snt"));
+  EXPECT_EQ(runTona({"recover"}).status, 1);
+}
+
+TEST_F(EditCommand, RecoverShowsAndCopiesTheRecoveryFile) {
+  const std::string folder = home_.path() + "/.local/state/tona/temp";
+  ASSERT_EQ(runTona({"recover"}).out, "no recovery file\n");
+  // A failed edit leaves no recovery file: its input is untouched.
+  edit({"--select", "1", "--move", "480", "--select", "99"});
+  EXPECT_FALSE(fileExists(folder + "/.temp.snt"));
+
+  runTona({"edit", input_, "-o", output_, "--release"});  // makes the folder
+  writeFile(folder + "/.temp.snt", kProject);
+  RunResult run = runTona({"recover"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.out.find("notes:         5\n"), std::string::npos) << run.out;
+  run = runTona({"recover", "-o", dir_.file("back.snt")});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(readFile(dir_.file("back.snt")), kProject);
+  // An edit leaves another session's recovery file alone.
+  run = edit({"--select", "1", "--move", "480"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.err.find("recovery file is waiting"), std::string::npos);
+  EXPECT_EQ(readFile(folder + "/.temp.snt"), kProject);
+}
