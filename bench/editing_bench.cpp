@@ -8,6 +8,7 @@
 
 #include "editing/ccnoteman.h"
 #include "editing/scaleman.h"
+#include "editing/undoman.h"
 
 namespace {
 
@@ -72,5 +73,64 @@ void BM_AssignLyric(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_AssignLyric)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+namespace {
+
+// A "set " session over 10,000 selected notes (the whole notes recorded
+// before and after), then its undo and its redo.
+void BM_SetSession(benchmark::State& state) {
+  CScaleMan scale;
+  CCNoteMan owner(&scale);
+  owner.setKeepRecovery(false);
+  CNoteMan& man = *owner.noteman();
+  buildProject(man, 10000);
+  man.SelectAll();
+  CUndoMan& history = *owner.undoman();
+  const int phase = static_cast<int>(state.range(0));
+  int32_t intensity = 0;
+  for (auto _ : state) {
+    if (phase == 0) {
+      history.beginSession(undo::kSet);
+      man.setIntensityForSelected(++intensity);
+      history.endSession(undo::kSet, nullptr);
+    } else {
+      state.PauseTiming();
+      history.clean(nullptr);
+      history.beginSession(undo::kSet);
+      man.setIntensityForSelected(++intensity);
+      history.endSession(undo::kSet, nullptr);
+      state.ResumeTiming();
+      history.undo(nullptr);
+      if (phase == 2) history.redo(nullptr);
+    }
+  }
+  state.SetLabel(phase == 0 ? "session" : phase == 1 ? "undo" : "undo + redo");
+}
+BENCHMARK(BM_SetSession)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+
+// The memory 512 steps of a 100-note move hold.
+void BM_History512Moves(benchmark::State& state) {
+  size_t bytes = 0;
+  for (auto _ : state) {
+    CScaleMan scale;
+    CCNoteMan owner(&scale);
+    owner.setKeepRecovery(false);
+    CNoteMan& man = *owner.noteman();
+    buildProject(man, 1000);
+    man.ReleaseAll();
+    for (int i = 0; i < 100; ++i) man.addSelect(i * 10, 2);
+    CUndoMan& history = *owner.undoman();
+    for (int k = 0; k < 512; ++k) {
+      history.beginSession(undo::kMove);
+      owner.dragSelection(k % 2 ? -5 : 5, 0, 1);
+      history.endSession(undo::kMove, nullptr);
+    }
+    bytes = history.memoryUsed();
+  }
+  state.counters["history_MB"] = static_cast<double>(bytes) / 1e6;
+}
+BENCHMARK(BM_History512Moves)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 }  // namespace
