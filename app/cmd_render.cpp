@@ -14,9 +14,9 @@
 #include "app/progress.h"
 #include "app/safe_output.h"
 #include "app/subcommands.h"
+#include "app/voice_bank.h"
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
-#include "engine/sntman.h"
 #include "render/cache.h"
 #include "support/log.h"
 #include "support/userdirs.h"
@@ -57,11 +57,6 @@ void onProgress(void* context, int32_t done, int32_t total) {
   if (total > 0) static_cast<ProgressBar*>(context)->update(done);
 }
 
-std::string folderOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-}
-
 }  // namespace
 
 int runRender(int argc, char** argv) {
@@ -99,14 +94,7 @@ int runRender(int argc, char** argv) {
     fprintf(stderr, "tona render: cannot open '%s'\n", project.c_str());
     return kExitFailure;
   }
-  std::string bank = voiceDir.empty() ? std::string(engine.voiceDir) : voiceDir;
-  if (!bank.empty() && bank[0] != '/') bank = folderOf(project) + "/" + bank;
-  engine.set_voiceDir(bank.c_str());
-  CSntMan loader(&engine, voices.c_str());
-  if (bank.empty() || loader.readVoiceset(engine.voiceDir) < 1) {
-    fprintf(stderr, "tona render: no voice bank at '%s'\n", bank.empty() ? "(none given)" : engine.voiceDir);
-    return kExitFailure;
-  }
+  if (!loadVoiceBank(manager, project, voiceDir, "render")) return kExitFailure;
   engine.preparationNotes();
   engine.makePitchMode2();
 

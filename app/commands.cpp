@@ -19,6 +19,7 @@ const Command kCommands[] = {
      "Shows what COMMAND does and its options, or lists the commands.\n",
      runHelp},
     {"render", "render a project to a WAV file", kRenderUsage, runRender},
+    {"play", "play a project through the sound card while it renders", kPlayUsage, runPlay},
     {"info", "show a project's settings and notes", kInfoUsage, runInfo},
     {"edit", "apply editing operations to a project", kEditUsage, runEdit},
     {"recover", "show or copy the project an editing session left behind", kRecoverUsage, runRecover},

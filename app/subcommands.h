@@ -18,3 +18,5 @@ int runEdit(int argc, char** argv);
 extern const char kEditUsage[];
 int runRecover(int argc, char** argv);
 extern const char kRecoverUsage[];
+int runPlay(int argc, char** argv);
+extern const char kPlayUsage[];

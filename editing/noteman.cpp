@@ -12,6 +12,7 @@
 #include "editing/noteserial.h"
 #include "editing/scaleman.h"
 #include "engine/sntman.h"
+#include "render/cache.h"
 #include "support/multibyte.h"
 #include "support/textcopy.h"
 
@@ -948,4 +949,74 @@ int32_t CNoteMan::wrtiePrefixMap() {
   // Shift_JIS texts, which the editor then shows converted.
   memcpy(backup, voices->prefixMap, sizeof backup);
   return utf8 != 0 && sjis != 0 ? 1 : 0;
+}
+
+// --- Playback ------------------------------------------------------------------
+
+namespace {
+
+double* cacheGet(int32_t index, const NoteData* note, int32_t* bytes) { return CCacheSys::getCache(index, note, bytes); }
+
+void cachePut(int32_t index, const NoteData* note, const double* data, int32_t bytes) {
+  CCacheSys::putCache(index, note, data, bytes);
+}
+
+}  // namespace
+
+int32_t CNoteMan::playStart(int64_t fromTick, int64_t toTick, ctonm2::Progress progress, PlayTrigger playTrigger,
+                            RenderPosition setRenderPos, const char* dumpPath, std::string* message) {
+  ctonm2& engine = *engine_;
+  auto fail = [&](const char* text, int32_t result) {
+    if (message != nullptr) *message = text;
+    return result;
+  };
+  if (engine.noteCount == 0) return fail("音符がありません", -1);
+  if (engine.voiceDir[0] == '\0') return fail("原音パスを設定してください", -1);
+  if (engine.voiceset != nullptr && engine.voiceset->count() == 0) return fail("原音が選択されていません", -1);
+  const int32_t prepared = engine.preparationNotes();
+  if (prepared == 0) return fail("レンダリングできる音符がありません", 0);
+  if (prepared < 0) return fail("原音エントリーがありません(2)", -1);
+  engine.makePitchMode2();
+
+  // The first note: the first on the target layer still sounding at fromTick.
+  int32_t first = -1;
+  int64_t start = 0, into = 0;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    const NoteData& note = engine.notes[i];
+    start += note.Delta;
+    const int64_t length = ctonm2::is_r(note.Lyric) ? 0 : note.Length;
+    if (onTargetLayer(note) && start + length > fromTick) {
+      first = i;
+      into = fromTick - start;
+      break;
+    }
+  }
+  if (first < 0) first = 0, into = 0;
+  if (into < 0) into = 0;
+  const double startMs = Ticks2MSec(into, first);
+  // The last note: the one before the first later note (on the target
+  // layer) that starts past toTick.
+  int32_t last = engine.noteCount - 1;
+  if (fromTick < toTick) {
+    int64_t position = getPosition(first);
+    for (int32_t i = first + 1; i < engine.noteCount; ++i) {
+      position += engine.notes[i].Delta;
+      if (onTargetLayer(engine.notes[i]) && position > toTick) {
+        last = std::max(first, i - 1);
+        break;
+      }
+    }
+  }
+  const double endMs = Ticks2MSec(fromTick < toTick ? toTick : getAllTicks());
+  if (dumpPath != nullptr && dumpPath[0] != '\0') {
+    if (FILE* dump = fopen(dumpPath, "w")) {
+      for (int32_t i = first; i <= last; ++i) ctonm2::printNoteData(dump, &engine.notes[i]);
+      fclose(dump);
+    }
+  }
+  engine.playTrigger = playTrigger;
+  engine.renderPosition = setRenderPos;
+  engine.cacheGet = cacheGet;
+  engine.cachePut = cachePut;
+  return engine.render_number_with_progress_thread(first, last, nullptr, progress, startMs, endMs);
 }

@@ -221,6 +221,19 @@ class CNoteMan {
   // Shift_JIS text afterwards, as it always has. 1 when both were written.
   int32_t wrtiePrefixMap();
 
+  // --- Playback -------------------------------------------------------------
+  typedef void (*PlayTrigger)(void* context, uint8_t* block, int32_t offsetBytes, int32_t lengthBytes,
+                              int32_t playOffset);
+  typedef void (*RenderPosition)(void* context, double msec);
+  // Prepares the notes and starts the background render of the stretch
+  // fromTick..toTick (toTick <= fromTick: to the end) with the playback
+  // hooks and the render cache; the trigger hands the growing mix to the
+  // player. With dumpPath, the notes rendered are dumped there as text.
+  // Returns the render start's result; -1 or 0 with *message when nothing
+  // can be played.
+  int32_t playStart(int64_t fromTick, int64_t toTick, ctonm2::Progress progress, PlayTrigger playTrigger,
+                    RenderPosition setRenderPos, const char* dumpPath, std::string* message);
+
   // The "${DEFAULT}" folder given to openSnt.
   const std::string& defaultPath() const { return defaultPath_; }
 

@@ -5,7 +5,7 @@
 TONA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 TONA_JOBS=$(nproc 2>/dev/null || echo 2)
 
-tona_packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev)
+tona_packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev libsdl2-dev)
 
 tona_install_packages() {
   local missing=() pkg
