@@ -11,7 +11,14 @@
 #include <cstring>
 #include <string>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "editing/noteman.h"
+#include "editing/scaleman.h"
 #include "engine/ctonm2.h"
+#include "playback/audioout.h"
 #include "render/cache.h"
 #include "render/wavefile.h"
 #include "tests/testutil.h"
@@ -135,7 +142,110 @@ void BM_RenderWarmFromCache(benchmark::State& state) {
   report(state, size);
 }
 
+// A device that pulls 1024 frames every 23.2 ms, as a sound card does.
+class PacedDevice : public AudioDevice {
+ public:
+  bool start() override { return true; }
+  bool stop() override { return true; }
+  const char* name() const override { return "paced"; }
+  int32_t channels() const override { return 1; }
+};
+
+// Plays while rendering from playStart: the time until the device starts
+// playing (start_ms) and until the first sound reaches it (the song's own
+// silence before its first note included), and how often playback waited
+// for the render (the render over, no wait can come any more, and the run
+// ends).
+void measurePlayback(benchmark::State& state, CNoteMan& man) {
+  PacedDevice device;
+  CAudioOut player(&device);
+  double firstSoundMs = -1.0, startMs = -1.0;
+  int waits = 0;
+  for (auto _ : state) {
+    std::atomic<bool> done{false};
+    const auto began = std::chrono::steady_clock::now();
+    firstSoundMs = startMs = -1.0;
+    waits = 0;
+    std::thread pull([&] {
+      std::vector<float> buffer(1024);
+      auto next = std::chrono::steady_clock::now();
+      bool waiting = false;
+      while (!done) {
+        next += std::chrono::microseconds(23220);
+        std::this_thread::sleep_until(next);
+        CAudioOut::ioProc(buffer.data(), 1024, 1);
+        if (startMs < 0.0 && CAudioOut::NowPlaying) {
+          startMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
+        }
+        if (firstSoundMs < 0.0) {
+          for (float value : buffer) {
+            if (value == 0.0f) continue;
+            firstSoundMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
+            break;
+          }
+        }
+        if (player.waiting() && !waiting) ++waits;
+        waiting = player.waiting();
+      }
+    });
+    std::string message;
+    man.playStart(0, 0, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos, nullptr, &message);
+    man.engine()->render_thread_join(nullptr);
+    while (firstSoundMs < 0.0 && CAudioOut::NowPlaying) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    done = true;
+    pull.join();
+    player.play_stop();
+    state.SetIterationTime(firstSoundMs / 1000.0);
+  }
+  state.counters["first_sound_ms"] = firstSoundMs;
+  state.counters["start_ms"] = startMs;
+  state.counters["waits"] = waits;
+}
+
+// The 400-note project, with an empty render cache (arg 0) or a full one (1).
+void BM_PlayStart400Notes(benchmark::State& state) {
+  fixture();
+  TempDir cache;
+  ScopedEnv cacheHome("XDG_CACHE_HOME", cache.path().c_str());
+  CScaleMan scale;
+  CNoteMan man(&scale);
+  cvoiceset voiceset;
+  buildProject(*man.engine(), voiceset);
+  if (state.range(0) == 1) {  // fills the cache
+    man.engine()->cacheGet = cacheGet;
+    man.engine()->cachePut = cachePut;
+    free(man.engine()->render_all(nullptr));
+  }
+  buildProject(*man.engine(), voiceset);
+  measurePlayback(state, man);
+}
+
+// The bundled demo song with its bank.
+void BM_PlayStartDemo(benchmark::State& state) {
+  fixture();
+  TempDir cache;
+  ScopedEnv cacheHome("XDG_CACHE_HOME", cache.path().c_str());
+  CScaleMan scale;
+  CNoteMan man(&scale);
+  if (man.openSnt(TONA_SOURCE_DIR "/demo/song.snt", nullptr) < 0) {
+    state.SkipWithError("no demo song");
+    return;
+  }
+  man.engine()->set_voiceDir(TONA_SOURCE_DIR "/demo/voicebank");
+  man.readVoiceset();
+  if (state.range(0) == 1) {
+    man.engine()->cacheGet = cacheGet;
+    man.engine()->cachePut = cachePut;
+    man.engine()->preparationNotes();
+    man.engine()->makePitchMode2();
+    free(man.engine()->render_all(nullptr));
+  }
+  measurePlayback(state, man);
+}
+
 }  // namespace
 
+BENCHMARK(BM_PlayStart400Notes)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_PlayStartDemo)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_RenderColdTwoWorkers)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(BM_RenderWarmFromCache)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
