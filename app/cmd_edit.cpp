@@ -445,6 +445,11 @@ int runEdit(int argc, char** argv) {
   long layer = -1;
   if (!layerText.empty() && !parseInt(layerText, 0, 15, &layer)) return usageError(command, "--layer takes 0 to 15");
   if (!form.empty() && form != "1.2" && form != "2.0") return usageError(command, "--form is 1.2 or 2.0");
+  const std::string problem = outputProblem(output, {project}, {".snt"});
+  if (!problem.empty()) {
+    fprintf(stderr, "tona edit: %s\n", problem.c_str());
+    return kExitUsage;
+  }
 
   CScaleMan scale;
   CCNoteMan owner(&scale);

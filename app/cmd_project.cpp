@@ -181,6 +181,11 @@ int runConvert(int argc, char** argv) {
     return usageError(command, "--charset is utf-8 or shift_jis");
   }
 
+  const std::string problem = outputProblem(args[1], {args[0]}, {".snt"});
+  if (!problem.empty()) {
+    fprintf(stderr, "tona convert: %s\n", problem.c_str());
+    return kExitUsage;
+  }
   CScaleMan scale;
   CNoteMan manager(&scale);
   errno = 0;

@@ -56,6 +56,11 @@ int runRecover(int argc, char** argv) {
   }
   printf("recovery file: %s\nwritten:       %s\nnotes:         %d\n", path.c_str(), when, man.noteCount());
   if (output.empty()) return kExitOk;
+  const std::string problem = outputProblem(output, {path}, {".snt"});
+  if (!problem.empty()) {
+    fprintf(stderr, "tona recover: %s\n", problem.c_str());
+    return kExitUsage;
+  }
   // A byte-for-byte copy.
   errno = 0;
   SafeOutput file(output);

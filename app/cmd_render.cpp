@@ -1,6 +1,7 @@
 // tona render PROJECT [-o OUT.wav] [--jobs N] [--from TICK] [--to TICK]
 //                     [--no-cache] [--voice-dir DIR] [--log-level N]
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "render/cache.h"
+#include "render/wavefile.h"
 #include "support/log.h"
 #include "support/userdirs.h"
 
@@ -27,7 +29,7 @@ const char kRenderUsage[] =
     "\n"
     "Renders a project to a 16-bit mono 44.1 kHz WAV file: by default the\n"
     "project's output file, or the project's name with \".wav\".\n"
-    "  -o OUT.wav       the output file\n"
+    "  -o OUT.wav       the output file (- for standard output)\n"
     "  --jobs N         render on N threads (default: the number of cores);\n"
     "                   1 renders on one thread with the render cache\n"
     "  --from, --to     render only the notes starting in [FROM, TO) ticks\n"
@@ -90,9 +92,22 @@ int runRender(int argc, char** argv) {
   CScaleMan scale;
   CNoteMan manager(&scale);
   ctonm2& engine = *manager.engine();
+  errno = 0;
   if (manager.openSnt(project.c_str(), voices.c_str()) < 0) {
-    fprintf(stderr, "tona render: cannot open '%s'\n", project.c_str());
+    fprintf(stderr, "tona render: cannot open '%s': %s\n", project.c_str(), strerror(errno != 0 ? errno : EIO));
     return kExitFailure;
+  }
+  if (output.empty()) output = engine.outfile;
+  if (output.empty()) {
+    const size_t dot = project.rfind('.');
+    const size_t slash = project.rfind('/');
+    output = (dot != std::string::npos && (slash == std::string::npos || dot > slash) ? project.substr(0, dot) : project) +
+             ".wav";
+  }
+  const std::string problem = outputProblem(output, {project}, {".wav", ".wave"});
+  if (!problem.empty()) {
+    fprintf(stderr, "tona render: %s\n", problem.c_str());
+    return kExitUsage;
   }
   if (!loadVoiceBank(manager, project, voiceDir, "render")) return kExitFailure;
   engine.preparationNotes();
@@ -157,23 +172,20 @@ int runRender(int argc, char** argv) {
     return kExitFailure;
   }
 
-  if (output.empty()) output = engine.outfile;
-  if (output.empty()) {
-    const size_t dot = project.rfind('.');
-    const size_t slash = project.rfind('/');
-    output = (dot != std::string::npos && (slash == std::string::npos || dot > slash) ? project.substr(0, dot) : project) +
-             ".wav";
-  }
+  // The file gets a clean RIFF header of its own: the mix block's head
+  // is 48 bytes, the file's 44, with nothing after the data.
+  const int32_t dataBytes = size + 8 - 48;
+  errno = 0;
   SafeOutput file(output);
-  FILE* out = file.path().empty() ? nullptr : fopen(file.path().c_str(), "wb");
-  bool written = out != nullptr && fwrite(block, 1, static_cast<size_t>(size) + 8, out) == static_cast<size_t>(size) + 8;
-  if (out != nullptr) written = fclose(out) == 0 && written;
+  const bool written = !file.path().empty() &&
+                       saveWaveFile(file.path().c_str(), reinterpret_cast<const int16_t*>(block + 48), dataBytes, 16, 1,
+                                    44100) == 0;
   free(block);
   if (!written || !file.commit()) {
-    fprintf(stderr, "tona render: cannot write '%s'\n", output.c_str());
+    fprintf(stderr, "tona render: cannot write '%s': %s\n", output.c_str(), strerror(errno != 0 ? errno : EIO));
     return kExitFailure;
   }
-  const double seconds = (size + 8 - 48) / 2 / 44100.0;
+  const double seconds = dataBytes / 2 / 44100.0;
   fprintf(stderr, "wrote '%s' (%.2f s)\n", output.c_str(), seconds);
   return kExitOk;
 }

@@ -1,6 +1,7 @@
 // tona resample SAMPLE OUT.wav [options]: one note through the resampler.
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -73,10 +74,25 @@ int runResample(int argc, char** argv) {
     }
   }
   if (numbers[8].value <= 0.0) return usageError(command, "--tempo must be above 0");
+  // Values that cannot be right, with what is allowed.
+  if (!length.empty() && !(numbers[0].value > 0.0 && numbers[0].value <= 3600000.0)) {
+    return usageError(command, ("--length " + length + ": from above 0 to 3600000 msec").c_str());
+  }
+  if (numbers[6].value < 0.0 || numbers[6].value > 1000.0) {
+    return usageError(command, ("--intensity " + intensity + ": 0 to 1000 percent").c_str());
+  }
   long noteNumber = 60;
   if (!noteText.empty() && !parseInt(noteText, 0, 127, &noteNumber)) {
     noteNumber = cvoiceset::name2num(noteText.c_str());
     if (noteNumber == 0 && noteText != "C-1") return usageError(command, ("not a note: '" + noteText + "'").c_str());
+    if (noteNumber < 0 || noteNumber > 127) {
+      return usageError(command, ("--note " + noteText + ": C-1 (0) to G9 (127)").c_str());
+    }
+  }
+  const std::string problem = outputProblem(args[1], {args[0]}, {".wav", ".wave"});
+  if (!problem.empty()) {
+    fprintf(stderr, "tona resample: %s\n", problem.c_str());
+    return kExitUsage;
   }
   std::vector<int16_t> cents;
   if (!pitch.empty()) {
@@ -127,10 +143,11 @@ int runResample(int argc, char** argv) {
   std::vector<int16_t> words(static_cast<size_t>(count));
   for (int32_t k = 0; k < count; ++k) words[static_cast<size_t>(k)] = static_cast<int16_t>(std::clamp(values[k], -32767.0, 32767.0));
   free(values);
+  errno = 0;
   SafeOutput output(args[1]);
   if (output.path().empty() ||
       saveWaveFile(output.path().c_str(), words.data(), count * 2, 16, 1, SampleRateOut) != 0 || !output.commit()) {
-    fprintf(stderr, "tona resample: cannot write '%s'\n", args[1].c_str());
+    fprintf(stderr, "tona resample: cannot write '%s': %s\n", args[1].c_str(), strerror(errno != 0 ? errno : EIO));
     return kExitFailure;
   }
   fprintf(stderr, "%s: %d samples (%.3f s)\n", args[1].c_str(), count, count / static_cast<double>(SampleRateOut));

@@ -1,33 +1,110 @@
 #include "app/safe_output.h"
 
+#include <fcntl.h>
+#include <limits.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
 
-SafeOutput::SafeOutput(const std::string& target) : target_(target) {
-  std::string pattern = target + ".tmp-XXXXXX";
+namespace {
+
+// Where a chain of symbolic links ends (the link's own name when it is
+// not one, or when the chain cannot be followed).
+std::string followLinks(const std::string& path) {
+  std::string current = path;
+  for (int depth = 0; depth < 40; ++depth) {
+    struct stat info;
+    if (lstat(current.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) return current;
+    std::vector<char> target(PATH_MAX + 1);
+    const ssize_t n = readlink(current.c_str(), target.data(), PATH_MAX);
+    if (n <= 0) return current;
+    std::string next(target.data(), static_cast<size_t>(n));
+    if (next[0] != '/') {
+      const size_t slash = current.rfind('/');
+      if (slash != std::string::npos) next = current.substr(0, slash + 1) + next;
+    }
+    current = next;
+  }
+  return current;
+}
+
+}  // namespace
+
+SafeOutput::SafeOutput(const std::string& target) : target_(followLinks(target)) {
+  if (target == "-") {
+    temporary_ = "/dev/stdout";
+    direct_ = true;
+    return;
+  }
+  struct stat info;
+  if (stat(target_.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+    if (S_ISDIR(info.st_mode)) {
+      errno = EISDIR;
+      return;
+    }
+    temporary_ = target_;  // a device or a FIFO: written as it is
+    direct_ = true;
+    return;
+  }
+  std::string pattern = target_ + ".tmp-XXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   const int fd = mkstemp(name.data());
   if (fd < 0) return;
-  // mkstemp makes the file private; the result gets the usual mode.
+  // mkstemp makes the file private; the result gets the usual mode, or
+  // the mode of the file it replaces.
   const mode_t mask = umask(0);
   umask(mask);
-  fchmod(fd, 0666 & ~mask);
+  fchmod(fd, stat(target_.c_str(), &info) == 0 ? (info.st_mode & 07777) : (0666 & ~mask));
   close(fd);
   temporary_ = name.data();
 }
 
 SafeOutput::~SafeOutput() {
-  if (!temporary_.empty()) unlink(temporary_.c_str());
+  if (!temporary_.empty() && !direct_) unlink(temporary_.c_str());
 }
 
 bool SafeOutput::commit() {
   if (temporary_.empty()) return false;
+  if (direct_) return true;
   const bool ok = rename(temporary_.c_str(), target_.c_str()) == 0;
-  if (ok) temporary_.clear();
+  if (ok) {
+    temporary_.clear();
+  } else {
+    const int saved = errno;
+    unlink(temporary_.c_str());
+    temporary_.clear();
+    errno = saved;
+  }
   return ok;
+}
+
+std::string outputProblem(const std::string& output, const std::vector<std::string>& inputs,
+                          const std::vector<std::string>& extensions) {
+  if (output == "-") return "";
+  struct stat out;
+  const bool exists = stat(output.c_str(), &out) == 0;
+  for (const std::string& input : inputs) {
+    struct stat in;
+    if (exists && stat(input.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino) {
+      return "the output '" + output + "' is the input '" + input + "'; nothing written";
+    }
+  }
+  if (exists && !S_ISREG(out.st_mode)) return "";
+  const size_t slash = output.rfind('/');
+  const size_t dot = output.rfind('.');
+  const size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
+  if (dot == std::string::npos || dot <= nameStart || dot + 1 == output.size()) return "";
+  const std::string extension = output.substr(dot);
+  std::string formats;
+  for (const std::string& allowed : extensions) {
+    if (strcasecmp(extension.c_str(), allowed.c_str()) == 0) return "";
+    formats += (formats.empty() ? "" : ", ") + allowed;
+  }
+  return "'" + output + "': this command writes " + formats + " files, not " + extension;
 }

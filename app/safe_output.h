@@ -1,9 +1,14 @@
-// Writing an output file without ever leaving a half-written one: the
-// writer fills a temporary file in the target's folder, which replaces the
-// target only when complete.
+// Writing an output file without ever destroying anything.
+//
+// A regular file (or a new one) is written to a temporary file in the
+// target's folder, which replaces the target only when complete. A
+// symbolic link is written through to its target, the same way. Anything
+// else that exists (a device, a FIFO, /dev/stdout) is opened and written
+// directly, and "-" stands for standard output.
 #pragma once
 
 #include <string>
+#include <vector>
 
 class SafeOutput {
  public:
@@ -12,13 +17,21 @@ class SafeOutput {
   SafeOutput(const SafeOutput&) = delete;
   SafeOutput& operator=(const SafeOutput&) = delete;
 
-  // The temporary path to write to; empty when it could not be made.
+  // The path to write to; empty when it could not be made (errno set).
   const std::string& path() const { return temporary_; }
-  // Renames the temporary file over the target. False (errno set) when the
-  // rename fails; the temporary file is then removed.
+  // Puts the written file in place. False (errno set) when the rename
+  // fails; the temporary file is then removed.
   bool commit();
 
  private:
   std::string target_;
   std::string temporary_;
+  bool direct_ = false;  // written in place: nothing to rename
 };
+
+// What is wrong with writing `output`, or "" when nothing is: the output
+// is one of `inputs` (the same file, however named), or its extension is
+// none of `extensions` (each with its dot, compared without case; a name
+// without an extension, "-" and files that are not regular are fine).
+std::string outputProblem(const std::string& output, const std::vector<std::string>& inputs,
+                          const std::vector<std::string>& extensions);
