@@ -1,6 +1,8 @@
 // tona analyze PATH... [--force] [--text] [--jobs N]
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -8,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <set>
 #include <string>
@@ -74,14 +77,36 @@ std::string loadFailure(const std::string& path) {
   return "not a readable 16-bit WAV or AIFF file";
 }
 
+// Why a table just made is not on disk (a table can be computed in memory
+// and still fail to be written), or "" when it is.
+std::string tableNotWritten(const std::string& sample, time_t since) {
+  const std::string table = frequencyTablePath(sample.c_str(), "frq");
+  struct stat info;
+  if (stat(table.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_mtime >= since) return "";
+  const size_t slash = table.rfind('/');
+  const std::string folder = slash == std::string::npos ? "." : table.substr(0, slash == 0 ? 1 : slash);
+  errno = 0;
+  if (access(table.c_str(), F_OK) == 0) {
+    const int fd = open(table.c_str(), O_WRONLY);
+    if (fd < 0) return "cannot write '" + table + "': " + strerror(errno);
+    close(fd);
+  } else if (access(folder.c_str(), W_OK) != 0) {
+    return "cannot write '" + table + "': " + strerror(errno);
+  }
+  return "cannot write '" + table + "'";
+}
+
 void analyse(Job& job, bool force, bool text) {
   double *freq = nullptr, *amp = nullptr;
   double average = 0.0;
+  const time_t started = time(nullptr);
   int32_t count = force ? 0 : readFrequenciesList(job.path.c_str(), &freq, &amp, &average, kAnalysisStep);
   if (count > 0) {
     job.outcome = Outcome::kUpToDate;
   } else if (generateAnlyzeFiles(job.path.c_str(), force ? 1 : 0) == 0) {
     job.reason = loadFailure(job.path);
+    return;
+  } else if (!(job.reason = tableNotWritten(job.path, started)).empty()) {
     return;
   } else {
     count = readFrequenciesList(job.path.c_str(), &freq, &amp, &average, kAnalysisStep);
@@ -119,9 +144,13 @@ int runAnalyze(int argc, char** argv) {
 
   std::vector<Job> jobs;
   std::set<std::string> seen;
+  int empty = 0;
   for (const std::string& path : paths) {
     const std::vector<std::string> samples = isFolder(path) ? bankSamples(path) : std::vector<std::string>{path};
-    if (samples.empty()) fprintf(stderr, "warning: '%s' names no sample (no oto.ini entries?)\n", path.c_str());
+    if (samples.empty()) {
+      fprintf(stderr, "tona analyze: '%s' is no voice bank: it has no oto.ini or oto_ini.txt entries\n", path.c_str());
+      ++empty;
+    }
     for (const std::string& sample : samples) {
       if (seen.insert(sample).second) jobs.push_back({sample, Outcome::kFailed, ""});
     }
@@ -153,5 +182,5 @@ int runAnalyze(int argc, char** argv) {
   for (const Job& job : jobs) {
     if (job.outcome == Outcome::kFailed) fprintf(stderr, "  failed: %s: %s\n", job.path.c_str(), job.reason.c_str());
   }
-  return failed == 0 ? kExitOk : kExitFailure;
+  return failed == 0 && empty == 0 ? kExitOk : kExitFailure;
 }

@@ -16,6 +16,7 @@
 
 #include "app/args.h"
 #include "app/command.h"
+#include "app/project_file.h"
 #include "app/safe_output.h"
 #include "app/subcommands.h"
 #include "editing/ccnoteman.h"
@@ -455,11 +456,7 @@ int runEdit(int argc, char** argv) {
   CCNoteMan owner(&scale);
   CNoteMan& man = *owner.noteman();
   const std::string voices = userFolder(UserFolder::kVoice);
-  errno = 0;
-  if (man.openSnt(project.c_str(), voices.c_str()) < 0) {
-    fprintf(stderr, "tona edit: cannot open '%s': %s\n", project.c_str(), strerror(errno != 0 ? errno : EIO));
-    return kExitFailure;
-  }
+  if (!openProjectFile(man, project, "edit")) return kExitFailure;
   ctonm2& engine = *man.engine();
   // The voice bank gives the envelope commands each note's real length;
   // every other operation works without it.

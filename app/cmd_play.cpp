@@ -20,6 +20,7 @@
 
 #include "app/args.h"
 #include "app/command.h"
+#include "app/project_file.h"
 #include "app/subcommands.h"
 #include "app/voice_bank.h"
 #include "editing/noteman.h"
@@ -140,13 +141,9 @@ int runPlay(int argc, char** argv) {
   CScaleMan scale;
   CNoteMan manager(&scale);
   ctonm2& engine = *manager.engine();
-  const std::string voices = userFolder(UserFolder::kVoice);
-  errno = 0;
-  if (manager.openSnt(project.c_str(), voices.c_str()) < 0) {
-    fprintf(stderr, "tona play: cannot open '%s': %s\n", project.c_str(), strerror(errno != 0 ? errno : EIO));
-    return kExitFailure;
-  }
+  if (!openProjectFile(manager, project, "play")) return kExitFailure;
   if (!loadVoiceBank(manager, project, voiceDir, "play")) return kExitFailure;
+  dropImpossibleNotes(manager);
 
   std::string error;
   std::unique_ptr<AudioDevice> device = openAudioDevice(deviceName.c_str(), &error);

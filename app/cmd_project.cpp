@@ -11,6 +11,7 @@
 
 #include "app/args.h"
 #include "app/command.h"
+#include "app/project_file.h"
 #include "app/safe_output.h"
 #include "app/subcommands.h"
 #include "editing/noteman.h"
@@ -45,14 +46,6 @@ std::string noteName(int number) {
   static const char* const kNames[12] = {"C", "C#", "D", "D#", "E", "F", "F#", "G", "G#", "A", "A#", "B"};
   if (number < 0 || number > 127) return "?";
   return std::string(kNames[number % 12]) + std::to_string(number / 12 - 1);
-}
-
-// Opens a project as the editor does; prints the reason when it cannot.
-bool openProject(CNoteMan& manager, const std::string& path, const char* command) {
-  const std::string voices = userFolder(UserFolder::kVoice);
-  if (manager.openSnt(path.c_str(), voices.c_str()) >= 0) return true;
-  fprintf(stderr, "tona %s: cannot open '%s': %s\n", command, path.c_str(), strerror(errno != 0 ? errno : EIO));
-  return false;
 }
 
 // Columns a UTF-8 text takes on a terminal: East Asian wide characters
@@ -94,7 +87,7 @@ int runInfo(int argc, char** argv) {
   CScaleMan scale;
   CNoteMan manager(&scale);
   errno = 0;
-  if (!openProject(manager, args[0], "info")) return kExitFailure;
+  if (!openProjectFile(manager, args[0], "info")) return kExitFailure;
   ctonm2& engine = *manager.engine();
   if (dump) {
     for (int32_t i = 0; i < engine.noteCount; ++i) ctonm2::printNoteData(stdout, &engine.notes[i]);
@@ -189,7 +182,7 @@ int runConvert(int argc, char** argv) {
   CScaleMan scale;
   CNoteMan manager(&scale);
   errno = 0;
-  if (!openProject(manager, args[0], "convert")) return kExitFailure;
+  if (!openProjectFile(manager, args[0], "convert")) return kExitFailure;
   ctonm2& engine = *manager.engine();
   if (form == "1.2") engine.sntVersion = 120;
   if (form == "2.0") engine.sntVersion = 200;

@@ -13,6 +13,7 @@
 #include "app/args.h"
 #include "app/command.h"
 #include "app/progress.h"
+#include "app/project_file.h"
 #include "app/safe_output.h"
 #include "app/subcommands.h"
 #include "app/voice_bank.h"
@@ -36,7 +37,8 @@ const char kRenderUsage[] =
     "  --no-cache       do not read or write the render cache\n"
     "  --voice-dir DIR  the voice bank to sing with (default: the project's;\n"
     "                   a relative folder is taken from the project's folder)\n"
-    "  --log-level N    log to stderr up to level N (1 errors .. 6 everything)\n"
+    "  --log-level N    log to stderr up to level N (1 errors .. 6 everything;\n"
+    "                   default 0: only the command's own messages)\n"
     "Ctrl-C stops the render and writes nothing.\n";
 
 namespace {
@@ -78,7 +80,7 @@ int runRender(int argc, char** argv) {
   const int status = parser.parse(argc, argv, &args, 1, 1);
   if (status >= 0) return status;
   long jobs = static_cast<long>(std::max(1u, std::thread::hardware_concurrency()));
-  long from = 0, to = INT32_MAX, level = 1;
+  long from = 0, to = INT32_MAX, level = 0;
   if (!jobsText.empty() && !parseInt(jobsText, 1, 64, &jobs)) return usageError(command, "--jobs takes 1 to 64");
   if (!fromText.empty() && !parseInt(fromText, 0, INT32_MAX, &from)) return usageError(command, "--from takes ticks");
   if (!toText.empty() && !parseInt(toText, 0, INT32_MAX, &to)) return usageError(command, "--to takes ticks");
@@ -88,15 +90,10 @@ int runRender(int argc, char** argv) {
 
   // Open the project as the editor does.
   const std::string& project = args[0];
-  const std::string voices = userFolder(UserFolder::kVoice);
   CScaleMan scale;
   CNoteMan manager(&scale);
   ctonm2& engine = *manager.engine();
-  errno = 0;
-  if (manager.openSnt(project.c_str(), voices.c_str()) < 0) {
-    fprintf(stderr, "tona render: cannot open '%s': %s\n", project.c_str(), strerror(errno != 0 ? errno : EIO));
-    return kExitFailure;
-  }
+  if (!openProjectFile(manager, project, "render")) return kExitFailure;
   if (output.empty()) output = engine.outfile;
   if (output.empty()) {
     const size_t dot = project.rfind('.');
@@ -110,6 +107,7 @@ int runRender(int argc, char** argv) {
     return kExitUsage;
   }
   if (!loadVoiceBank(manager, project, voiceDir, "render")) return kExitFailure;
+  dropImpossibleNotes(manager);
   engine.preparationNotes();
   engine.makePitchMode2();
 
@@ -135,6 +133,7 @@ int runRender(int argc, char** argv) {
     fprintf(stderr, "tona render: no note starts in the range asked\n");
     return kExitFailure;
   }
+  warnUnloadableSamples(manager, first, last);
 
   interruptedEngine = &engine;
   struct sigaction action;

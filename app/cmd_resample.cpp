@@ -130,7 +130,7 @@ int runResample(int argc, char** argv) {
 
   // The log shows errors only, unless tonm_log_level asks for more: the
   // reason of a failure is printed below anyway.
-  log_init(nullptr, getenv("tonm_log_level") != nullptr ? nullptr : "1");
+  log_init(nullptr, getenv("tonm_log_level") != nullptr ? nullptr : "0");
   init_render(SampleRateOut);
   ResampError error = ResampError::kNone;
   int32_t count = 0;

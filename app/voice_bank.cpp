@@ -1,8 +1,16 @@
 #include "app/voice_bank.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <algorithm>
+#include <map>
 
 #include "editing/noteman.h"
+#include "render/wavefile.h"
 
 bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::string& option, const char* command) {
   ctonm2& engine = *manager.engine();
@@ -18,4 +26,60 @@ bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::str
     return false;
   }
   return true;
+}
+
+int warnUnloadableSamples(CNoteMan& manager, int first, int last) {
+  ctonm2& engine = *manager.engine();
+  std::map<std::string, int> notes;  // sample -> notes singing it
+  for (int i = std::max(first, 0); i <= last && i < engine.noteCount; ++i) {
+    // The voice entry's file name is taken from the bank's folder.
+    const NoteData& note = engine.notes[i];
+    if (note.VoiceFile != nullptr && !ctonm2::is_r(note.Lyric)) ++notes[std::string(engine.voiceDir) + note.VoiceFile];
+  }
+  int failed = 0;
+  for (const auto& [path, count] : notes) {
+    if (access(path.c_str(), R_OK) != 0) {
+      fprintf(stderr, "warning: sample '%s' cannot be read: %s; %d notes stay silent\n", path.c_str(), strerror(errno),
+              count);
+      ++failed;
+      continue;
+    }
+    const bool aiff = path.size() >= 5 && path.compare(path.size() - 5, 5, ".aiff") == 0;
+    WaveFormat format;
+    memset(&format, 0, sizeof format);
+    int32_t bytes = 0;
+    int16_t* words = aiff ? loadAiffFile(path.c_str(), &format, 0, &bytes) : loadWaveFile(path.c_str(), &format, 0, &bytes);
+    if (words == nullptr || format.channels < 1 || format.sampleRate == 0) {
+      fprintf(stderr, "warning: sample '%s' is not a readable 16-bit WAV or AIFF file; %d notes stay silent\n",
+              path.c_str(), count);
+      ++failed;
+    }
+    free(words);
+  }
+  return failed;
+}
+
+int dropImpossibleNotes(CNoteMan& manager) {
+  ctonm2& engine = *manager.engine();
+  int dropped = 0, inserted = 0;
+  for (int i = 0; i < engine.noteCount; ++i) {
+    NoteData& note = engine.notes[i];
+    // The reader puts a tempo change on a rest record of its own before
+    // its note: such records have no section in the file.
+    const NoteData* next = engine.get_note(i + 1);
+    if (note.Lyric[0] == '\0' && note.Length == 0 && note.Tempo > 0.0f && next != nullptr && next->Delta == 0 &&
+        !ctonm2::is_r(next->Lyric)) {
+      ++inserted;
+      continue;
+    }
+    if (ctonm2::is_r(note.Lyric)) continue;
+    const bool badLength = note.Length < 0, badNumber = note.NoteNum < 0 || note.NoteNum > 127;
+    if (!badLength && !badNumber) continue;
+    fprintf(stderr, "warning: note [#%04d] '%s': %s; left out\n", i - inserted, note.Lyric,
+            badLength ? ("length " + std::to_string(note.Length) + " is negative").c_str()
+                      : ("note number " + std::to_string(note.NoteNum) + " is outside 0..127").c_str());
+    strcpy(note.Lyric, "R");
+    ++dropped;
+  }
+  return dropped;
 }

@@ -10,3 +10,12 @@ class CNoteMan;
 // voice set. False, with "tona COMMAND: no voice bank at ..." on stderr,
 // when there is none.
 bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::string& option, const char* command);
+
+// Warns, one line per sample, of the samples that notes first..last sing
+// and that cannot be loaded (those notes stay silent). Returns how many.
+int warnUnloadableSamples(CNoteMan& manager, int first, int last);
+
+// Notes that cannot be right (a negative length, a note number outside
+// 0..127) get one warning line each, naming their section in the file,
+// and are left out of the render (made rests). Returns how many.
+int dropImpossibleNotes(CNoteMan& manager);

@@ -3,10 +3,12 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "support/log.h"
 #include "support/multibyte.h"
 #include "support/textcopy.h"
 
@@ -202,7 +204,7 @@ int32_t copendir::read_folder_otoini(const char* folder, cvoiceset* target,
   if (!dir.empty() && dir.back() == '/') dir.pop_back();
   DIR* listing = opendir(dir.c_str());
   if (listing == nullptr) {
-    perror("opendir");
+    log_printf(2, "opendir %s: %s\n", dir.c_str(), strerror(errno));
     return -1;
   }
   int32_t sum = 0;

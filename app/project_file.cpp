@@ -1,0 +1,49 @@
+#include "app/project_file.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "editing/noteman.h"
+#include "support/userdirs.h"
+
+namespace {
+
+// Why the file holds no project, or "".
+std::string notAProject(const std::string& path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return "it is a folder";
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) return "";  // the open below says why
+  std::vector<char> head(65536);
+  const size_t n = fread(head.data(), 1, head.size(), file);
+  fclose(file);
+  if (n == 0) return "the file is empty";
+  if (memchr(head.data(), '\0', n) != nullptr) return "it is not a text file";
+  const std::string text(head.data(), n);
+  if (text.find("[#SETTING]") != std::string::npos) return "";
+  for (size_t at = text.find("[#"); at != std::string::npos; at = text.find("[#", at + 2)) {
+    if (at + 2 < text.size() && text[at + 2] >= '0' && text[at + 2] <= '9') return "";
+  }
+  return "it has no [#SETTING] section and no note section";
+}
+
+}  // namespace
+
+bool openProjectFile(CNoteMan& manager, const std::string& path, const char* command) {
+  const std::string reason = notAProject(path);
+  if (!reason.empty()) {
+    fprintf(stderr, "tona %s: not a project: '%s': %s\n", command, path.c_str(), reason.c_str());
+    return false;
+  }
+  const std::string voices = userFolder(UserFolder::kVoice);
+  errno = 0;
+  if (manager.openSnt(path.c_str(), voices.c_str()) < 0) {
+    fprintf(stderr, "tona %s: cannot open '%s': %s\n", command, path.c_str(), strerror(errno != 0 ? errno : EIO));
+    return false;
+  }
+  return true;
+}

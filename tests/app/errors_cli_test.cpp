@@ -1,0 +1,116 @@
+// What commands say when they are given something that cannot be right.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include <string>
+#include <vector>
+
+#include "tests/testutil.h"
+#include "tests/voicebank/bank.h"
+#include "tests/voicebank/voice_signal.h"
+
+namespace {
+
+class Errors : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    VoiceSignal voice;
+    voice.seconds = 0.5;
+    voice.writeWave(bank_.folder() + "a.wav");
+    bank_.write("oto.ini", "a.wav=a,30,60,-300,40,10\nb.wav=b,0,0,0,0,0\n");
+    bank_.write("b.wav", "RIFF garbage");
+  }
+  std::string project(const std::string& notes) {
+    const std::string path = bank_.folder() + "song.snt";
+    writeFile(path, "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120\nVoiceDir=" + bank_.path() +
+                        "\n" + notes + "[#TRACKEND]\n");
+    return path;
+  }
+  int lines(const std::string& text) { return static_cast<int>(std::count(text.begin(), text.end(), '\n')); }
+
+  FakeHome home_;
+  TestBank bank_;
+};
+
+}  // namespace
+
+TEST_F(Errors, SomethingThatIsNotAProject) {
+  bank_.write("empty.snt", "");
+  bank_.write("binary.snt", std::string("\x7f" "ELF\0\0\1", 7));
+  bank_.write("text.snt", "just some words\n");
+  for (const std::string& path : {bank_.path(), bank_.folder() + "empty.snt", bank_.folder() + "binary.snt",
+                                  bank_.folder() + "text.snt"}) {
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"info", path}, {"convert", path, bank_.folder() + "out.snt"}, {"render", path, "-o", bank_.folder() + "o.wav"}}) {
+      RunResult run = runTona(args);
+      EXPECT_EQ(run.status, 1) << args[0] << " " << path;
+      EXPECT_EQ(run.err.rfind("tona " + args[0] + ": not a project: ", 0), 0u) << run.err;
+      EXPECT_EQ(lines(run.err), 1) << run.err;
+    }
+  }
+  RunResult missing = runTona({"info", bank_.folder() + "none.snt"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("No such file or directory"), std::string::npos) << missing.err;
+}
+
+TEST_F(Errors, ValuesOutsideTheirRange) {
+  const std::string sample = bank_.folder() + "a.wav", out = bank_.folder() + "r.wav";
+  for (const std::vector<std::string>& options : std::vector<std::vector<std::string>>{
+           {"--length", "0"}, {"--length", "-5"}, {"--length", "1e12"}, {"--note", "C12"}, {"--intensity", "-1"}}) {
+    std::vector<std::string> args = {"resample", sample, out};
+    args.insert(args.end(), options.begin(), options.end());
+    RunResult run = runTona(args);
+    EXPECT_EQ(run.status, 2) << options[0] << " " << options[1];
+    EXPECT_NE(run.err.find(options[0] + " " + options[1] + ": "), std::string::npos) << run.err;
+  }
+  EXPECT_FALSE(fileExists(out));
+  EXPECT_EQ(runTona({"resample", sample, out, "--note", "G9", "--length", "300"}).status, 0);
+}
+
+TEST_F(Errors, ImpossibleNotesAreLeftOutWithOneLineEach) {
+  const std::string path = project(
+      "[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n"
+      "[#0001]\nDelta=480\nDuration=-20\nLyric=a\nNoteNum=57\nTempo=100\n"
+      "[#0002]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=300\n"
+      "[#0003]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=60\n");
+  RunResult run = runTona({"render", path, "-o", bank_.folder() + "o.wav"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.err.find("warning: note [#0001] 'a': length -20 is negative; left out\n"), std::string::npos) << run.err;
+  EXPECT_NE(run.err.find("warning: note [#0002] 'a': note number 300 is outside 0..127; left out\n"),
+            std::string::npos);
+}
+
+TEST_F(Errors, OneClearLinePerProblemWithTheSystemsReason) {
+  const std::string path = project("[#0000]\nDelta=480\nDuration=480\nLyric=b\nNoteNum=57\n"
+                                   "[#0001]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n");
+  RunResult run = runTona({"render", path, "-o", bank_.folder() + "o.wav"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.err.find("warning: sample '" + bank_.folder() + "b.wav' is not a readable 16-bit WAV or AIFF file; 1 "
+                         "notes stay silent\n"),
+            std::string::npos)
+      << run.err;
+  EXPECT_EQ(run.err.find("[ERR]"), std::string::npos) << run.err;  // no library log lines
+  RunResult unwritable = runTona({"render", path, "-o", bank_.folder() + "no/such/folder/o.wav"});
+  EXPECT_EQ(unwritable.status, 1);
+  EXPECT_NE(unwritable.err.find(": No such file or directory\n"), std::string::npos) << unwritable.err;
+  RunResult noBank = runTona({"render", path, "--voice-dir", bank_.folder() + "nothing"});
+  EXPECT_EQ(noBank.err.find("opendir"), std::string::npos) << noBank.err;
+  EXPECT_EQ(lines(noBank.err), 1) << noBank.err;
+}
+
+TEST_F(Errors, AnalyzeReportsTablesItCannotWrite) {
+  // A folder where the table goes: it cannot be written, even by root.
+  mkdir((bank_.folder() + "a_wav.frq").c_str(), 0755);
+  RunResult run = runTona({"analyze", bank_.path()});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("failed: " + bank_.folder() + "a.wav: cannot write '" + bank_.folder() +
+                         "a_wav.frq': Is a directory\n"),
+            std::string::npos)
+      << run.err;
+  TempDir empty;
+  RunResult none = runTona({"analyze", empty.path()});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_NE(none.err.find("no oto.ini or oto_ini.txt entries"), std::string::npos) << none.err;
+}
