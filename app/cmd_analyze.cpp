@@ -77,8 +77,9 @@ std::string loadFailure(const std::string& path) {
   return "not a readable 16-bit WAV or AIFF file";
 }
 
-// Why a table just made is not on disk (a table can be computed in memory
-// and still fail to be written), or "" when it is.
+// Why a table just made is not on disk, or "" when it is: a table can be
+// computed in memory and still fail to be written, and a sample without a
+// voiced frame gets none.
 std::string tableNotWritten(const std::string& sample, time_t since) {
   const std::string table = frequencyTablePath(sample.c_str(), "frq");
   struct stat info;
@@ -93,7 +94,7 @@ std::string tableNotWritten(const std::string& sample, time_t since) {
   } else if (access(folder.c_str(), W_OK) != 0) {
     return "cannot write '" + table + "': " + strerror(errno);
   }
-  return "cannot write '" + table + "'";
+  return "no voiced frame (silent?)";  // nothing kept the table from being written
 }
 
 void analyse(Job& job, bool force, bool text) {

@@ -131,7 +131,7 @@ TEST(VoiceSetReading, NothingToRead) {
   EXPECT_STREQ(set.prefixMap[60].prefix, "");  // no entries: no prefix map
   testing::internal::CaptureStderr();
   EXPECT_EQ(set.read_voiceset((empty.path() + "/absent").c_str()), -1);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("opendir"), std::string::npos);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // the log's, at level 2; commands say it their way
 }
 
 TEST(PrefixMap, ReadSkipsBadRowsAndWriteReadsBack) {
