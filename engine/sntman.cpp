@@ -257,6 +257,11 @@ int32_t CSntMan::writeSnt1(const char* path) {
   out.line("Flags=%s", engine_->flags);
   out.line("Mode2=True");
   int32_t section = 0;
+  // The 1.2 form holds a tempo change as "Tempo=" on a note: a change kept
+  // on a rest record just before a note (as the reader leaves tempo
+  // changes) goes onto that note, and one on any other rest stays on the
+  // rest's own section, so that the song keeps its timing.
+  float carriedTempo = 0.0f;
   for (int32_t i = 0; i < engine_->noteCount; ++i) {
     const NoteData* note = engine_->get_note(i);
     if (note == nullptr) continue;
@@ -287,8 +292,17 @@ int32_t CSntMan::writeSnt1(const char* path) {
       out.line("Intensity=%u", static_cast<unsigned>(note->Intensity));
       out.line("Modulation=%d", note->Modulation);
       out.line("Flags=%s", note->Flags);
-      if (note->Tempo != 0.0f) out.line("Tempo=%0.2f", note->Tempo);
+      const float tempo = note->Tempo != 0.0f ? note->Tempo : carriedTempo;
+      if (tempo != 0.0f) out.line("Tempo=%0.2f", tempo);
+      carriedTempo = 0.0f;
       writeCurves(out, note, 12);  // the 1.2 form keeps the first 12 envelope slots
+    } else if (note->Tempo != 0.0f) {
+      const NoteData* next = engine_->get_note(i + 1);
+      if (next != nullptr && next->Delta == 0 && !ctonm2::is_r(next->Lyric) && next->Tempo == 0.0f) {
+        carriedTempo = note->Tempo;
+      } else {
+        out.line("Tempo=%0.2f", note->Tempo);
+      }
     }
     ++section;
     if (gap > 0) {

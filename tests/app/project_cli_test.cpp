@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "editing/noteman.h"
+#include "editing/scaleman.h"
 #include "tests/testutil.h"
 
 namespace {
@@ -94,4 +96,25 @@ TEST_F(ProjectCommands, FailuresLeaveTheTargetAlone) {
   EXPECT_EQ(runTona({"info", dir_.file("absent.snt")}).status, 1);
   EXPECT_EQ(runTona({"convert", input_, target, "--form", "3.0"}).status, 2);
   EXPECT_EQ(runTona({"convert", input_}).status, 2);
+}
+
+TEST_F(ProjectCommands, ConvertKeepsTheDemosTimingBothWays) {
+  // The song's length as a render lays it out, without a voice bank (the
+  // notes' own timing: lengths and tempo changes).
+  auto songLength = [](const std::string& path) {
+    CScaleMan scale;
+    CNoteMan man(&scale);
+    if (man.openSnt(path.c_str(), nullptr) < 0) return -1.0;
+    man.engine()->preparationNotes();
+    return man.engine()->totalLength;
+  };
+  const std::string demo = TONA_SOURCE_DIR "/demo/song.snt";
+  const std::string old = dir_.file("old.snt"), back = dir_.file("back.snt");
+  ASSERT_EQ(runTona({"convert", demo, old, "--form", "1.2"}).status, 0);
+  ASSERT_EQ(runTona({"convert", old, back, "--form", "2.0"}).status, 0);
+  const double length = songLength(demo);
+  EXPECT_GT(length, 40000.0);
+  EXPECT_NEAR(songLength(old), length, 1.0);
+  EXPECT_NEAR(songLength(back), length, 1.0);
+  EXPECT_NE(readFile(old).find("Tempo="), readFile(old).rfind("Tempo="));  // the changes are there
 }
