@@ -1,5 +1,6 @@
 #include "app/args.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -88,5 +89,20 @@ bool parseDouble(const std::string& text, double* out) {
   double value = strtod(text.c_str(), &end);
   if (errno != 0 || *end != '\0' || !std::isfinite(value)) return false;
   *out = value;
+  return true;
+}
+
+bool parseSize(const std::string& text, int64_t* out) {
+  if (text.empty()) return false;
+  std::string digits = text;
+  int shift = 0;
+  const char unit = static_cast<char>(toupper(static_cast<unsigned char>(digits.back())));
+  if (unit == 'K' || unit == 'M' || unit == 'G') {
+    shift = unit == 'K' ? 10 : unit == 'M' ? 20 : 30;
+    digits.pop_back();
+  }
+  long value = 0;
+  if (!parseInt(digits, 0, (1L << 40), &value)) return false;
+  *out = static_cast<int64_t>(value) << shift;
   return true;
 }

@@ -2,6 +2,7 @@
 // short "-o VALUE", flags, "--help", and "--" ending the options.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -39,3 +40,6 @@ class ArgParser {
 bool parseInt(const std::string& text, long low, long high, long* out);
 // Reads a whole finite decimal number; false when it does not.
 bool parseDouble(const std::string& text, double* out);
+// Reads a size in bytes: a whole number with an optional K, M or G
+// (binary multiples); false when it does not.
+bool parseSize(const std::string& text, int64_t* out);

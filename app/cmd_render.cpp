@@ -26,15 +26,17 @@
 
 const char kRenderUsage[] =
     "usage: tona render PROJECT [-o OUT.wav] [--jobs N] [--from TICK] [--to TICK]\n"
-    "                   [--no-cache] [--voice-dir DIR] [--log-level N]\n"
+    "                   [--no-cache] [--cache-limit SIZE] [--voice-dir DIR] [--log-level N]\n"
     "\n"
     "Renders a project to a 16-bit mono 44.1 kHz WAV file: by default the\n"
     "project's output file, or the project's name with \".wav\".\n"
     "  -o OUT.wav       the output file (- for standard output)\n"
-    "  --jobs N         render on N threads (default: the number of cores);\n"
-    "                   1 renders on one thread with the render cache\n"
+    "  --jobs N         render on N threads (default: the number of cores); the\n"
+    "                   same project gives the same bytes on any number\n"
     "  --from, --to     render only the notes starting in [FROM, TO) ticks\n"
     "  --no-cache       do not read or write the render cache\n"
+    "  --cache-limit SIZE  keep the render cache within SIZE bytes (K, M, G\n"
+    "                   suffixes; default 1G): the oldest files go first\n"
     "  --voice-dir DIR  the voice bank to sing with (default: the project's;\n"
     "                   a relative folder is taken from the project's folder)\n"
     "  --log-level N    log to stderr up to level N (1 errors .. 6 everything;\n"
@@ -65,7 +67,7 @@ void onProgress(void* context, int32_t done, int32_t total) {
 
 int runRender(int argc, char** argv) {
   const Command& command = *findCommand("render");
-  std::string output, jobsText, fromText, toText, voiceDir, levelText;
+  std::string output, jobsText, fromText, toText, voiceDir, levelText, limitText;
   bool noCache = false;
   ArgParser parser(command);
   parser.option("-o", &output);
@@ -76,12 +78,17 @@ int runRender(int argc, char** argv) {
   parser.option("--voice-dir", &voiceDir);
   parser.option("--log-level", &levelText);
   parser.flag("--no-cache", &noCache);
+  parser.option("--cache-limit", &limitText);
   std::vector<std::string> args;
   const int status = parser.parse(argc, argv, &args, 1, 1);
   if (status >= 0) return status;
   long jobs = static_cast<long>(std::max(1u, std::thread::hardware_concurrency()));
   long from = 0, to = INT32_MAX, level = 0;
   if (!jobsText.empty() && !parseInt(jobsText, 1, 64, &jobs)) return usageError(command, "--jobs takes 1 to 64");
+  int64_t cacheLimit = CCacheSys::kDefaultLimit;
+  if (!limitText.empty() && !parseSize(limitText, &cacheLimit)) {
+    return usageError(command, ("--cache-limit " + limitText + ": a size in bytes, such as 500M or 2G").c_str());
+  }
   if (!fromText.empty() && !parseInt(fromText, 0, INT32_MAX, &from)) return usageError(command, "--from takes ticks");
   if (!toText.empty() && !parseInt(toText, 0, INT32_MAX, &to)) return usageError(command, "--to takes ticks");
   if (!levelText.empty() && !parseInt(levelText, 0, 6, &level)) return usageError(command, "--log-level takes 0 to 6");
@@ -147,17 +154,14 @@ int runRender(int argc, char** argv) {
   {
     ProgressBar bar("rendering", last - first + 1);
     engine.progressContext = &bar;
-    if (jobs == 1) {
-      if (!noCache) {
-        engine.cacheGet = cacheGet;
-        engine.cachePut = cachePut;
-      }
-      block = engine.render_number_with_progress(first, last, &size, onProgress, 0.0, 0.0);
-    } else {
-      block = engine.render_number_by_thread(first, last, &size, static_cast<int32_t>(jobs), onProgress);
+    if (!noCache) {
+      engine.cacheGet = cacheGet;
+      engine.cachePut = cachePut;
     }
+    block = engine.render_number_by_thread(first, last, &size, static_cast<int32_t>(jobs), onProgress);
     engine.progressContext = nullptr;
   }
+  if (!noCache) CCacheSys::trim(cacheLimit);
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
   interruptedEngine = nullptr;

@@ -24,6 +24,7 @@ const Command kCommands[] = {
     {"edit", "apply editing operations to a project", kEditUsage, runEdit},
     {"recover", "show or copy the project an editing session left behind", kRecoverUsage, runRecover},
     {"convert", "write a project in the 1.2 or 2.0 form", kConvertUsage, runConvert},
+    {"cache", "show or empty the render cache", kCacheUsage, runCache},
     {"analyze", "make the frequency tables of samples or voice banks", kAnalyzeUsage, runAnalyze},
     {"resample", "render one note from a voice sample", kResampleUsage, runResample},
     {"voicebank", "show a voice bank, or the entry a lyric sings", kVoicebankUsage, runVoicebank},

@@ -20,3 +20,5 @@ int runRecover(int argc, char** argv);
 extern const char kRecoverUsage[];
 int runPlay(int argc, char** argv);
 extern const char kPlayUsage[];
+int runCache(int argc, char** argv);
+extern const char kCacheUsage[];

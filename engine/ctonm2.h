@@ -139,6 +139,20 @@ class ctonm2 {
   // addition under mixMutex.
   int16_t* arrange_n(int16_t* mix, double posMs, int32_t index, double lengthMs, int32_t mixLength, int32_t layer,
                      float noteTempo);
+  // arrange_n in two halves, so that workers can resample notes in any
+  // order and still add them into the mix in note order: the resampled
+  // note (from the render cache when its hooks are set) with where and
+  // under which envelope it goes (buffer null when nothing could be
+  // rendered), and its addition.
+  struct RenderedNote {
+    double* buffer = nullptr;  // malloc, count values
+    int32_t count = 0;
+    int64_t start = 0;  // sample in the mix
+    float envelope[16] = {};
+    double envelopeLength = 0.0;
+  };
+  RenderedNote resample_n(double posMs, int32_t index, double lengthMs, float noteTempo);
+  void mix_n(int16_t* mix, int32_t mixLength, const RenderedNote& note);
   // The start-point trim in msec that aligns the fundamental's phase in
   // the overlap with the previous note's tail.
   double optimizeOverlap(const double* prevBuffer, int32_t prevCount, double prevLengthMs, const double* buffer,

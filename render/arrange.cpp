@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "engine/ctonm2.h"
@@ -21,6 +22,16 @@ int64_t roundHalfUp(double x) { return static_cast<int64_t>(std::trunc(x + 0.5))
 
 // Adds a rendered note under its envelope into the mix, sample by sample,
 // until done or a stop is requested.
+// The length asked of the resampler shapes the audio, and the two drivers
+// ask different lengths of the same note: the cache key must tell them
+// apart. The key covers the serialized note, whose reserved word is
+// otherwise always zero, so the length's bits go there on the copy that
+// is resampled and cached.
+void markRequestedLength(NoteData* copy, double lengthMs) {
+  const float length = static_cast<float>(lengthMs);
+  memcpy(&copy->reserved, &length, sizeof copy->reserved);
+}
+
 void mixNote(int16_t* mix, int32_t mixLength, int64_t start, const double* buffer, int32_t count, const float* envelope,
              double envelopeLength, const std::atomic<int32_t>& renderState) {
   for (int32_t k = 0; k < count; ++k) {
@@ -202,6 +213,7 @@ int16_t* ctonm2::arrange_note(int16_t* mix, double posMs, int32_t index, double 
   if (note == nullptr || note->VoiceFile == nullptr) return mix;
   const std::string path = std::string(voiceDir) + note->VoiceFile;
   NoteData copy = *note;  // shares the note's arrays; nothing here frees them
+  markRequestedLength(&copy, lengthMs);
 
   auto resample = [&]() {
     int32_t count = 0;
@@ -262,18 +274,44 @@ int16_t* ctonm2::arrange_note(int16_t* mix, double posMs, int32_t index, double 
 
 int16_t* ctonm2::arrange_n(int16_t* mix, double posMs, int32_t index, double lengthMs, int32_t mixLength, int32_t,
                            float noteTempo) {
+  const RenderedNote rendered = resample_n(posMs, index, lengthMs, noteTempo);
+  if (rendered.buffer == nullptr) return mix;
+  pthread_mutex_lock(&mixMutex);
+  mix_n(mix, mixLength, rendered);
+  pthread_mutex_unlock(&mixMutex);
+  free(rendered.buffer);
+  return mix;
+}
+
+ctonm2::RenderedNote ctonm2::resample_n(double posMs, int32_t index, double lengthMs, float noteTempo) {
+  RenderedNote rendered;
   NoteData* note = get_note(index);
-  if (note == nullptr || note->VoiceFile == nullptr) return mix;
+  if (note == nullptr || note->VoiceFile == nullptr) return rendered;
   const std::string path = std::string(voiceDir) + note->VoiceFile;
   NoteData copy = *note;
-  int32_t count = 0;
-  double* buffer = resamp(path.c_str(), &copy, static_cast<float>(lengthMs + 35.0), &count, noteTempo);
-  if (buffer == nullptr) return mix;
-  const int64_t start = roundHalfUp((posMs - copy._preuttr) * 0.001 * 44100.0);
+  markRequestedLength(&copy, lengthMs);
+  if (cacheGet != nullptr) {
+    int32_t bytes = 0;
+    rendered.buffer = cacheGet(index, &copy, &bytes);
+    rendered.count = bytes / static_cast<int32_t>(sizeof(double));
+    if (rendered.buffer != nullptr) log_printf(5, "get:\n");
+  }
+  if (rendered.buffer == nullptr) {
+    rendered.buffer = resamp(path.c_str(), &copy, static_cast<float>(lengthMs + 35.0), &rendered.count, noteTempo);
+    if (rendered.buffer != nullptr && cachePut != nullptr) {
+      log_printf(5, "put:\n");
+      cachePut(index, &copy, rendered.buffer, rendered.count * static_cast<int32_t>(sizeof(double)));
+    }
+  }
+  if (rendered.buffer == nullptr) return rendered;
+  rendered.start = roundHalfUp((posMs - copy._preuttr) * 0.001 * 44100.0);
   correctEnvelope(copy.Envelope, lengthMs - copy._stp);
-  pthread_mutex_lock(&mixMutex);
-  mixNote(mix, mixLength, start, buffer, count, copy.Envelope, lengthMs - copy._stp, renderState);
-  pthread_mutex_unlock(&mixMutex);
-  free(buffer);
-  return mix;
+  memcpy(rendered.envelope, copy.Envelope, sizeof rendered.envelope);
+  rendered.envelopeLength = lengthMs - copy._stp;
+  return rendered;
+}
+
+void ctonm2::mix_n(int16_t* mix, int32_t mixLength, const RenderedNote& note) {
+  if (note.buffer == nullptr) return;
+  mixNote(mix, mixLength, note.start, note.buffer, note.count, note.envelope, note.envelopeLength, renderState);
 }

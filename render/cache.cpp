@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -124,4 +125,43 @@ void CCacheSys::deleteCache(int32_t index) {
 
 void CCacheSys::deleteCacheAll() {
   forEachCacheFile([](const std::string& path, const std::string&) { unlink(path.c_str()); });
+}
+
+void CCacheSys::usage(int64_t* files, int64_t* bytes) {
+  int64_t count = 0, total = 0;
+  forEachCacheFile([&](const std::string& path, const std::string&) {
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return;
+    ++count;
+    total += info.st_size;
+  });
+  if (files != nullptr) *files = count;
+  if (bytes != nullptr) *bytes = total;
+}
+
+int64_t CCacheSys::trim(int64_t limit) {
+  struct Entry {
+    std::string path;
+    int64_t bytes;
+    struct timespec changed;
+  };
+  std::vector<Entry> entries;
+  int64_t total = 0;
+  forEachCacheFile([&](const std::string& path, const std::string&) {
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return;
+    entries.push_back({path, info.st_size, info.st_mtim});
+    total += info.st_size;
+  });
+  if (total <= limit) return 0;
+  std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+    return a.changed.tv_sec != b.changed.tv_sec ? a.changed.tv_sec < b.changed.tv_sec
+                                                : a.changed.tv_nsec < b.changed.tv_nsec;
+  });
+  int64_t removed = 0;
+  for (const Entry& entry : entries) {
+    if (total - removed <= limit) break;
+    if (unlink(entry.path.c_str()) == 0) removed += entry.bytes;
+  }
+  return removed;
 }

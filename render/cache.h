@@ -25,4 +25,11 @@ class CCacheSys {
   static void deleteCache(int32_t index);
   static void deleteCacheAll();
   static std::string folder();
+
+  // The files in the cache and their bytes.
+  static void usage(int64_t* files, int64_t* bytes);
+  // Removes the oldest files (by last change) until the cache holds at
+  // most `limit` bytes; returns the bytes removed.
+  static int64_t trim(int64_t limit);
+  static constexpr int64_t kDefaultLimit = int64_t(1) << 30;  // 1 GiB
 };

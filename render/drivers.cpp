@@ -94,8 +94,21 @@ float tempoBefore(const ctonm2& engine, int32_t first) {
   return t;
 }
 
+// The notes of a threaded render, resampled in any order and added into
+// the mix strictly in note order, so that the mix is the same bytes on any
+// number of threads (additions that clip do not commute).
+struct OrderedMix {
+  std::vector<ctonm2::RenderedNote> notes;
+  std::vector<uint8_t> done;  // by note - first; rests and others' notes set when reached
+  int32_t first = 0;
+  int32_t next = 0;  // the next note to add, as an index from first
+  int16_t* mix = nullptr;
+  int32_t samples = 0;
+};
+
 struct Worker {
   ctonm2* engine;
+  OrderedMix* ordered;
   int32_t number;
   int32_t samples;
   int16_t* mix;
@@ -126,16 +139,29 @@ void* workerMain(void* argument) {
     if (ctonm2::is_r(note.Lyric) || i % Thread_N != w.number) continue;
     double length = static_cast<double>(note._notelen) + note._preuttr + note._stp;
     if (i + 1 < engine.noteCount) length += engine.notes[i + 1]._overlap - engine.notes[i + 1]._preuttr;
+    ctonm2::RenderedNote rendered;
     if (note.VoiceFile != nullptr) {
       if (errorlevel > 3) {
         log_printf(4, "(%d/%d/%s) voice file='%s'\n", i, w.last, note.Lyric, note.VoiceFile);
       } else {
         log_printf(3, "(%d/%d/%s)\n", i, w.last, note.Lyric);
       }
-      engine.arrange_n(w.mix, position, i, length, w.samples, note.layer, t);
+      rendered = engine.resample_n(position, i, length, t);
     } else {
       log_printf(2, "(%d/%d/%s) no voice data.\n", i, w.last, note.Lyric);
     }
+    // Hand the note over and add every note that is now next in line.
+    OrderedMix& ordered = *w.ordered;
+    pthread_mutex_lock(&engine.mixMutex);
+    ordered.notes[static_cast<size_t>(i - ordered.first)] = rendered;
+    ordered.done[static_cast<size_t>(i - ordered.first)] = 1;
+    while (ordered.next < static_cast<int32_t>(ordered.done.size()) && ordered.done[static_cast<size_t>(ordered.next)]) {
+      ctonm2::RenderedNote& ready = ordered.notes[static_cast<size_t>(ordered.next++)];
+      engine.mix_n(ordered.mix, ordered.samples, ready);
+      free(ready.buffer);
+      ready.buffer = nullptr;
+    }
+    pthread_mutex_unlock(&engine.mixMutex);
     if (w.progress != nullptr) w.progress(engine.progressContext, ++*w.done, w.total);
   }
   w.state = 2;
@@ -184,11 +210,21 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
 
   markRunning(renderState);
   std::atomic<int32_t> done{0};
+  OrderedMix ordered;
+  ordered.first = first;
+  ordered.mix = mix;
+  ordered.samples = samples;
+  ordered.notes.resize(static_cast<size_t>(last - first + 1));
+  ordered.done.resize(ordered.notes.size(), 0);
+  for (int32_t i = first; i <= last; ++i) {
+    if (is_r(notes[i].Lyric)) ordered.done[static_cast<size_t>(i - first)] = 1;  // no worker takes a rest
+  }
   std::vector<Worker> workers(static_cast<size_t>(Thread_N));
   const float startTempo = tempoBefore(*this, first);
   for (int32_t t = 0; t < Thread_N; ++t) {
     Worker& w = workers[static_cast<size_t>(t)];
     w.engine = this;
+    w.ordered = &ordered;
     w.number = t;
     w.samples = samples;
     w.mix = mix;
@@ -220,6 +256,7 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
   for (Worker& w : workers) {
     if (w.state.load() == 2) pthread_join(w.thread, nullptr);
   }
+  for (RenderedNote& left : ordered.notes) free(left.buffer);  // after a stop
   writeHeader(block, samples);
   free_pitch();
   renderState = 0;

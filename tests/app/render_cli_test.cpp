@@ -55,17 +55,38 @@ TEST_F(RenderCommand, WritesTheSongNextToTheProject) {
   EXPECT_GT(bytes, 44100 * 2 * 2);  // more than two seconds
 }
 
-TEST_F(RenderCommand, OneJobUsesTheCacheAndGivesTheSameSamples) {
+TEST_F(RenderCommand, EveryJobCountUsesTheCacheAndGivesTheSameBytes) {
   const std::string first = bank_.folder() + "first.wav", second = bank_.folder() + "second.wav";
-  ASSERT_EQ(runTona({"render", project_, "-o", first, "--jobs", "1"}).status, 0);
-  RunResult warm = runTona({"render", project_, "-o", second, "--jobs", "1", "--log-level", "5"});
-  ASSERT_EQ(warm.status, 0);
-  size_t hits = 0;
-  for (size_t at = warm.err.find("get:"); at != std::string::npos; at = warm.err.find("get:", at + 1)) ++hits;
-  EXPECT_EQ(hits, 2u);
+  ASSERT_EQ(runTona({"render", project_, "-o", first, "--jobs", "2"}).status, 0);
+  for (const char* jobs : {"1", "2", "8"}) {
+    RunResult warm = runTona({"render", project_, "-o", second, "--jobs", jobs, "--log-level", "5"});
+    ASSERT_EQ(warm.status, 0);
+    size_t hits = 0;
+    for (size_t at = warm.err.find("get:"); at != std::string::npos; at = warm.err.find("get:", at + 1)) ++hits;
+    EXPECT_EQ(hits, 2u) << jobs << " jobs";
+    EXPECT_EQ(readFile(first), readFile(second)) << jobs << " jobs";
+  }
+  EXPECT_EQ(runTona({"render", project_, "-o", second, "--no-cache", "--jobs", "8"}).status, 0);
   EXPECT_EQ(readFile(first), readFile(second));
   EXPECT_EQ(runTona({"render", project_, "-o", second, "--jobs", "1", "--no-cache", "--from", "960"}).status, 0);
   EXPECT_LT(readFile(second).size(), readFile(first).size());
+}
+
+TEST_F(RenderCommand, TheCacheIsBoundedAndCanBeEmptied) {
+  ASSERT_EQ(runTona({"render", project_, "-o", bank_.folder() + "o.wav"}).status, 0);
+  RunResult info = runTona({"cache", "info"});
+  ASSERT_EQ(info.status, 0);
+  EXPECT_NE(info.out.find("files:  2\n"), std::string::npos) << info.out;
+  // A limit below one note's file keeps nothing.
+  ASSERT_EQ(runTona({"render", project_, "-o", bank_.folder() + "o.wav", "--cache-limit", "1K"}).status, 0);
+  EXPECT_NE(runTona({"cache", "info"}).out.find("files:  0\n"), std::string::npos);
+  ASSERT_EQ(runTona({"render", project_, "-o", bank_.folder() + "o.wav"}).status, 0);
+  RunResult clean = runTona({"cache", "clean"});
+  EXPECT_EQ(clean.status, 0);
+  EXPECT_NE(clean.out.find("removed 2 files"), std::string::npos) << clean.out;
+  EXPECT_NE(runTona({"cache", "info"}).out.find("files:  0\n"), std::string::npos);
+  EXPECT_EQ(runTona({"render", project_, "--cache-limit", "lots"}).status, 2);
+  EXPECT_EQ(runTona({"cache", "sweep"}).status, 2);
 }
 
 TEST_F(RenderCommand, FailuresSayWhy) {
