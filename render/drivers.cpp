@@ -257,7 +257,7 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
     if (w.state.load() == 2) pthread_join(w.thread, nullptr);
   }
   for (RenderedNote& left : ordered.notes) free(left.buffer);  // after a stop
-  writeHeader(block, samples);
+  if (renderState.load() != 2) writeHeader(block, samples);  // a stopped render is no WAV image
   free_pitch();
   renderState = 0;
   if (size != nullptr) *size = samples * 2 + kHeadBytes - 8;
@@ -287,7 +287,8 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
   const Extent extent = extentOf(*this, first, last);
   log_printf(4, "rendering length : %lf ms\n", extent.length);
   int32_t samples = 0;
-  uint8_t* block = extent.length > 0.0 ? allocateMix(extent.length, &samples) : nullptr;
+  // Rests alone are nothing to render, as for the threaded driver.
+  uint8_t* block = extent.length > 0.0 && extent.sounding > 0 ? allocateMix(extent.length, &samples) : nullptr;
   if (block == nullptr) {
     free_pitch();
     renderState = 0;
@@ -354,9 +355,8 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
   if (renderPosition != nullptr) renderPosition(progressContext, 0.0);
   free(prevBuffer);
   prevBuffer = nullptr;
-  // A stopped render still gets its header: the mix holds the notes
-  // rendered before the stop, the rest is silence.
-  if (!playing) writeHeader(block, samples);
+  // A stopped render writes no header: its block is no WAV image.
+  if (!playing && renderState.load() != 2) writeHeader(block, samples);
   free_pitch();
   renderState = 0;
   if (size != nullptr) *size = samples * 2 + kHeadBytes - 8;
@@ -399,9 +399,11 @@ uint8_t* ctonm2::render_thread_join(int32_t* size) {
 }
 
 int32_t ctonm2::render_stop() {
-  int32_t state = renderState.load();
-  if (state == 0) return 0;
-  renderState = 2;
+  // From running to stop requested in one step: a render that ends between
+  // a read and a write of the state would leave the request standing, and
+  // the wait below would never end.
+  int32_t state = 1;
+  if (!renderState.compare_exchange_strong(state, 2) && state != 2) return state;
   while ((state = renderState.load()) == 2) usleep(20000);
   return state;
 }
