@@ -472,7 +472,9 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
     stretch = velocityFactor;
     velocityFactor = 1.0;
   }
-  const double lengthOut = fixedIn != 0.0 ? ((usable - fixedIn) * stretch + fixedOut / velocityFactor) / ratio + 0.5
+  // fixedOut is in output samples already: only the input part is divided
+  // by the rate ratio (the same at 44.1 kHz, where the ratio is 1).
+  const double lengthOut = fixedIn != 0.0 ? (usable - fixedIn) * stretch / ratio + fixedOut / velocityFactor + 0.5
                                           : usable * stretch / ratio + 0.5;
   const int32_t n = lengthOut > 0.0 && lengthOut < 1e9 ? static_cast<int32_t>(lengthOut) : 0;
   log_printf(5, "Length %d -> %d\n", static_cast<int32_t>(usable), n);

@@ -87,12 +87,18 @@ int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int
       }
       format->chunkId = id;
       format->chunkSize = size;
-      if (size > 16 && !in.skip(static_cast<long long>(size) - 16)) return nullptr;
+      // A chunk of odd size is followed by a pad byte.
+      if (size + (size & 1) > 16 && !in.skip(static_cast<long long>(size) + (size & 1) - 16)) return nullptr;
     } else if (id == kData) {
       uint32_t size = 0;
       if (!in.read(&size, 4, false)) return nullptr;
-      // A data chunk that claims more than the file holds is damage.
-      if (static_cast<long long>(size) > in.remaining()) return nullptr;
+      // A data chunk that claims more than the file holds (a truncated file,
+      // or 0xFFFFFFFF from a recorder that streamed it) gives what is there,
+      // in whole frames.
+      if (static_cast<long long>(size) > in.remaining()) {
+        const uint32_t frame = std::max<uint32_t>(format->blockAlign, 2);
+        size = static_cast<uint32_t>(in.remaining()) / frame * frame;
+      }
       const size_t bytes = static_cast<size_t>(format->blockAlign) * static_cast<size_t>(padding > 0 ? padding : 0) +
                            size;
       int16_t* samples = static_cast<int16_t*>(malloc(bytes > 0 ? bytes : 1));
@@ -106,7 +112,7 @@ int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int
     } else {
       uint32_t size = 0;
       if (!in.read(&size, 4, false)) return nullptr;
-      if (!in.skip(size)) return nullptr;
+      if (!in.skip(static_cast<long long>(size) + (size & 1))) return nullptr;
     }
   }
 }

@@ -151,6 +151,25 @@ TEST_F(Resampler, LengthsFollowTheFormula) {
   EXPECT_EQ(render(99.0f).size(), static_cast<size_t>(100.0 / 1000.0 * 44100.0 + 0.5));
 }
 
+TEST_F(Resampler, SamplesAtOtherRatesComeOutAtTheLengthAsked) {
+  for (int32_t rate : {22050, 48000}) {
+    VoiceSignal voice;
+    voice.f0 = 220.0;
+    voice.seconds = 2.0;
+    voice.rate = rate;
+    const std::string path = folder_->file("rate" + std::to_string(rate) + ".wav");
+    voice.writeWave(path.c_str());
+    generateAnlyzeFiles(path.c_str(), 0);
+    for (float consonant : {0.0f, 80.0f}) {
+      entry_.fixed = consonant;
+      int32_t count = 0;
+      double* values = resamp(path.c_str(), &note_, 500.0f, &count, 120.0f, nullptr);
+      free(values);
+      EXPECT_NEAR(count, 501.0 / 1000.0 * 44100.0, 2.0) << rate << " Hz, consonant " << consonant;
+    }
+  }
+}
+
 TEST_F(Resampler, NormalisationAndVolume) {
   const double untouched = peakOf(render(800.0f, nullptr));  // P86 by default
   strcpy(note_.Flags, "P0");
