@@ -101,7 +101,11 @@ int runRender(int argc, char** argv) {
   CNoteMan manager(&scale);
   ctonm2& engine = *manager.engine();
   if (!openProjectFile(manager, project, "render")) return kExitFailure;
-  if (output.empty()) output = engine.outfile;
+  if (output.empty() && engine.outfile[0] != '\0') {
+    output = engine.outfile;  // a relative one is taken from the project's folder, like its voice folder
+    const size_t slash = project.rfind('/');
+    if (output[0] != '/' && slash != std::string::npos) output = project.substr(0, slash + 1) + output;
+  }
   if (output.empty()) {
     const size_t dot = project.rfind('.');
     const size_t slash = project.rfind('/');

@@ -1,6 +1,9 @@
-// tona voicebank info DIR | lookup DIR LYRIC [--note N] [--prev LYRIC]
+// tona voicebank list | info DIR | lookup DIR LYRIC [--note N] [--prev LYRIC]
 
+#include <dirent.h>
 #include <sys/stat.h>
+
+#include <algorithm>
 
 #include <cerrno>
 #include <cstdio>
@@ -12,14 +15,18 @@
 #include "app/args.h"
 #include "app/command.h"
 #include "app/subcommands.h"
+#include "support/userdirs.h"
 #include "voicebank/connective.h"
 #include "voicebank/voiceprofile.h"
 #include "voicebank/voiceset.h"
 
 const char kVoicebankUsage[] =
-    "usage: tona voicebank info DIR\n"
+    "usage: tona voicebank list\n"
+    "       tona voicebank info DIR\n"
     "       tona voicebank lookup DIR LYRIC [--note NAME|NUMBER] [--prev LYRIC]\n"
     "\n"
+    "list    lists the voice banks of the per-user voice folder with their names\n"
+    "        (a project may name one of them by its folder's name alone).\n"
     "info    shows a voice bank: its name, picture and sample, charset, entries\n"
     "        per folder, prefix map, and entries whose sample file is missing.\n"
     "lookup  shows the entry a note with LYRIC would sing, after a note sung\n"
@@ -138,6 +145,29 @@ int runLookup(const std::string& folder, const std::string& lyric, const std::st
 
 }  // namespace
 
+namespace {
+
+int runList() {
+  const std::string root = userFolder(UserFolder::kVoice);
+  std::vector<std::string> names;
+  if (DIR* listing = opendir(root.c_str())) {
+    while (struct dirent* item = readdir(listing)) {
+      if (item->d_name[0] != '.' && isFolder(root + "/" + item->d_name)) names.push_back(item->d_name);
+    }
+    closedir(listing);
+  }
+  std::sort(names.begin(), names.end());
+  printf("voice banks in %s:\n", root.c_str());
+  for (const std::string& name : names) {
+    const CVoiceProfile profile((root + "/" + name).c_str());
+    printf("  %-24s %s\n", name.c_str(), profile.voiceName());
+  }
+  if (names.empty()) printf("  (none)\n");
+  return kExitOk;
+}
+
+}  // namespace
+
 int runVoicebank(int argc, char** argv) {
   const Command& command = voicebankCommand();
   std::string note, previous;
@@ -147,6 +177,10 @@ int runVoicebank(int argc, char** argv) {
   std::vector<std::string> args;
   int status = parser.parse(argc, argv, &args, 1, 3);
   if (status >= 0) return status;
+  if (args[0] == "list") {
+    if (args.size() != 1) return usageError(command, "list takes no folder");
+    return runList();
+  }
   if (args[0] == "info") {
     if (args.size() != 2) return usageError(command, "info takes one folder");
     if (!note.empty() || !previous.empty()) return usageError(command, "info takes no options");

@@ -1,5 +1,6 @@
 #include "app/voice_bank.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +12,7 @@
 
 #include "editing/noteman.h"
 #include "render/wavefile.h"
+#include "support/userdirs.h"
 
 bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::string& option, const char* command) {
   ctonm2& engine = *manager.engine();
@@ -18,7 +20,15 @@ bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::str
   if (!bank.empty() && bank[0] != '/') {
     const size_t slash = project.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : project.substr(0, slash == 0 ? 1 : slash);
+    std::string name = bank;
+    while (!name.empty() && name.back() == '/') name.pop_back();
     bank = folder + "/" + bank;
+    // A bare name not found beside the project is a bank of the user's.
+    struct stat info;
+    if (name.find('/') == std::string::npos && !name.empty() && (stat(bank.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
+      const std::string own = userFolder(UserFolder::kVoice) + "/" + name;
+      if (stat(own.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) bank = own;
+    }
   }
   engine.set_voiceDir(bank.c_str());
   if (bank.empty() || manager.readVoiceset() < 1) {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "render/wavefile.h"
+#include "support/userdirs.h"
 #include "tests/testutil.h"
 #include "tests/voicebank/bank.h"
 #include "tests/voicebank/voice_signal.h"
@@ -100,4 +101,32 @@ TEST_F(RenderCommand, FailuresSayWhy) {
   EXPECT_EQ(range.status, 1);
   EXPECT_EQ(runTona({"render", project_, "--jobs", "0"}).status, 2);
   EXPECT_EQ(runTona({"render", project_, "--from", "50", "--to", "10"}).status, 2);
+}
+
+TEST(RenderPaths, BareBankNamesAndRelativeOutputs) {
+  FakeHome home;
+  // A bank of the user's, named by its folder's name alone.
+  const std::string banks = home.path() + "/voices";
+  ScopedEnv data("XDG_DATA_HOME", banks.c_str());
+  const std::string alto = banks + "/tona/voice/alto";
+  ASSERT_TRUE(makeFolders(alto));
+  VoiceSignal voice;
+  voice.seconds = 0.5;
+  voice.writeWave(alto + "/a.wav");
+  writeFile(alto + "/oto.ini", "a.wav=a,30,60,-300,40,10\n");
+  writeFile(alto + "/character.txt", "name=Alto Test\n");
+  TempDir project;
+  writeFile(project.file("song.snt"), "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120\n"
+                                      "VoiceDir=alto\nOutFile=song-out.wav\n"
+                                      "[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n[#TRACKEND]\n");
+  RunResult run = runTona({"render", project.file("song.snt")});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(fileExists(project.file("song-out.wav")));  // beside the project, wherever tona runs
+  RunResult list = runTona({"voicebank", "list"});
+  EXPECT_EQ(list.status, 0);
+  EXPECT_NE(list.out.find("alto"), std::string::npos) << list.out;
+  EXPECT_NE(list.out.find("Alto Test"), std::string::npos) << list.out;
+  // A bank beside the project comes first.
+  ASSERT_TRUE(makeFolders(project.file("alto")));
+  EXPECT_EQ(runTona({"render", project.file("song.snt")}).status, 1);  // that one holds nothing
 }
