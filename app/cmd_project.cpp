@@ -1,6 +1,7 @@
 // tona info PROJECT [--dump]
 // tona convert IN OUT [--form 1.2|2.0] [--charset utf-8|shift_jis]
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -22,8 +23,10 @@
 const char kInfoUsage[] =
     "usage: tona info PROJECT [--dump]\n"
     "\n"
-    "Shows a project's settings and its notes (index, start tick, length,\n"
-    "lyric, note number, tempo). --dump prints every field of every note.\n";
+    "Shows a project's settings and its notes: each by its section in the\n"
+    "file, with its start (ticks and m:ss.s), its length (ticks and seconds),\n"
+    "lyric, note and tempo change; then the song's length. --dump prints\n"
+    "every field of every record as the program holds it.\n";
 
 const char kConvertUsage[] =
     "usage: tona convert IN OUT [--form 1.2|2.0] [--charset utf-8|shift_jis]\n"
@@ -67,6 +70,15 @@ size_t displayWidth(const std::string& text) {
   return width;
 }
 
+// m:ss.s
+std::string clockText(double ms) {
+  if (!(ms > 0.0)) ms = 0.0;
+  char text[32];
+  const long tenths = std::lround(ms / 100.0);
+  snprintf(text, sizeof text, "%ld:%02ld.%ld", tenths / 600, tenths / 10 % 60, tenths % 10);
+  return text;
+}
+
 std::string timeSignatureText(CScaleMan& scale) {
   std::vector<char> text(static_cast<size_t>(scale.serialize2text(nullptr, 0)));
   scale.serialize2text(text.data(), static_cast<int32_t>(text.size()));
@@ -101,21 +113,45 @@ int runInfo(int argc, char** argv) {
   printf("output file:     %s\n", engine.outfile);
   printf("flags:           %s\n", engine.flags);
   printf("time signatures: %s\n", timeSignatureText(scale).c_str());
-  printf("notes:           %d\n", engine.noteCount);
-  if (engine.noteCount > 0) printf("%6s %9s %7s  %-16s %-9s %s\n", "index", "start", "length", "lyric", "note", "tempo");
-  long long start = 0;
+  // Each note by its section in the file; a tempo change the reader keeps
+  // on a record of its own is shown on its note; a rest with its length up
+  // to the next note.
+  const std::vector<int> sections = sectionNumbers(engine);
+  int shown = 0;
+  for (int section : sections) shown += section >= 0;
+  printf("notes:           %d\n", shown);
+  if (shown > 0) {
+    printf("%-8s %8s %9s %7s %7s  %-16s %-9s %s\n", "section", "start", "at", "length", "secs", "lyric", "note",
+           "tempo");
+  }
+  long long start = 0, songEnd = 0;
+  float pendingTempo = 0.0f;
   for (int32_t i = 0; i < engine.noteCount; ++i) {
     const NoteData& note = engine.notes[i];
     start += note.Delta;
-    char tempo[32] = "";
-    if (note.Tempo != 0.0f) snprintf(tempo, sizeof tempo, "%.2f", note.Tempo);
+    if (sections[static_cast<size_t>(i)] < 0) {
+      pendingTempo = note.Tempo;
+      continue;
+    }
+    const bool rest = ctonm2::is_r(note.Lyric);
+    long long length = note.Length;
+    if (rest && i + 1 < engine.noteCount) length = engine.notes[i + 1].Delta;  // the reader keeps rests at 0
+    songEnd = std::max(songEnd, start + length);
+    const float tempo = note.Tempo != 0.0f ? note.Tempo : pendingTempo;
+    pendingTempo = 0.0f;
+    const double at = manager.Ticks2MSec(start), end = manager.Ticks2MSec(start + length);
+    char tempoText[32] = "";
+    if (tempo != 0.0f) snprintf(tempoText, sizeof tempoText, "%.2f", tempo);
     // Pad the lyric by its width on screen, not its bytes, so kana line up.
     std::string lyric = note.Lyric[0] == '\0' ? "(rest)" : note.Lyric;
     const size_t columns = displayWidth(lyric);
     if (columns < 16) lyric.append(16 - columns, ' ');
-    printf("%6d %9lld %7d  %s %-4d%-5s %s\n", i, start, note.Length, lyric.c_str(), note.NoteNum,
-           noteName(note.NoteNum).c_str(), tempo);
+    char section[16];
+    snprintf(section, sizeof section, "[#%04d]", sections[static_cast<size_t>(i)]);
+    printf("%-8s %8lld %9s %7lld %7.2f  %s %-4d%-5s %s\n", section, start, clockText(at).c_str(), length,
+           (end - at) / 1000.0, lyric.c_str(), note.NoteNum, rest ? "" : noteName(note.NoteNum).c_str(), tempoText);
   }
+  printf("length:          %s\n", clockText(manager.Ticks2MSec(songEnd)).c_str());  // the end of the last note
   return kExitOk;
 }
 

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -46,4 +47,17 @@ bool openProjectFile(CNoteMan& manager, const std::string& path, const char* com
     return false;
   }
   return true;
+}
+
+std::vector<int> sectionNumbers(const ctonm2& engine) {
+  std::vector<int> sections(static_cast<size_t>(std::max(engine.noteCount, 0)), -1);
+  int section = 0;
+  for (int i = 0; i < engine.noteCount; ++i) {
+    const NoteData& note = engine.notes[i];
+    const NoteData* next = i + 1 < engine.noteCount ? &engine.notes[i + 1] : nullptr;
+    const bool added = note.Lyric[0] == '\0' && note.Length == 0 && note.Tempo > 0.0f && next != nullptr &&
+                       next->Delta == 0 && !ctonm2::is_r(next->Lyric);
+    if (!added) sections[static_cast<size_t>(i)] = section++;
+  }
+  return sections;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 class CNoteMan;
 
@@ -11,3 +12,9 @@ class CNoteMan;
 // the file cannot be read or holds no project: a folder, an empty file, a
 // binary, or a text with neither a "[#SETTING]" section nor a note section.
 bool openProjectFile(CNoteMan& manager, const std::string& path, const char* command);
+
+class ctonm2;
+
+// The section number in the file of every note in the engine, -1 for the
+// rest records the reader adds to carry a tempo change before its note.
+std::vector<int> sectionNumbers(const ctonm2& engine);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <map>
 
+#include "app/project_file.h"
 #include "editing/noteman.h"
 #include "render/wavefile.h"
 #include "support/userdirs.h"
@@ -71,21 +72,14 @@ int warnUnloadableSamples(CNoteMan& manager, int first, int last) {
 
 int dropImpossibleNotes(CNoteMan& manager) {
   ctonm2& engine = *manager.engine();
-  int dropped = 0, inserted = 0;
+  const std::vector<int> sections = sectionNumbers(engine);
+  int dropped = 0;
   for (int i = 0; i < engine.noteCount; ++i) {
     NoteData& note = engine.notes[i];
-    // The reader puts a tempo change on a rest record of its own before
-    // its note: such records have no section in the file.
-    const NoteData* next = engine.get_note(i + 1);
-    if (note.Lyric[0] == '\0' && note.Length == 0 && note.Tempo > 0.0f && next != nullptr && next->Delta == 0 &&
-        !ctonm2::is_r(next->Lyric)) {
-      ++inserted;
-      continue;
-    }
-    if (ctonm2::is_r(note.Lyric)) continue;
+    if (sections[static_cast<size_t>(i)] < 0 || ctonm2::is_r(note.Lyric)) continue;
     const bool badLength = note.Length < 0, badNumber = note.NoteNum < 0 || note.NoteNum > 127;
     if (!badLength && !badNumber) continue;
-    fprintf(stderr, "warning: note [#%04d] '%s': %s; left out\n", i - inserted, note.Lyric,
+    fprintf(stderr, "warning: note [#%04d] '%s': %s; left out\n", sections[static_cast<size_t>(i)], note.Lyric,
             badLength ? ("length " + std::to_string(note.Length) + " is negative").c_str()
                       : ("note number " + std::to_string(note.NoteNum) + " is outside 0..127").c_str());
     strcpy(note.Lyric, "R");

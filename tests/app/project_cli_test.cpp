@@ -42,10 +42,18 @@ TEST_F(ProjectCommands, InfoShowsSettingsAndNotes) {
   EXPECT_NE(run.out.find("project name:    song\n"), std::string::npos);
   EXPECT_NE(run.out.find("voice folder:    /banks/alto/\n"), std::string::npos);
   EXPECT_NE(run.out.find("time signatures: (3/4/4),(4/4/0),\n"), std::string::npos);
-  EXPECT_NE(run.out.find("notes:           4\n"), std::string::npos);  // with the tempo record
-  EXPECT_NE(run.out.find("     1       960       0  (rest)           48  C3    140.00\n"), std::string::npos)
+  // Three sections in the file: the tempo change shows on its note, the
+  // rest with its length, times at 120 and then 140 BPM.
+  EXPECT_NE(run.out.find("notes:           3\n"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("[#0000]       480    0:00.5     480    0.50  \xe3\x81\x8b               60  C4    \n"),
+            std::string::npos)
       << run.out;
-  EXPECT_NE(run.out.find("     2       960     960  \xe3\x81\x95               62  D4"), std::string::npos);
+  EXPECT_NE(run.out.find("[#0001]       960    0:01.0     960    0.86  \xe3\x81\x95               62  D4    140.00\n"),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("[#0002]      1440    0:01.4       0    0.00  R                62        \n"), std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("length:          0:01.9\n"), std::string::npos) << run.out;  // where さ ends
 
   RunResult dump = runTona({"info", "--dump", input_});
   EXPECT_EQ(dump.status, 0);
