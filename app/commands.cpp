@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "app/command.h"
+#include "app/docs.h"
 #include "app/subcommands.h"
 
 namespace {
@@ -14,9 +15,10 @@ int runHelp(int argc, char** argv);
 
 const Command kCommands[] = {
     {"help", "show the help of a command",
-     "usage: tona help [COMMAND]\n"
+     "usage: tona help [COMMAND | --man | --completion]\n"
      "\n"
-     "Shows what COMMAND does and its options, or lists the commands.\n",
+     "Shows what COMMAND does and its options, or lists the commands.\n"
+     "--man prints the manual page, --completion the bash completion.\n",
      runHelp},
     {"render", "render a project to a WAV file", kRenderUsage, runRender},
     {"play", "play a project through the sound card while it renders", kPlayUsage, runPlay},
@@ -53,6 +55,14 @@ int runHelp(int argc, char** argv) {
   }
   if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
     fputs(kCommands[0].usage, stdout);
+    return kExitOk;
+  }
+  if (strcmp(argv[1], "--man") == 0) {
+    writeManPage(stdout);
+    return kExitOk;
+  }
+  if (strcmp(argv[1], "--completion") == 0) {
+    writeBashCompletion(stdout);
     return kExitOk;
   }
   const Command* command = findCommand(argv[1]);
