@@ -1,6 +1,8 @@
 // Note arrangement: the timing of every note before a render, and the
 // placing of each rendered note into the mix.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -22,14 +24,28 @@ int64_t roundHalfUp(double x) { return static_cast<int64_t>(std::trunc(x + 0.5))
 
 // Adds a rendered note under its envelope into the mix, sample by sample,
 // until done or a stop is requested.
-// The length asked of the resampler shapes the audio, and the two drivers
-// ask different lengths of the same note: the cache key must tell them
-// apart. The key covers the serialized note, whose reserved word is
-// otherwise always zero, so the length's bits go there on the copy that
-// is resampled and cached.
-void markRequestedLength(NoteData* copy, double lengthMs) {
+// What the cache key cannot see in the note: the length asked of the
+// resampler (the two drivers ask different lengths of the same note) and
+// the sample file itself (a bank whose samples were made again). The key
+// covers the serialized note, whose reserved word is otherwise always
+// zero, so a digest of both goes there on the copy that is resampled and
+// cached.
+void markRenderInputs(NoteData* copy, double lengthMs, const std::string& samplePath) {
   const float length = static_cast<float>(lengthMs);
-  memcpy(&copy->reserved, &length, sizeof copy->reserved);
+  uint64_t stamp[3] = {0, 0, 0};
+  struct stat info;
+  if (stat(samplePath.c_str(), &info) == 0) {
+    stamp[0] = static_cast<uint64_t>(info.st_size);
+    stamp[1] = static_cast<uint64_t>(info.st_mtim.tv_sec);
+    stamp[2] = static_cast<uint64_t>(info.st_mtim.tv_nsec);
+  }
+  uint32_t hash = 2166136261u;  // FNV-1a
+  auto mix = [&hash](const void* data, size_t n) {
+    for (size_t k = 0; k < n; ++k) hash = (hash ^ static_cast<const uint8_t*>(data)[k]) * 16777619u;
+  };
+  mix(&length, sizeof length);
+  mix(stamp, sizeof stamp);
+  copy->reserved = hash;
 }
 
 void mixNote(int16_t* mix, int32_t mixLength, int64_t start, const double* buffer, int32_t count, const float* envelope,
@@ -213,7 +229,7 @@ int16_t* ctonm2::arrange_note(int16_t* mix, double posMs, int32_t index, double 
   if (note == nullptr || note->VoiceFile == nullptr) return mix;
   const std::string path = std::string(voiceDir) + note->VoiceFile;
   NoteData copy = *note;  // shares the note's arrays; nothing here frees them
-  markRequestedLength(&copy, lengthMs);
+  markRenderInputs(&copy, lengthMs, path);
 
   auto resample = [&]() {
     int32_t count = 0;
@@ -289,7 +305,7 @@ ctonm2::RenderedNote ctonm2::resample_n(double posMs, int32_t index, double leng
   if (note == nullptr || note->VoiceFile == nullptr) return rendered;
   const std::string path = std::string(voiceDir) + note->VoiceFile;
   NoteData copy = *note;
-  markRequestedLength(&copy, lengthMs);
+  markRenderInputs(&copy, lengthMs, path);
   if (cacheGet != nullptr) {
     int32_t bytes = 0;
     rendered.buffer = cacheGet(index, &copy, &bytes);

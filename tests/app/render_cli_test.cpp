@@ -73,6 +73,18 @@ TEST_F(RenderCommand, EveryJobCountUsesTheCacheAndGivesTheSameBytes) {
   EXPECT_LT(readFile(second).size(), readFile(first).size());
 }
 
+TEST_F(RenderCommand, ASampleMadeAgainIsNotTakenFromTheCache) {
+  const std::string out = bank_.folder() + "o.wav", fresh = bank_.folder() + "fresh.wav";
+  ASSERT_EQ(runTona({"render", project_, "-o", out}).status, 0);
+  VoiceSignal higher;
+  higher.f0 = 330.0;
+  higher.seconds = 1.0;
+  higher.writeWave(bank_.folder() + "a.wav");  // the same name, another voice
+  ASSERT_EQ(runTona({"render", project_, "-o", out}).status, 0);
+  ASSERT_EQ(runTona({"render", project_, "-o", fresh, "--no-cache"}).status, 0);
+  EXPECT_EQ(readFile(out), readFile(fresh));
+}
+
 TEST_F(RenderCommand, TheCacheIsBoundedAndCanBeEmptied) {
   ASSERT_EQ(runTona({"render", project_, "-o", bank_.folder() + "o.wav"}).status, 0);
   RunResult info = runTona({"cache", "info"});
