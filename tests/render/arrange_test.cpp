@@ -67,16 +67,16 @@ TEST_F(Arrangement, PreviousLyricOnlyAcrossShortGaps) {
   const char* endings[] = {"a|"};
   voiceset_.setVCCMParams("- ", "* ", prefixes, endings, 1);
   add("a", 0, 400);
-  add("i", 450, 300);   // a gap of 50 msec: "a i"
-  add("i", 400, 300);   // a gap of 100 msec is still short... after "i": plain
+  add("i", 450, 300);  // 50 msec after "a": "a i", and "a" sounds on
   add("a", 400, 300);
-  add("i", 500, 300);   // a gap of 200 msec: plain "i"
+  add("i", 400, 300);  // exactly 100 msec after "a": still "a i", but "a" no longer sounds on
+  add("i", 500, 300);  // 200 msec after "i": plain "i"
   engine_.preparationNotes();
   EXPECT_STREQ(engine_.notes[1].VoiceFile, "a_i.wav");
+  EXPECT_STREQ(engine_.notes[3].VoiceFile, "a_i.wav");
   EXPECT_STREQ(engine_.notes[4].VoiceFile, "i.wav");
-  // The previous note sounds on through a short gap, not a long one.
   EXPECT_FLOAT_EQ(engine_.notes[0]._truelen, 50.0f - 60.0f + 20.0f + 400.0f);
-  EXPECT_FLOAT_EQ(engine_.notes[3]._truelen, 300.0f);
+  EXPECT_FLOAT_EQ(engine_.notes[2]._truelen, 300.0f);
 }
 
 TEST_F(Arrangement, LongConsonantIsCutFromTheFront) {
@@ -132,18 +132,28 @@ TEST_F(Arrangement, LengthsFollowTempoChangesInsideTheNote) {
   EXPECT_EQ(index, -1);
 }
 
-TEST_F(Arrangement, ShortOverlapsNeedNoAlignment) {
+TEST_F(Arrangement, OverlapAlignmentFindsThePhase) {
   NoteData note = makeNote("a");
-  note._overlap = 40.0f;  // 1764 samples, under 2048
-  double samples[4] = {0, 0, 0, 0};
-  EXPECT_EQ(engine_.optimizeOverlap(samples, 4, 100.0, samples, 4, 100.0, &note, 120.0f, 44100), 0.0);
-  // A long overlap of two notes in phase needs (almost) no trim.
-  note._overlap = 100.0f;
-  note.NoteNum = 57;  // 220 Hz
+  note.NoteNum = 57;  // 220 Hz: a period of 4.545 msec
   std::vector<double> tail(44100), head(44100);
   for (size_t k = 0; k < tail.size(); ++k) tail[k] = std::sin(2.0 * M_PI * 220.0 * k / 44100.0);
-  const int32_t window = 4410;
-  for (size_t k = 0; k < head.size(); ++k) head[k] = tail[k + 44100 - window < tail.size() ? k + 44100 - window : 0];
-  const double trim = engine_.optimizeOverlap(tail.data(), 44100, 1000.0, head.data(), 44100, 1000.0, &note, 120.0f, 44100);
-  EXPECT_NEAR(trim, 0.0, 0.05);
+  const int32_t window = 4410;  // 100 msec of overlap
+  // A head that goes on from the tail (shift 0), or runs a quarter period
+  // (about 50 samples) ahead of it.
+  auto headFrom = [&](double shift) {
+    for (size_t k = 0; k < head.size(); ++k) {
+      head[k] = std::sin(2.0 * M_PI * 220.0 * (static_cast<double>(k) + 44100 - window + shift) / 44100.0);
+    }
+  };
+  note._overlap = 100.0f;
+  headFrom(0.0);
+  EXPECT_NEAR(engine_.optimizeOverlap(tail.data(), 44100, 1000.0, head.data(), 44100, 1000.0, &note, 120.0f, 44100),
+              0.0, 0.05);
+  headFrom(44100.0 / 220.0 / 4.0);
+  EXPECT_NEAR(engine_.optimizeOverlap(tail.data(), 44100, 1000.0, head.data(), 44100, 1000.0, &note, 120.0f, 44100),
+              -1.14, 0.05);
+  // A short overlap (40 msec, 1764 samples, under 2048) is left alone, out
+  // of phase or not.
+  note._overlap = 40.0f;
+  EXPECT_EQ(engine_.optimizeOverlap(tail.data(), 44100, 1000.0, head.data(), 44100, 1000.0, &note, 120.0f, 44100), 0.0);
 }

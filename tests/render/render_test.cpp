@@ -99,18 +99,12 @@ double cents(double f, double target) { return 1200.0 * std::log2(f / target); }
 TEST_F(Render, MixLengthOnsetsAndPitches) {
   buildSong();
   prepare();
-  // Where the notes belong: the song's timeline, after a lead that makes
-  // room for a first consonant longer than the song's start.
-  std::vector<double> positions;
-  const double lead = std::max(0.0, static_cast<double>(engine_.notes[0]._preuttr) - engine_.notes[0]._delta);
-  double position = lead, length = 0.0;
-  for (int32_t i = 0; i < engine_.noteCount; ++i) {
-    position += engine_.notes[i]._delta;
-    positions.push_back(position);
-    length = std::max(length, position + engine_.notes[i]._notelen);
-  }
-  std::vector<float> preutterances;
-  for (int32_t i = 0; i < engine_.noteCount; ++i) preutterances.push_back(engine_.notes[i]._preuttr);
+  // Where the notes belong, from the song itself: at 125 BPM a tick lasts
+  // 1 msec, every entry's pre-utterance is 40 msec, and the first note
+  // starts late enough (200 msec) to need no lead.
+  const std::vector<double> positions = {200.0, 600.0, 800.0, 1200.0, 1400.0, 2000.0};
+  const std::vector<double> preutterances(6, 40.0);
+  const double length = 2000.0 + 300.0;  // the last note's end
 
   int32_t size = 0;
   Block block(engine_.render_all(&size));
