@@ -27,13 +27,15 @@
 #include "voicebank/pitch.h"
 
 const char kEditUsage[] =
-    "usage: tona edit PROJECT -o OUT [--layer N] [--form 1.2|2.0] OPERATION...\n"
+    "usage: tona edit PROJECT -o OUT [--layer N] [--form 1.2|2.0] [--charset SET] OPERATION...\n"
     "\n"
     "Applies the operations to the project in the order given, as the editor\n"
     "does, prints one line per operation with its count, and saves OUT in the\n"
     "project's form (or --form). Nothing is written unless every operation ran.\n"
     "Notes are counted from 0, as 'tona info' lists them.\n"
     "  --layer N                 work on layer N only (default: every layer)\n"
+    "  --charset utf-8|shift_jis read the project in this charset (default: as\n"
+    "                            it says, or by its bytes when it says nothing)\n"
     "Selection:\n"
     "  --select I | I-J          select note I alone, or the notes I to J\n"
     "  --select-all              select every sounding note\n"
@@ -385,7 +387,7 @@ bool Editor::apply(const Operation& op, std::string* report, std::string* error)
 
 int runEdit(int argc, char** argv) {
   const Command& command = *findCommand("edit");
-  std::string project, output, layerText, form;
+  std::string project, output, layerText, form, charsetText, charset;
   bool history = false;
   std::vector<Operation> ops;
   for (int i = 1; i < argc; ++i) {
@@ -412,8 +414,11 @@ int runEdit(int argc, char** argv) {
       history = true;
       continue;
     }
-    if (name == "-o" || name == "--output" || name == "--layer" || name == "--form") {
-      std::string* target = name == "--layer" ? &layerText : name == "--form" ? &form : &output;
+    if (name == "-o" || name == "--output" || name == "--layer" || name == "--form" || name == "--charset") {
+      std::string* target = name == "--layer"   ? &layerText
+                            : name == "--form"  ? &form
+                            : name == "--charset" ? &charsetText
+                                                  : &output;
       if (!takeValue(target)) return usageError(command, (name + " needs a value").c_str());
       continue;
     }
@@ -456,7 +461,8 @@ int runEdit(int argc, char** argv) {
   CCNoteMan owner(&scale);
   CNoteMan& man = *owner.noteman();
   const std::string voices = userFolder(UserFolder::kVoice);
-  if (!openProjectFile(man, project, "edit")) return kExitFailure;
+  if (!parseCharset(charsetText, &charset)) return usageError(command, "--charset is utf-8 or shift_jis");
+  if (!openProjectFile(man, project, "edit", charset)) return kExitFailure;
   ctonm2& engine = *man.engine();
   // The voice bank gives the envelope commands each note's real length;
   // every other operation works without it.

@@ -21,19 +21,23 @@
 #include "support/userdirs.h"
 
 const char kInfoUsage[] =
-    "usage: tona info PROJECT [--dump]\n"
+    "usage: tona info PROJECT [--dump] [--charset utf-8|shift_jis]\n"
     "\n"
     "Shows a project's settings and its notes: each by its section in the\n"
     "file, with its start (ticks and m:ss.s), its length (ticks and seconds),\n"
     "lyric, note and tempo change; then the song's length. --dump prints\n"
-    "every field of every record as the program holds it.\n";
+    "every field of every record as the program holds it. A project that\n"
+    "names no charset is read by its bytes; --charset forces one.\n";
 
 const char kConvertUsage[] =
     "usage: tona convert IN OUT [--form 1.2|2.0] [--charset utf-8|shift_jis]\n"
+    "                    [--from-charset utf-8|shift_jis]\n"
     "\n"
     "Reads the project IN and writes it to OUT in the form asked (default:\n"
     "the form read) and charset (default: the charset read; the 1.2 form is\n"
-    "always Shift_JIS). What the output cannot hold is listed on stderr.\n";
+    "always Shift_JIS). What the output cannot hold is listed on stderr.\n"
+    "IN is read in the charset it names, by its bytes when it names none,\n"
+    "or in the one --from-charset forces.\n";
 
 namespace {
 
@@ -90,8 +94,10 @@ std::string timeSignatureText(CScaleMan& scale) {
 int runInfo(int argc, char** argv) {
   const Command& command = *findCommand("info");
   bool dump = false;
+  std::string charsetText, charset;
   ArgParser parser(command);
   parser.flag("--dump", &dump);
+  parser.option("--charset", &charsetText);
   std::vector<std::string> args;
   const int status = parser.parse(argc, argv, &args, 1, 1);
   if (status >= 0) return status;
@@ -99,7 +105,8 @@ int runInfo(int argc, char** argv) {
   CScaleMan scale;
   CNoteMan manager(&scale);
   errno = 0;
-  if (!openProjectFile(manager, args[0], "info")) return kExitFailure;
+  if (!parseCharset(charsetText, &charset)) return usageError(command, "--charset is utf-8 or shift_jis");
+  if (!openProjectFile(manager, args[0], "info", charset)) return kExitFailure;
   ctonm2& engine = *manager.engine();
   if (dump) {
     for (int32_t i = 0; i < engine.noteCount; ++i) ctonm2::printNoteData(stdout, &engine.notes[i]);
@@ -181,7 +188,7 @@ void warnLosses(ctonm2& engine, CScaleMan& scale, bool oldForm, bool shiftJis) {
   // Texts with characters that Shift_JIS lacks are cut where they begin.
   auto representable = [](const char* text) {
     std::vector<char> out(2 * strlen(text) + 2);
-    return CMultiByte::convert(text, strlen(text), out.data(), out.size() - 1, "UTF8", "SJIS") == 0;
+    return CMultiByte::convert(text, strlen(text), out.data(), out.size() - 1, "UTF8", kShiftJis) == 0;
   };
   if (!representable(engine.projectName)) fprintf(stderr, "warning: the project name does not fit Shift_JIS and is cut\n");
   if (!representable(engine.voiceDir)) fprintf(stderr, "warning: the voice folder does not fit Shift_JIS and is cut\n");
@@ -197,10 +204,11 @@ void warnLosses(ctonm2& engine, CScaleMan& scale, bool oldForm, bool shiftJis) {
 
 int runConvert(int argc, char** argv) {
   const Command& command = *findCommand("convert");
-  std::string form, charset;
+  std::string form, charset, fromText, from;
   ArgParser parser(command);
   parser.option("--form", &form);
   parser.option("--charset", &charset);
+  parser.option("--from-charset", &fromText);
   std::vector<std::string> args;
   const int status = parser.parse(argc, argv, &args, 2, 2);
   if (status >= 0) return status;
@@ -218,7 +226,8 @@ int runConvert(int argc, char** argv) {
   CScaleMan scale;
   CNoteMan manager(&scale);
   errno = 0;
-  if (!openProjectFile(manager, args[0], "convert")) return kExitFailure;
+  if (!parseCharset(fromText, &from)) return usageError(command, "--from-charset is utf-8 or shift_jis");
+  if (!openProjectFile(manager, args[0], "convert", from)) return kExitFailure;
   ctonm2& engine = *manager.engine();
   if (form == "1.2") engine.sntVersion = 120;
   if (form == "2.0") engine.sntVersion = 200;

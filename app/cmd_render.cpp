@@ -27,6 +27,7 @@
 const char kRenderUsage[] =
     "usage: tona render PROJECT [-o OUT.wav] [--jobs N] [--from TICK] [--to TICK]\n"
     "                   [--no-cache] [--cache-limit SIZE] [--voice-dir DIR] [--log-level N]\n"
+    "                   [--charset utf-8|shift_jis]\n"
     "\n"
     "Renders a project to a 16-bit mono 44.1 kHz WAV file: by default the\n"
     "project's output file, or the project's name with \".wav\".\n"
@@ -41,6 +42,8 @@ const char kRenderUsage[] =
     "                   a relative folder is taken from the project's folder)\n"
     "  --log-level N    log to stderr up to level N (1 errors .. 6 everything;\n"
     "                   default 0: only the command's own messages)\n"
+    "  --charset SET    read the project in this charset (default: as it says,\n"
+    "                   or by its bytes when it says nothing)\n"
     "Ctrl-C stops the render and writes nothing.\n";
 
 namespace {
@@ -67,7 +70,7 @@ void onProgress(void* context, int32_t done, int32_t total) {
 
 int runRender(int argc, char** argv) {
   const Command& command = *findCommand("render");
-  std::string output, jobsText, fromText, toText, voiceDir, levelText, limitText;
+  std::string output, jobsText, fromText, toText, voiceDir, levelText, limitText, charsetText, charset;
   bool noCache = false;
   ArgParser parser(command);
   parser.option("-o", &output);
@@ -79,6 +82,7 @@ int runRender(int argc, char** argv) {
   parser.option("--log-level", &levelText);
   parser.flag("--no-cache", &noCache);
   parser.option("--cache-limit", &limitText);
+  parser.option("--charset", &charsetText);
   std::vector<std::string> args;
   const int status = parser.parse(argc, argv, &args, 1, 1);
   if (status >= 0) return status;
@@ -100,7 +104,8 @@ int runRender(int argc, char** argv) {
   CScaleMan scale;
   CNoteMan manager(&scale);
   ctonm2& engine = *manager.engine();
-  if (!openProjectFile(manager, project, "render")) return kExitFailure;
+  if (!parseCharset(charsetText, &charset)) return usageError(command, "--charset is utf-8 or shift_jis");
+  if (!openProjectFile(manager, project, "render", charset)) return kExitFailure;
   if (output.empty() && engine.outfile[0] != '\0') {
     output = engine.outfile;  // a relative one is taken from the project's folder, like its voice folder
     const size_t slash = project.rfind('/');

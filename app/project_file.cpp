@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -34,13 +35,23 @@ std::string notAProject(const std::string& path) {
 
 }  // namespace
 
-bool openProjectFile(CNoteMan& manager, const std::string& path, const char* command) {
+bool parseCharset(const std::string& text, std::string* charset) {
+  std::string name;
+  for (char c : text) name += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  if (name.empty()) return charset->clear(), true;
+  if (name == "utf-8" || name == "utf8") return *charset = "utf-8", true;
+  if (name == "shift_jis" || name == "shift-jis" || name == "sjis" || name == "cp932") return *charset = "shift_jis", true;
+  return false;
+}
+
+bool openProjectFile(CNoteMan& manager, const std::string& path, const char* command, const std::string& charset) {
   const std::string reason = notAProject(path);
   if (!reason.empty()) {
     fprintf(stderr, "tona %s: not a project: '%s': %s\n", command, path.c_str(), reason.c_str());
     return false;
   }
   const std::string voices = userFolder(UserFolder::kVoice);
+  manager.setForcedCharset(charset);
   errno = 0;
   if (manager.openSnt(path.c_str(), voices.c_str()) < 0) {
     fprintf(stderr, "tona %s: cannot open '%s': %s\n", command, path.c_str(), strerror(errno != 0 ? errno : EIO));

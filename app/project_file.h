@@ -11,7 +11,13 @@ class CNoteMan;
 // ("tona COMMAND: not a project: ..." or "cannot open ...: reason"), when
 // the file cannot be read or holds no project: a folder, an empty file, a
 // binary, or a text with neither a "[#SETTING]" section nor a note section.
-bool openProjectFile(CNoteMan& manager, const std::string& path, const char* command);
+// `charset` (optional: "utf-8" or "shift_jis") forces how it is read.
+bool openProjectFile(CNoteMan& manager, const std::string& path, const char* command,
+                     const std::string& charset = std::string());
+
+// Reads a --charset value: "" (unset), "utf-8" or "shift_jis" (case and
+// the spellings utf8, sjis, cp932 accepted). False when it is none of them.
+bool parseCharset(const std::string& text, std::string* charset);
 
 class ctonm2;
 

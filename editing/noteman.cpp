@@ -144,6 +144,7 @@ int32_t CNoteMan::openSnt(const char* path, const char* defaultPath) {
   defaultPath_ = defaultPath != nullptr ? defaultPath : "";
   engine_->free_snt();
   CSntMan manager(engine_.get(), defaultPath);
+  manager.setForcedCharset(forcedCharset_);
   scale_->resetScale();
   char timeSignatures[kTimeSignatureBufferSize] = "";
   const int32_t result = manager.readSnt2(path, timeSignatures, sizeof timeSignatures);

@@ -63,6 +63,9 @@ class CNoteMan {
   // 1 on success, 0 when the file cannot be created or written.
   int32_t writeSnt(const char* path, const char* defaultPath);
   void freeSnt() { engine_->free_snt(); }
+  // Projects opened from now on are read in this charset ("utf-8" or
+  // "shift_jis") whatever they say; empty: as they say or by their bytes.
+  void setForcedCharset(const std::string& charset) { forcedCharset_ = charset; }
 
   // --- Selection -------------------------------------------------------------
   // Mode 0: this note alone, and it becomes the anchor. Mode 1 (range):
@@ -259,4 +262,5 @@ class CNoteMan {
   int32_t anchor_ = -1;              // fixed end of a range selection
   CScaleMan* scale_;
   std::string defaultPath_;
+  std::string forcedCharset_;
 };

@@ -15,6 +15,7 @@
 #include "engine/ctonm2.h"
 #include "support/log.h"
 #include "support/textcopy.h"
+#include "support/textfile.h"
 
 namespace {
 
@@ -197,6 +198,7 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
   if (path == nullptr) return -1;
   FILE* file = fopen(path, "r");
   if (file == nullptr) return -1;
+  skipByteOrderMark(file);
 
   Section section = Section::kNone;
   int32_t count = 0;

@@ -9,6 +9,7 @@
 #include "engine/ctonm2.h"
 #include "support/multibyte.h"
 #include "support/textcopy.h"
+#include "support/textfile.h"
 #include "voicebank/connective.h"
 #include "voicebank/voiceset.h"
 
@@ -19,11 +20,21 @@ bool isUtf8Charset(const char* charset) {
          strcmp(charset, "utf8") == 0;
 }
 
-// Converts a Shift_JIS field to UTF-8 in place, cut to its capacity at a
-// character boundary; a text that does not convert is kept.
+// Converts a Shift_JIS field to UTF-8 in place: what converts, cut to
+// its capacity at a character boundary (a byte that is no Shift_JIS ends
+// the text rather than stay raw among UTF-8 ones).
 void fieldToUtf8(CMultiByte& cm, char* field, int capacity) {
-  const std::string converted = cm.sjisToUtf8OrSame(field);
-  strcpy_utf8_n(field, converted.c_str(), capacity);
+  const char* converted = cm.sjisToUtf8(field);
+  const std::string text = converted != nullptr ? converted : "";
+  strcpy_utf8_n(field, text.c_str(), capacity);
+}
+
+// Paths written on Windows separate folders with "\".
+std::string withSlashes(std::string path) {
+  for (char& c : path) {
+    if (c == '\\') c = '/';
+  }
+  return path;
 }
 
 // Lines of one output file, each closed by the form's line end.
@@ -130,9 +141,18 @@ int32_t CSntMan::readSnt2(const char* path, char* tsBuffer, int32_t tsSize) {
   for (int i = 0; i < 23 && engine_->charset[i] != '\0'; ++i) {
     engine_->charset[i] = static_cast<char>(tolower(static_cast<unsigned char>(engine_->charset[i])));
   }
+  // A project that names no charset is read by its bytes: valid UTF-8
+  // with some non-ASCII text is UTF-8 (scripts write such files), anything
+  // else Shift_JIS. A forced charset overrides both.
+  if (!forcedCharset_.empty()) {
+    engine_->set_charset(forcedCharset_.c_str());
+  } else if (engine_->charset[0] == '\0' && fileLooksLikeUtf8(path)) {
+    engine_->set_charset("utf-8");
+  }
   const char* charset = engine_->charset;
   const bool shiftJis = charset[0] == '\0' || strcmp(charset, "shift_jis") == 0 ||
-                        strcmp(charset, "shift-jis") == 0 || strcmp(charset, "sjis") == 0;
+                        strcmp(charset, "shift-jis") == 0 || strcmp(charset, "sjis") == 0 ||
+                        strcmp(charset, "cp932") == 0 || strcmp(charset, "windows-31j") == 0;
   std::string folder = engine_->voiceDir;
   CReplaceString replace;
   if (shiftJis) {
@@ -144,10 +164,15 @@ int32_t CSntMan::readSnt2(const char* path, char* tsBuffer, int32_t tsSize) {
       if (note.Label[0] != '\0') fieldToUtf8(cm, note.Label, sizeof note.Label);
     }
     fieldToUtf8(cm, engine_->projectName, ctonm2::kProjectNameSize);
-    const std::string outfile = cm.sjisToUtf8OrSame(engine_->outfile);
-    strcpy_utf8_n(engine_->outfile, replace.restoreHome(outfile.c_str()), ctonm2::kPathSize);
-    folder = std::string(cm.sjisToUtf8OrSame(folder.c_str()));
+    const char* outfile = cm.sjisToUtf8(engine_->outfile);
+    strcpy_utf8_n(engine_->outfile, replace.restoreHome(withSlashes(outfile != nullptr ? outfile : "").c_str()),
+                  ctonm2::kPathSize);
+    const char* converted = cm.sjisToUtf8(folder.c_str());
+    folder = converted != nullptr ? converted : "";
+  } else {
+    strcpy_n(engine_->outfile, withSlashes(engine_->outfile).c_str(), ctonm2::kPathSize);
   }
+  folder = withSlashes(folder);
   // For a UTF-8 file the output file stays exactly as read.
   folder = std::string(replace.replaceStr(folder.c_str(), "${DEFAULT}", defaultPath_.c_str()));
   folder = std::string(replace.restoreHome(folder.c_str()));

@@ -40,6 +40,9 @@ class CSntMan {
   // must be non-empty).
   void addHeader(const char* key, const char* value);
   void setDefaultPath(const char* path);
+  // Reads projects in this charset ("utf-8" or "shift_jis") whatever they
+  // say; empty: as they say, or by their bytes when they say nothing.
+  void setForcedCharset(const std::string& charset) { forcedCharset_ = charset; }
   // Reads `folder` into the engine's voice set and brings its texts to UTF-8.
   int32_t readVoiceset(const char* folder);
 
@@ -57,4 +60,5 @@ class CSntMan {
   ctonm2* engine_;
   std::string defaultPath_;
   std::string header_;
+  std::string forcedCharset_;
 };

@@ -88,14 +88,14 @@ char* CMultiByte::utf8ToSjis(const char* text) {
   if (text == nullptr) return nullptr;
   size_t n = strlen(text);
   if (n == 0) return const_cast<char*>(kEmpty);
-  return toBytes(text, n, n, "UTF8", "SJIS", false);
+  return toBytes(text, n, n, "UTF8", kShiftJis, false);
 }
 
 char* CMultiByte::sjisToUtf8(const char* text) {
   if (text == nullptr) return nullptr;
   size_t n = strlen(text);
   if (n == 0) return const_cast<char*>(kEmpty);
-  return toBytes(text, n, 2 * n, "SJIS", "UTF8", false);
+  return toBytes(text, n, 3 * n, kShiftJis, "UTF8", false);
 }
 
 char* CMultiByte::wcharToUtf8(const wchar* text) {
@@ -109,7 +109,7 @@ char* CMultiByte::wcharToSjis(const wchar* text) {
   if (text == nullptr) return nullptr;
   size_t units = wideLength(text);
   if (units == 0) return const_cast<char*>(kEmpty);
-  return toBytes(reinterpret_cast<const char*>(text), 2 * units, 2 * units, "UCS-2LE", "SJIS", true);
+  return toBytes(reinterpret_cast<const char*>(text), 2 * units, 2 * units, "UCS-2LE", kShiftJis, true);
 }
 
 const char* CMultiByte::sjisToUtf8OrSame(const char* text) {
@@ -117,10 +117,10 @@ const char* CMultiByte::sjisToUtf8OrSame(const char* text) {
   size_t n = strlen(text);
   if (n == 0) return text;
   void* buffer = bytes_;
-  if (!grow(&buffer, &bytesSize_, 2 * n + 1)) return text;
+  if (!grow(&buffer, &bytesSize_, 3 * n + 1)) return text;
   bytes_ = static_cast<char*>(buffer);
   size_t written = 0;
-  if (convert(text, n, bytes_, 2 * n, "SJIS", "UTF8", &written) != 0) return text;
+  if (convert(text, n, bytes_, 3 * n, kShiftJis, "UTF8", &written) != 0) return text;
   return bytes_;
 }
 
@@ -135,5 +135,5 @@ CMultiByte::wchar* CMultiByte::sjisToWchar(const char* text) {
   if (text == nullptr) return nullptr;
   size_t n = strlen(text);
   if (n == 0) return nullptr;
-  return toWide(text, n, 4 * n, "SJIS");
+  return toWide(text, n, 4 * n, kShiftJis);
 }

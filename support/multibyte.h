@@ -13,6 +13,11 @@
 #include <cstddef>
 #include <cstdint>
 
+// Shift_JIS as the files users have were written: the Windows variant
+// (byte 0x5C is a backslash; 0x8160 and its neighbours are the characters
+// Windows users typed). glibc calls it CP932.
+constexpr const char kShiftJis[] = "CP932";
+
 class CMultiByte {
  public:
   typedef uint16_t wchar;
@@ -23,7 +28,8 @@ class CMultiByte {
   ~CMultiByte();
 
   // Output capacities in bytes, by input length in bytes (or in 16-bit
-  // units): SJIS from UTF-8 1x, UTF-8 from SJIS 2x, UTF-8 from UTF-16 4x,
+  // units): SJIS from UTF-8 1x, UTF-8 from SJIS 3x (a half-width katakana
+  // takes one byte in Shift_JIS and three in UTF-8), UTF-8 from UTF-16 4x,
   // SJIS from UTF-16 2x, UTF-16 from either 4x.
   char* utf8ToSjis(const char* text);
   char* sjisToUtf8(const char* text);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "support/multibyte.h"
 #include "support/textcopy.h"
 #include "voicebank/voiceset.h"
 
@@ -35,7 +36,7 @@ bool isUtf8Charset(const char* charset) {
 // the load of a large bank.
 class SjisFieldConverter {
  public:
-  SjisFieldConverter() : cd_(iconv_open("UTF8", "SJIS")) {}
+  SjisFieldConverter() : cd_(iconv_open("UTF8", kShiftJis)) {}
   ~SjisFieldConverter() {
     if (ok()) iconv_close(cd_);
   }
@@ -47,14 +48,16 @@ class SjisFieldConverter {
     bool ascii = true;
     for (size_t i = 0; i < length && ascii; ++i) ascii = static_cast<unsigned char>(field[i]) < 0x80;
     if (ascii) return;  // the same bytes in both
-    out_.resize(2 * length + 1);
+    out_.resize(3 * length + 1);
     char* in = field;
     size_t inLeft = length;
     char* out = &out_[0];
-    size_t outLeft = 2 * length;
+    size_t outLeft = 3 * length;
     iconv(cd_, nullptr, nullptr, nullptr, nullptr);
-    if (iconv(cd_, &in, &inLeft, &out, &outLeft) == static_cast<size_t>(-1) || inLeft != 0) return;
-    size_t converted = 2 * length - outLeft;
+    // What converts is kept, up to the first byte that does not: a text is
+    // never left as raw Shift_JIS among UTF-8 ones.
+    iconv(cd_, &in, &inLeft, &out, &outLeft);
+    size_t converted = 3 * length - outLeft;
     if (converted >= capacity) {
       converted = capacity - 1;
       while (converted > 0 && (static_cast<unsigned char>(out_[converted]) & 0xC0) == 0x80) --converted;

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "support/multibyte.h"
+#include "support/textfile.h"
 
 namespace {
 
@@ -18,6 +19,12 @@ void cutLineEnd(char* line) {
 
 bool startsWith(const char* text, const char* head) { return strncmp(text, head, strlen(head)) == 0; }
 
+// A Shift_JIS line as UTF-8: what converts (never raw Shift_JIS bytes).
+const char* sjisText(CMultiByte& cm, const char* text) {
+  const char* converted = cm.sjisToUtf8(text);
+  return converted != nullptr ? converted : "";
+}
+
 }  // namespace
 
 CVoiceProfile::CVoiceProfile(const char* folder) {
@@ -25,9 +32,11 @@ CVoiceProfile::CVoiceProfile(const char* folder) {
   folder_ = folder;
   if (folder_.c_str()[folder_.length() - 1] != '/') folder_ += "/";
 
-  FILE* file = fopen((folder_ + "character.txt").c_str(), "rt");
+  const cstr profilePath = folder_ + "character.txt";
+  FILE* file = fopen(profilePath.c_str(), "rt");
   if (file != nullptr) {
-    bool utf8 = false;
+    skipByteOrderMark(file);
+    bool utf8 = fileLooksLikeUtf8(profilePath.c_str());  // a charset line may still say so
     CMultiByte cm;
     char line[kLineSize];
     while (fgets(line, sizeof line, file) != nullptr) {
@@ -44,9 +53,9 @@ CVoiceProfile::CVoiceProfile(const char* folder) {
           utf8 = true;
         }
       } else if (startsWith(line, "name=")) {
-        voiceName_ = utf8 ? value : cm.sjisToUtf8OrSame(value);
+        voiceName_ = utf8 ? value : sjisText(cm, value);
       } else if (startsWith(line, "sample=")) {
-        samplePath_ = folder_ + (utf8 ? value : cm.sjisToUtf8OrSame(value));
+        samplePath_ = folder_ + (utf8 ? value : sjisText(cm, value));
       }
     }
     fclose(file);
@@ -61,22 +70,25 @@ CVoiceProfile::CVoiceProfile(const char* folder) {
 const char* CVoiceProfile::readLines(const char* name, bool skipKeys, cstr* cache) {
   *cache = "";
   if (folder_.isNull()) return cache->c_str();
-  FILE* file = fopen((folder_ + name).c_str(), "rt");
+  const cstr path = folder_ + name;
+  FILE* file = fopen(path.c_str(), "rt");
   if (file == nullptr) return cache->c_str();
+  skipByteOrderMark(file);
   CMultiByte cm;
+  const bool bytesSayUtf8 = fileLooksLikeUtf8(path.c_str());
   bool utf8 = false;
   bool first = true;
   char line[kLineSize];
   while (fgets(line, sizeof line, file) != nullptr) {
     cutLineEnd(line);
     if (first) {
-      utf8 = strstr(line, "UTF8") != nullptr || strstr(line, "utf8") != nullptr;
+      utf8 = bytesSayUtf8 || strstr(line, "UTF8") != nullptr || strstr(line, "utf8") != nullptr;
       first = false;
     }
     if (skipKeys && (startsWith(line, "image=") || startsWith(line, "name=") || startsWith(line, "sample="))) {
       continue;
     }
-    *cache += utf8 ? line : cm.sjisToUtf8OrSame(line);
+    *cache += utf8 ? line : sjisText(cm, line);
     *cache += "\n";
   }
   fclose(file);

@@ -10,6 +10,7 @@
 
 #include "support/log.h"
 #include "support/multibyte.h"
+#include "support/textfile.h"
 #include "support/textcopy.h"
 
 namespace copendir {
@@ -118,6 +119,7 @@ int32_t cvoiceset::read_otoini(const char* path, const char* prefix) {
   FILE* file = fopen(path, "rt");
   if (file == nullptr) return -1;
   touch();
+  skipByteOrderMark(file);
   char line[kLineSize];
   while (fgets(line, sizeof line, file) != nullptr) {
     cutLineEnd(line);
@@ -140,6 +142,8 @@ int32_t cvoiceset::read_otoini(const char* path, const char* prefix) {
     parseEntryValues(equals + 1, entry);
   }
   fclose(file);
+  // A table that names no charset is read by its bytes.
+  if (charset_[0] == '\0' && fileLooksLikeUtf8(path)) strcpy_n(charset_, "UTF-8", kCharsetSize);
   return count_;
 }
 
@@ -147,6 +151,7 @@ int32_t cvoiceset::read_prefixmap(const char* path) {
   FILE* file = fopen(path, "rt");
   if (file == nullptr) return -1;
   memset(prefixMap, 0, sizeof prefixMap);
+  skipByteOrderMark(file);
   char line[kLineSize];
   while (fgets(line, sizeof line, file) != nullptr) {
     cutLineEnd(line);
@@ -168,6 +173,9 @@ int32_t cvoiceset::read_prefixmap(const char* path) {
     strcpy_n(prefixMap[note].suffix, second + 1, sizeof prefixMap[note].suffix);
   }
   fclose(file);
+  if (prefixMap[0].name[0] == '\0' && fileLooksLikeUtf8(path)) {
+    strcpy_n(prefixMap[0].name, "UTF-8", sizeof prefixMap[0].name);
+  }
   return 96;
 }
 

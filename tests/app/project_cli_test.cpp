@@ -126,3 +126,18 @@ TEST_F(ProjectCommands, ConvertKeepsTheDemosTimingBothWays) {
   EXPECT_NEAR(songLength(back), length, 1.0);
   EXPECT_NE(readFile(old).find("Tempo="), readFile(old).rfind("Tempo="));  // the changes are there
 }
+
+TEST_F(ProjectCommands, CharsetByTheBytesOrForced) {
+  const std::string plain = dir_.file("plain.snt");
+  writeFile(plain, "[#VERSION]\nSNT Version2.0\n[#SETTING]\nTempo=120\n"
+                   "[#0000]\nDelta=0\nDuration=480\nLyric=\xe3\x81\x8b\nNoteNum=60\n[#TRACKEND]\n");
+  RunResult read = runTona({"info", plain});
+  ASSERT_EQ(read.status, 0) << read.err;
+  EXPECT_NE(read.out.find("charset:         utf-8\n"), std::string::npos) << read.out;
+  EXPECT_NE(read.out.find("\xe3\x81\x8b "), std::string::npos) << read.out;
+  RunResult forced = runTona({"info", plain, "--charset", "shift_jis"});
+  EXPECT_EQ(forced.out.find("\xe3\x81\x8b "), std::string::npos) << forced.out;
+  EXPECT_EQ(runTona({"info", plain, "--charset", "latin1"}).status, 2);
+  EXPECT_EQ(runTona({"edit", plain, "-o", dir_.file("e.snt"), "--charset", "utf-8", "--select-all"}).status, 0);
+  EXPECT_EQ(runTona({"convert", plain, dir_.file("c.snt"), "--from-charset", "sjis"}).status, 0);
+}

@@ -172,13 +172,49 @@ TEST_F(SntFiles, Utf8FileKeepsItsOutputFileAsRead) {
   EXPECT_STREQ(ts, "(3/4/0),");
 }
 
-TEST_F(SntFiles, UnconvertibleShiftJisTextIsKeptAsItIs) {
+TEST_F(SntFiles, ShiftJisTextsKeepWhatConverts) {
   const std::string path = dir_.file("odd.snt");
-  writeFile(path, "[#VERSION]\nSNT Version2.0\nCharset=SJIS\n[#0000]\nLyric=\xff\xfe\n");
+  std::string sixteen;
+  for (int i = 0; i < 16; ++i) sixteen += "\x82\xa0";  // 16 x あ: 32 bytes, cut to 31 by the reader
+  writeFile(path, "[#VERSION]\nSNT Version2.0\nCharset=SJIS\n[#SETTING]\nVoiceDir=C:\\voice\\bank\n"
+                  "OutFile=C:\\out\\song.wav\n"
+                  "[#0000]\nLyric=\xff\xfe\n[#0001]\nLyric=\x82\xa0\xff\n[#0002]\nLyric=\xb1\xb2\xb3\n"
+                  "[#0003]\nLyric=" + sixteen + "\n");
   ctonm2 engine;
   CSntMan manager(&engine, nullptr);
-  EXPECT_EQ(manager.readSnt2(path.c_str(), nullptr, 0), 1);
-  EXPECT_STREQ(engine.notes[0].Lyric, "\xff\xfe");
+  EXPECT_EQ(manager.readSnt2(path.c_str(), nullptr, 0), 4);
+  EXPECT_STREQ(engine.notes[0].Lyric, "");                 // nothing converts: no raw bytes
+  EXPECT_STREQ(engine.notes[1].Lyric, "\xe3\x81\x82");    // あ, up to the bad byte
+  EXPECT_STREQ(engine.notes[2].Lyric, "\xef\xbd\xb1\xef\xbd\xb2\xef\xbd\xb3");  // ｱｲｳ
+  std::string ten;
+  for (int i = 0; i < 10; ++i) ten += "\xe3\x81\x82";
+  EXPECT_STREQ(engine.notes[3].Lyric, ten.c_str());  // cut on a character, within 31 bytes
+  EXPECT_STREQ(engine.voiceDir, "C:/voice/bank/");   // "\\" separates folders
+  EXPECT_STREQ(engine.outfile, "C:/out/song.wav");
+}
+
+TEST_F(SntFiles, ProjectsThatNameNoCharsetAreReadByTheirBytes) {
+  const std::string utf8 = dir_.file("utf8.snt"), sjis = dir_.file("sjis.snt"), bom = dir_.file("bom.snt");
+  writeFile(utf8, "[#VERSION]\nSNT Version2.0\n[#SETTING]\nTempo=100\n[#0000]\nLyric=\xe3\x81\x8b\n");
+  writeFile(sjis, "[#VERSION]\nSNT Version2.0\n[#SETTING]\nTempo=100\n[#0000]\nLyric=\x82\xa9\n");
+  writeFile(bom, "\xef\xbb\xbf[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=90\n"
+                 "[#0000]\nLyric=\xe3\x81\x8b\n");
+  for (const std::string& path : {utf8, sjis, bom}) {
+    ctonm2 engine;
+    CSntMan manager(&engine, nullptr);
+    ASSERT_EQ(manager.readSnt2(path.c_str(), nullptr, 0), 1) << path;
+    EXPECT_STREQ(engine.notes[0].Lyric, "\xe3\x81\x8b") << path;  // か each time
+  }
+  ctonm2 engine;
+  CSntMan manager(&engine, nullptr);
+  manager.readSnt2(bom.c_str(), nullptr, 0);
+  EXPECT_EQ(engine.tempo, 90.0f);  // the settings after a byte-order mark are read
+  // A forced charset wins over the bytes.
+  CSntMan forced(&engine, nullptr);
+  forced.setForcedCharset("shift_jis");
+  engine.free_snt();
+  forced.readSnt2(utf8.c_str(), nullptr, 0);
+  EXPECT_STRNE(engine.notes[0].Lyric, "\xe3\x81\x8b");
 }
 
 TEST(ReplaceString, EveryOccurrenceFromTheLeft) {

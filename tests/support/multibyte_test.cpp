@@ -18,15 +18,22 @@ std::string wide(const wchar* text) {
 }
 }  // namespace
 
-TEST(MultiByte, HalfWidthKatakanaIsCutByTheDoubledCapacity) {
-  // Ten one-byte katakana become three bytes each in UTF-8; the output has
-  // room for 20 bytes, so six characters fit and the seventh does not.
+TEST(MultiByte, HalfWidthKatakanaConvertsWhole) {
+  // One byte each in Shift_JIS, three in UTF-8: the output has room.
   std::string sjis(10, '\xb1');  // ｱ
   CMultiByte cm;
   const char* utf8 = cm.sjisToUtf8(sjis.c_str());
   ASSERT_NE(utf8, nullptr);
-  EXPECT_EQ(strlen(utf8), 18u);
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(std::string(utf8 + 3 * i, 3), "\xef\xbd\xb1");
+  EXPECT_EQ(strlen(utf8), 30u);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(std::string(utf8 + 3 * i, 3), "\xef\xbd\xb1");
+}
+
+TEST(MultiByte, ShiftJisAsWindowsWritesIt) {
+  CMultiByte cm;
+  EXPECT_STREQ(cm.sjisToUtf8("C:\\voice"), "C:\\voice");            // 0x5C is a backslash, not a yen sign
+  EXPECT_STREQ(cm.sjisToUtf8("\x81\x60"), "\xef\xbd\x9e");        // the tilde Windows users typed
+  EXPECT_STREQ(cm.sjisToUtf8("\x87\x40"), "\xe2\x91\xa0");        // a circled 1, Windows only
+  EXPECT_STREQ(cm.utf8ToSjis("\xef\xbd\x9e"), "\x81\x60");        // and back
 }
 
 TEST(MultiByte, AnInvalidByteEndsTheText) {

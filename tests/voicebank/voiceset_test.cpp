@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/textfile.h"
 #include "tests/voicebank/bank.h"
 #include "voicebank/connective.h"
 
@@ -132,6 +133,37 @@ TEST(VoiceSetReading, NothingToRead) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(set.read_voiceset((empty.path() + "/absent").c_str()), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");  // the log's, at level 2; commands say it their way
+}
+
+TEST(VoiceSetReading, TablesThatNameNoCharsetAreReadByTheirBytes) {
+  // UTF-8 with a byte-order mark and no charset line, as editors on other
+  // systems save it; a Shift_JIS subfolder table beside it.
+  TestBank bank;
+  bank.write("oto.ini", "\xef\xbb\xbf\xe3\x81\x82.wav=\xe3\x81\x82,1,2,3,4,5\n");
+  bank.write("prefix.map", "\xef\xbb\xbf" "C4\t\xe5\xbc\xb1\t\n");
+  cvoiceset set;
+  ASSERT_GT(set.read_voiceset(bank.path().c_str()), 0);
+  convertVoicesetTexts(&set);
+  ASSERT_EQ(set.count(), 1);
+  EXPECT_STREQ(set.getVoiceEntry(0)->filename, "\xe3\x81\x82.wav");  // the first entry, whole
+  EXPECT_STREQ(set.getVoiceEntry(0)->alias, "\xe3\x81\x82");
+  EXPECT_STREQ(set.prefixMap[60].prefix, "\xe5\xbc\xb1");
+  TestBank sjis;
+  sjis.write("oto.ini", "\x82\xa0.wav=\x82\xa0,1,2,3,4,5\n");
+  cvoiceset other;
+  ASSERT_GT(other.read_voiceset(sjis.path().c_str()), 0);
+  convertVoicesetTexts(&other);
+  EXPECT_STREQ(other.getVoiceEntry(0)->alias, "\xe3\x81\x82");
+}
+
+TEST(TextFiles, Utf8ByItsBytes) {
+  EXPECT_TRUE(looksLikeUtf8("\xe3\x81\x82", 3));
+  EXPECT_FALSE(looksLikeUtf8("plain", 5));             // ASCII alone decides nothing
+  EXPECT_FALSE(looksLikeUtf8("\x82\xa0", 2));          // Shift_JIS
+  EXPECT_FALSE(looksLikeUtf8("\xe3\x81", 2));          // cut short
+  EXPECT_FALSE(looksLikeUtf8("\xc0\xaf", 2));          // overlong
+  EXPECT_FALSE(looksLikeUtf8("\xed\xa0\x80", 3));      // a surrogate
+  EXPECT_TRUE(looksLikeUtf8("a\xf0\x9f\x8e\xb5", 5));  // four bytes
 }
 
 TEST(PrefixMap, ReadSkipsBadRowsAndWriteReadsBack) {
