@@ -248,10 +248,12 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
     const char* v = nullptr;
     switch (section) {
       case Section::kVersion:
-        if (startsWith(line, "SNT Version")) {
-          const size_t n = strlen(line);
-          if (n > 13 && line[11] >= '0' && line[11] <= '9' && line[13] >= '0' && line[13] <= '9') {
-            version = 100 * (line[11] - '0') + 10 * (line[13] - '0');
+        // "SNT Version2.0", or a version line that other tools begin with
+        // other letters ("... Version1.2").
+        if (const char* word = strstr(line, "Version")) {
+          const char* number = word + 7;
+          if (number[0] >= '0' && number[0] <= '9' && number[1] == '.' && number[2] >= '0' && number[2] <= '9') {
+            version = 100 * (number[0] - '0') + 10 * (number[2] - '0');
           }
           sntVersion = version;
         } else if ((v = valueOf(line, "Charset=")) != nullptr) {

@@ -253,6 +253,8 @@ int32_t CSntMan::writeSnt2(const char* path) {
     if (note->stptrim != 0.0f) out.line("stptrim=%0.4f", note->stptrim);
     out.line("Intensity=%u", static_cast<unsigned>(note->Intensity));
     out.line("Modulation=%d", note->Modulation);
+    // Consonant velocity is set note by note: kept when it is not 100.
+    if (note->Velocity != 100.0f) out.line("Velocity=%0.2f", note->Velocity);
     if (note->Flags[0] != '\0') out.line("Flags=%s", note->Flags);
     writeCurves(out, note, 16);
     if (note->layer > 0) out.line("layer=%d", note->layer);
@@ -316,6 +318,7 @@ int32_t CSntMan::writeSnt1(const char* path) {
       out.line("StartPoint=%0.2f", note->StartPoint);
       out.line("Intensity=%u", static_cast<unsigned>(note->Intensity));
       out.line("Modulation=%d", note->Modulation);
+      if (note->Velocity != 100.0f) out.line("Velocity=%0.2f", note->Velocity);
       out.line("Flags=%s", note->Flags);
       const float tempo = note->Tempo != 0.0f ? note->Tempo : carriedTempo;
       if (tempo != 0.0f) out.line("Tempo=%0.2f", tempo);

@@ -316,3 +316,31 @@ TEST(NoteManager, FreshEngineAndEmptyPath) {
   EXPECT_EQ(manager.openSnt("", nullptr), -1);
   EXPECT_EQ(manager.openSnt("/nonexistent/x.snt", nullptr), -1);
 }
+
+TEST_F(SntFiles, SavesKeepVelocityAndOlderVersionLinesReadAsTheOldForm) {
+  const std::string path = dir_.file("velocity.snt");
+  writeFile(path, "[#VERSION]\nXYZ Version1.2\n[#SETTING]\nTempo=120\n"
+                  "[#0000]\nLength=480\nLyric=a\nNoteNum=60\nVelocity=81.28\n"
+                  "[#0001]\nLength=480\nLyric=a\nNoteNum=60\n[#TRACKEND]\n");
+  for (int form : {120, 200}) {
+    ctonm2 engine;
+    CSntMan reader(&engine, nullptr);
+    ASSERT_EQ(reader.readSnt2(path.c_str(), nullptr, 0), 2);
+    EXPECT_EQ(engine.sntVersion, 120);  // other letters before "Version1.2": the old form
+    EXPECT_EQ(engine.notes[1].Delta, 480);  // lengths only, as that form has
+    engine.sntVersion = form;
+    const std::string saved = dir_.file("saved.snt");
+    CSntMan writer(&engine, nullptr);
+    ASSERT_EQ(form < 200 ? writer.writeSnt1(saved.c_str()) : writer.writeSnt2(saved.c_str()), 1);
+    const std::string text = readFile(saved);
+    const size_t at = text.find("Velocity=81.28");
+    ASSERT_NE(at, std::string::npos) << form;
+    const size_t previous = text.rfind("\n", at - 2);
+    EXPECT_EQ(text.compare(previous + 1, 11, "Modulation="), 0) << form;  // just after Modulation
+    EXPECT_EQ(text.find("Velocity=100"), std::string::npos) << form;  // only where it is not 100
+    ctonm2 back;
+    CSntMan again(&back, nullptr);
+    again.readSnt2(saved.c_str(), nullptr, 0);
+    EXPECT_FLOAT_EQ(back.notes[0].Velocity, 81.28f) << form;
+  }
+}
