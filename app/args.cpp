@@ -26,8 +26,12 @@ int ArgParser::parse(int argc, char** argv, std::vector<std::string>* positional
   bool optionsEnded = false;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
-    if (optionsEnded || arg.size() < 2 || arg[0] != '-' ||
-        (arg[1] != '-' && (arg[1] >= '0' && arg[1] <= '9'))) {
+    // Options are "-x" and "--name": "-", "-5" and a lyric such as "- a"
+    // are arguments.
+    const bool option = arg.size() >= 2 && arg[0] == '-' &&
+                        (isalpha(static_cast<unsigned char>(arg[1])) ||
+                         (arg[1] == '-' && (arg.size() == 2 || isalpha(static_cast<unsigned char>(arg[2])))));
+    if (optionsEnded || !option) {
       positional->push_back(arg);
       continue;
     }

@@ -1,6 +1,9 @@
 // tona render PROJECT [-o OUT.wav] [--jobs N] [--from TICK] [--to TICK]
 //                     [--no-cache] [--voice-dir DIR] [--log-level N]
 
+#include <sys/stat.h>
+
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -110,6 +113,26 @@ int runRender(int argc, char** argv) {
     output = engine.outfile;  // a relative one is taken from the project's folder, like its voice folder
     const size_t slash = project.rfind('/');
     if (output[0] != '/' && slash != std::string::npos) output = project.substr(0, slash + 1) + output;
+    // A path from another system ("C:/...") or into a folder that is not
+    // here is no file name to write: the project's own name is used.
+    const std::string& named = engine.outfile;
+    const bool windows = named.size() > 2 && isalpha(static_cast<unsigned char>(named[0])) && named[1] == ':';
+    const size_t folderEnd = output.rfind('/');
+    struct stat info;
+    const bool folderHere =
+        folderEnd == std::string::npos || (stat(output.substr(0, folderEnd == 0 ? 1 : folderEnd).c_str(), &info) == 0 &&
+                                           S_ISDIR(info.st_mode));
+    if (windows || !folderHere) {
+      const std::string fallback = [&] {
+        const size_t dot = project.rfind('.');
+        const size_t cut = project.rfind('/');
+        return (dot != std::string::npos && (cut == std::string::npos || dot > cut) ? project.substr(0, dot) : project) +
+               ".wav";
+      }();
+      fprintf(stderr, "the project's output file '%s' is not usable here; writing '%s'\n", named.c_str(),
+              fallback.c_str());
+      output = fallback;
+    }
   }
   if (output.empty()) {
     const size_t dot = project.rfind('.');

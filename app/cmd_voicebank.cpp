@@ -30,7 +30,9 @@ const char kVoicebankUsage[] =
     "info    shows a voice bank: its name, picture and sample, charset, entries\n"
     "        per folder, prefix map, and entries whose sample file is missing.\n"
     "lookup  shows the entry a note with LYRIC would sing, after a note sung\n"
-    "        --prev (default: none), at note --note (default C4 = 60).\n"
+    "        --prev (default: none), at note --note (default C4 = 60). A lyric\n"
+    "        may begin with a dash (\"- a\"); after \"--\" every argument is one:\n"
+    "        tona voicebank lookup BANK -- -a\n"
     "Lyrics are UTF-8; Shift_JIS banks are converted.\n";
 
 namespace {
