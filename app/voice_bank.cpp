@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -15,20 +16,45 @@
 #include "render/wavefile.h"
 #include "support/userdirs.h"
 
+namespace {
+
+bool isFolder(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+std::string lastComponent(std::string path) {
+  while (!path.empty() && path.back() == '/') path.pop_back();
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
 bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::string& option, const char* command) {
   ctonm2& engine = *manager.engine();
-  std::string bank = option.empty() ? std::string(engine.voiceDir) : option;
-  if (!bank.empty() && bank[0] != '/') {
-    const size_t slash = project.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : project.substr(0, slash == 0 ? 1 : slash);
+  const std::string named = option.empty() ? std::string(engine.voiceDir) : option;
+  std::string bank = named;
+  const size_t cut = project.rfind('/');
+  const std::string projectFolder = cut == std::string::npos ? "." : project.substr(0, cut == 0 ? 1 : cut);
+  const std::string userBanks = userFolder(UserFolder::kVoice);
+  bool announce = false;
+  if (bank.compare(0, 7, "%VOICE%") == 0) {
+    // The user's voice bank folder, as other tools write it.
+    bank = userBanks + "/" + bank.substr(7);
+  } else if (bank.size() > 2 && isalpha(static_cast<unsigned char>(bank[0])) && bank[1] == ':') {
+    // A Windows path: its last folder, beside the project or among the
+    // user's banks.
+    const std::string name = lastComponent(bank);
+    bank = isFolder(projectFolder + "/" + name) ? projectFolder + "/" + name : userBanks + "/" + name;
+    announce = true;
+  } else if (!bank.empty() && bank[0] != '/') {
     std::string name = bank;
     while (!name.empty() && name.back() == '/') name.pop_back();
-    bank = folder + "/" + bank;
+    bank = projectFolder + "/" + bank;
     // A bare name not found beside the project is a bank of the user's.
-    struct stat info;
-    if (name.find('/') == std::string::npos && !name.empty() && (stat(bank.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))) {
-      const std::string own = userFolder(UserFolder::kVoice) + "/" + name;
-      if (stat(own.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) bank = own;
+    if (name.find('/') == std::string::npos && !name.empty() && !isFolder(bank) && isFolder(userBanks + "/" + name)) {
+      bank = userBanks + "/" + name;
     }
   }
   engine.set_voiceDir(bank.c_str());
@@ -36,6 +62,7 @@ bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::str
     fprintf(stderr, "tona %s: no voice bank at '%s'\n", command, bank.empty() ? "(none given)" : engine.voiceDir);
     return false;
   }
+  if (announce) fprintf(stderr, "voice bank '%s' is taken from '%s'\n", named.c_str(), engine.voiceDir);
   return true;
 }
 

@@ -138,6 +138,16 @@ TEST(RenderPaths, BareBankNamesAndRelativeOutputs) {
   EXPECT_EQ(list.status, 0);
   EXPECT_NE(list.out.find("alto"), std::string::npos) << list.out;
   EXPECT_NE(list.out.find("Alto Test"), std::string::npos) << list.out;
+  // As other tools name it: the user's voice folder, or a Windows path.
+  for (const std::string& named : {std::string("%VOICE%alto/"), std::string("C:\\Users\\me\\voice\\alto")}) {
+    writeFile(project.file("other.snt"), "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120\nVoiceDir=" +
+                                             named + "\n[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n[#TRACKEND]\n");
+    RunResult other = runTona({"render", project.file("other.snt"), "-o", project.file("other.wav")});
+    EXPECT_EQ(other.status, 0) << named << ": " << other.err;
+    if (named[0] == 'C') {
+      EXPECT_NE(other.err.find("is taken from '" + alto + "/'"), std::string::npos) << other.err;
+    }
+  }
   // A bank beside the project comes first.
   ASSERT_TRUE(makeFolders(project.file("alto")));
   EXPECT_EQ(runTona({"render", project.file("song.snt")}).status, 1);  // that one holds nothing
