@@ -137,6 +137,7 @@ int runLookup(const std::string& folder, const std::string& lyric, const std::st
   }
   printf("file:        %s\n", entry->filename);
   printf("alias:       %s\n", entry->alias);
+  if (!voiceset.lastLookupForm().empty()) printf("found as:    %s\n", voiceset.lastLookupForm().c_str());
   printf("offset:      %.1f\n", entry->offset);
   printf("consonant:   %.1f\n", entry->fixed);
   printf("blank:       %.1f\n", entry->blank);

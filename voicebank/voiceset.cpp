@@ -11,6 +11,7 @@
 #include "support/log.h"
 #include "support/multibyte.h"
 #include "support/textfile.h"
+#include "voicebank/kana.h"
 #include "support/textcopy.h"
 
 namespace copendir {
@@ -304,7 +305,20 @@ char* cvoiceset::getmodifyname(const char* lyric, int32_t noteNum, char* out, in
 }
 
 VoiceData* cvoiceset::get_voicedata(const char* previous, const char* lyric, int32_t noteNum) {
+  lastForm_.clear();
   if (lyric == nullptr) return nullptr;
+  if (VoiceData* hit = lookupLyric(previous, lyric, noteNum)) return hit;
+  // Banks name their entries in romaji or in kana: a lyric not found is
+  // tried once more the other way, through the same search.
+  std::string other = kanaToRomaji(lyric);
+  if (other.empty()) other = romajiToKana(lyric);
+  if (other.empty()) return nullptr;
+  VoiceData* hit = lookupLyric(previous, other.c_str(), noteNum);
+  if (hit != nullptr) lastForm_ = other;
+  return hit;
+}
+
+VoiceData* cvoiceset::lookupLyric(const char* previous, const char* lyric, int32_t noteNum) {
   char modified[256];
   getmodifyname(lyric, noteNum, modified, sizeof modified);
   const bool modifiedDiffers = strcmp(modified, lyric) != 0;

@@ -65,6 +65,9 @@ class cvoiceset {
   // The entry a note sings: preceding lyric (null or empty: none), lyric,
   // note number. Null when nothing matches.
   VoiceData* get_voicedata(const char* previous, const char* lyric, int32_t noteNum);
+  // The lyric as the last get_voicedata found it when that was not as
+  // given (a kana lyric as romaji, or the reverse); "" otherwise.
+  const std::string& lastLookupForm() const { return lastForm_; }
   // The first entry whose alias is `name`, else the first whose file name
   // starts with name + ".".
   VoiceData* search_voicedata(const char* name);
@@ -101,6 +104,9 @@ class cvoiceset {
   PrefixMapEntry prefixMap[kPrefixRows];
 
  private:
+  // The documented search for one form of the lyric.
+  VoiceData* lookupLyric(const char* previous, const char* lyric, int32_t noteNum);
+  std::string lastForm_;
   bool grow();
   const VoiceData* searchByFilename(const std::string& nameDot, int8_t compareLength);
   void buildIndex();

@@ -174,3 +174,21 @@ TEST(RenderPaths, AnOutputFileFromElsewhereIsNotUsedAsAName) {
   EXPECT_EQ(runTona({"voicebank", "lookup", bank.path(), "- a"}).status, 0);
   EXPECT_EQ(runTona({"voicebank", "lookup", bank.path(), "--", "- a"}).status, 0);
 }
+
+TEST(RenderPaths, KanaProjectWithoutCharsetOnARomajiBankSingsEveryNote) {
+  FakeHome home;
+  TestBank bank;
+  VoiceSignal voice;
+  voice.seconds = 0.5;
+  for (const char* name : {"ka", "shi"}) voice.writeWave(bank.folder() + name + ".wav");
+  bank.write("oto.ini", "ka.wav=ka,30,60,-300,40,10\nshi.wav=shi,30,60,-300,40,10\n");
+  // UTF-8 with no charset line, as scripts write it.
+  bank.write("song.snt", "[#VERSION]\nSNT Version2.0\n[#SETTING]\nTempo=120\nVoiceDir=" + bank.path() +
+                             "\n[#0000]\nDelta=480\nDuration=480\nLyric=\xe3\x81\x8b\nNoteNum=57\n"
+                             "[#0001]\nDelta=480\nDuration=480\nLyric=\xe3\x82\xb7\nNoteNum=59\n[#TRACKEND]\n");
+  RunResult run = runTona({"render", bank.folder() + "song.snt", "-o", bank.folder() + "song.wav"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err.find("without a voice entry"), std::string::npos) << run.err;
+  RunResult lookup = runTona({"voicebank", "lookup", bank.path(), "\xe3\x81\x8b"});
+  EXPECT_NE(lookup.out.find("found as:    ka\n"), std::string::npos) << lookup.out;
+}
