@@ -176,26 +176,29 @@ double* initFrequenciesList(double** amplitudes, double* average, const char* sa
   double avg = 0.0;
   if (amplitudes != nullptr) *amplitudes = nullptr;
   if (step <= 0 || frames < 0) return nullptr;
-  // A usable table holds frames 0..frames / step (its extra element then
-  // repeats the last): readers may look at index frames / step + 1.
+  // Readers look at frames 0..frames / step + 1; a table of count frames
+  // holds count + 1 values (the last repeated). A stored table the trust
+  // rule accepts is used as it is, even one made for a shorter sample (a
+  // hand-made one, say): the frames it lacks read as unvoiced and silent,
+  // never past its end.
   const int32_t needed = frames / step;
   if (!hasFlag(flags, 'G')) {
     int32_t count = readFrequenciesList(samplePath, &freq, &amp, &avg, step);
-    if (count > 0 && count <= needed) {  // made for another (shorter) sample
-      free(freq);
-      free(amp);
-      freq = amp = nullptr;
-      count = 0;
-    }
     if (count == 0) {
       count = readFrequenciesText(samplePath, &freq, &amp, &avg, step);
-      if (count > 0 && count <= needed) {
+      if (count > 0) writeFrequenciesList(samplePath, freq, amp, count, avg, step);
+    }
+    if (count > 0 && count < needed + 1) {
+      double* longer = static_cast<double*>(realloc(freq, sizeof(double) * static_cast<size_t>(needed + 2)));
+      if (longer != nullptr) freq = longer;
+      double* louder = static_cast<double*>(realloc(amp, sizeof(double) * static_cast<size_t>(needed + 2)));
+      if (louder != nullptr) amp = louder;
+      if (longer == nullptr || louder == nullptr) {
         free(freq);
         free(amp);
-        freq = amp = nullptr;
-        count = 0;
+        return nullptr;
       }
-      if (count > 0) writeFrequenciesList(samplePath, freq, amp, count, avg, step);
+      for (int32_t k = count; k < needed + 2; ++k) freq[k] = amp[k] = 0.0;
     }
   }
   if (freq == nullptr) {

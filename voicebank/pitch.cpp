@@ -680,9 +680,9 @@ int32_t generateAnlyzeFiles(const char* samplePath, int32_t options) {
     return 0;
   }
   if (samples == nullptr) return 0;
-  // Only 16-bit samples are analysed (an AIFF states the bits of a frame).
-  const int32_t bits = aiff ? 16 * format.channels : 16;
-  if (format.blockAlign == 0 || format.channels < 1 || format.sampleRate == 0 || format.bitsPerSample != bits) {
+  // The samples are analysed as the loader gives them, whatever depth the
+  // file states: only a failed load fails.
+  if (format.blockAlign == 0 || format.channels < 1 || format.sampleRate == 0) {
     free(samples);
     return 0;
   }

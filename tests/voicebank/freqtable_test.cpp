@@ -105,14 +105,47 @@ TEST_F(FrequencyTables, WrongStepRegeneratesAndOverwrites) {
   EXPECT_EQ(readFrequenciesList(sample_.c_str(), &again.freq, &again.amp, &again.average, 256), frames() / 256 + 1);
 }
 
-TEST_F(FrequencyTables, TableTooShortForTheSampleIsMadeAgain) {
-  const int32_t count = frames() / 256;  // one frame short of what the sample needs
-  std::vector<double> freq(static_cast<size_t>(count), 100.0), amp(static_cast<size_t>(count), 1.0);
-  ASSERT_EQ(writeFrequenciesList(sample_.c_str(), freq.data(), amp.data(), count, 100.0, 256), 1);
+TEST_F(FrequencyTables, AShortTrustedTableIsUsedAsItIs) {
+  // A hand-made table of ten frames for a longer sample: used, never made
+  // again; past its end the frames read as unvoiced and silent.
+  const std::vector<double> freq(10, 100.0), amp(10, 1.0);
+  ASSERT_EQ(writeFrequenciesList(sample_.c_str(), freq.data(), amp.data(), 10, 100.0, 256), 1);
+  const std::string stored = readFile(dir_.file("ka_wav.frq"));
   Table t;
   t.freq = initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "-", samples_.data(), frames(), 44100, 1, 2048, 256);
   ASSERT_NE(t.freq, nullptr);
-  EXPECT_NEAR(t.average, 220.0, 2.0);  // made again, not the stored 100 Hz
+  EXPECT_EQ(t.average, 100.0);
+  EXPECT_EQ(t.freq[9], 100.0);
+  for (int32_t k = 10; k <= frames() / 256 + 1; ++k) {  // as far as readers look
+    ASSERT_EQ(t.freq[k], 0.0) << k;
+    ASSERT_EQ(t.amp[k], 0.0) << k;
+  }
+  EXPECT_EQ(readFile(dir_.file("ka_wav.frq")), stored);  // left as it was
+}
+
+TEST_F(FrequencyTables, BinaryTableLayout) {
+  // Little-endian: magic, step, average, 16 reserved bytes, count, then
+  // (frequency, amplitude) pairs.
+  const double freq[2] = {220.5, 221.25}, amp[2] = {1000.0, 2000.0};
+  ASSERT_EQ(writeFrequenciesList(sample_.c_str(), freq, amp, 2, 220.75, 256), 1);
+  const std::string bytes = readFile(dir_.file("ka_wav.frq"));
+  ASSERT_EQ(bytes.size(), 40u + 2 * 16);
+  EXPECT_EQ(bytes.substr(0, 8), "FREQ0003");
+  auto number = [&](size_t at) {
+    double value;
+    memcpy(&value, bytes.data() + at, 8);
+    return value;
+  };
+  int32_t step = 0, count = 0;
+  memcpy(&step, bytes.data() + 8, 4);
+  memcpy(&count, bytes.data() + 36, 4);
+  EXPECT_EQ(step, 256);
+  EXPECT_EQ(number(12), 220.75);
+  EXPECT_EQ(count, 2);
+  EXPECT_EQ(number(40), 220.5);
+  EXPECT_EQ(number(48), 1000.0);
+  EXPECT_EQ(number(56), 221.25);
+  EXPECT_EQ(number(64), 2000.0);
 }
 
 TEST_F(FrequencyTables, TextDumpWrittenAndConvertedOnFirstUse) {

@@ -226,7 +226,7 @@ TEST(RepairPass, OctaveCheckPullsOutlyingFramesUnlessAskedNotTo) {
   EXPECT_NE(std::lround(checked.freq[frame]), std::lround(kept.freq[frame]));
 }
 
-TEST(AnalysisFiles, MadeForSixteenBitSamplesOnly) {
+TEST(AnalysisFiles, MadeForEverySampleThatLoads) {
   TempDir dir;
   VoiceSignal voice;
   voice.seconds = 0.4;
@@ -234,10 +234,20 @@ TEST(AnalysisFiles, MadeForSixteenBitSamplesOnly) {
   voice.writeWave(wav);
   EXPECT_EQ(generateAnlyzeFiles(wav.c_str(), 0), 1);
   ASSERT_TRUE(fileExists(dir.file("a_wav.frq")));
-  // Forced: made again even though the table is trusted.
-  writeFile(dir.file("a_wav.frq"), std::string("FREQ0003") + std::string(32, '\0'));
+  // A trusted table (a valid one, at 100 Hz) is kept, unless forced.
+  const std::vector<double> flat(8, 100.0), loud(8, 1.0);
+  ASSERT_EQ(writeFrequenciesList(wav.c_str(), flat.data(), loud.data(), 8, 100.0, 256), 1);
+  EXPECT_EQ(generateAnlyzeFiles(wav.c_str(), 0), 1);
+  double *freq = nullptr, *amp = nullptr, average = 0.0;
+  ASSERT_GT(readFrequenciesList(wav.c_str(), &freq, &amp, &average, 256), 0);
+  EXPECT_EQ(average, 100.0);
+  free(freq);
+  free(amp);
   EXPECT_EQ(generateAnlyzeFiles(wav.c_str(), 1), 1);
-  EXPECT_GT(readFile(dir.file("a_wav.frq")).size(), 100u);
+  ASSERT_GT(readFrequenciesList(wav.c_str(), &freq, &amp, &average, 256), 0);
+  EXPECT_NEAR(average, voice.f0, 5.0);  // made again
+  free(freq);
+  free(amp);
 
   EXPECT_EQ(generateAnlyzeFiles(dir.file("a.mp3").c_str(), 0), 0);
   EXPECT_EQ(generateAnlyzeFiles(dir.file("absent.wav").c_str(), 0), 0);
@@ -245,5 +255,5 @@ TEST(AnalysisFiles, MadeForSixteenBitSamplesOnly) {
   const std::vector<int16_t> eight = {1, 2, 3, 4};
   const std::string eightBit = dir.file("b.wav");
   saveWaveFile(eightBit.c_str(), eight.data(), 8, 8, 1, 44100);
-  EXPECT_EQ(generateAnlyzeFiles(eightBit.c_str(), 0), 0);  // only 16-bit samples are analysed
+  EXPECT_EQ(generateAnlyzeFiles(eightBit.c_str(), 0), 1);  // it loads: only a failed load fails
 }
