@@ -190,13 +190,17 @@ void warnLosses(ctonm2& engine, CScaleMan& scale, bool oldForm, bool shiftJis) {
     std::vector<char> out(2 * strlen(text) + 2);
     return CMultiByte::convert(text, strlen(text), out.data(), out.size() - 1, "UTF8", kShiftJis) == 0;
   };
-  if (!representable(engine.projectName)) fprintf(stderr, "warning: the project name does not fit Shift_JIS and is cut\n");
-  if (!representable(engine.voiceDir)) fprintf(stderr, "warning: the voice folder does not fit Shift_JIS and is cut\n");
+  // Each text named, with where it is cut.
+  auto warn = [](const std::string& what, const char* text) {
+    fprintf(stderr, "warning: %s '%s' holds characters Shift_JIS does not have; it is cut where they begin\n",
+            what.c_str(), text);
+  };
+  if (!representable(engine.projectName)) warn("the project name", engine.projectName);
+  if (!representable(engine.voiceDir)) warn("the voice folder", engine.voiceDir);
   for (int32_t i = 0; i < engine.noteCount; ++i) {
     const NoteData& note = engine.notes[i];
-    if (!representable(note.Lyric) || !representable(note.Label)) {
-      fprintf(stderr, "warning: note %d: lyric or label does not fit Shift_JIS and is cut\n", i);
-    }
+    if (!representable(note.Lyric)) warn("the lyric of note " + std::to_string(i), note.Lyric);
+    if (!representable(note.Label)) warn("the label of note " + std::to_string(i), note.Label);
   }
 }
 

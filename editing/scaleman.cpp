@@ -131,12 +131,14 @@ int32_t CScaleMan::serialize2text(char* buffer, int32_t capacity) const {
   if (buffer != nullptr && capacity > 0) buffer[0] = '\0';
   int32_t total = 0;
   int32_t written = 0;
+  bool fits = true;  // pieces are written only while they fit: never one skipped and a later one kept
   for (int32_t k = 0; k < count_; ++k) {
     char piece[64];
     const int n = snprintf(piece, sizeof piece, "(%d/%d/%d),", entries_[k].beats, entries_[k].note,
                            entries_[k].measures);
     total += n;
-    if (buffer != nullptr && written + n < capacity) {
+    fits = fits && written + n < capacity;
+    if (buffer != nullptr && fits) {
       memcpy(buffer + written, piece, static_cast<size_t>(n) + 1);
       written += n;
     }

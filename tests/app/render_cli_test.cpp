@@ -192,3 +192,38 @@ TEST(RenderPaths, KanaProjectWithoutCharsetOnARomajiBankSingsEveryNote) {
   RunResult lookup = runTona({"voicebank", "lookup", bank.path(), "\xe3\x81\x8b"});
   EXPECT_NE(lookup.out.find("found as:    ka\n"), std::string::npos) << lookup.out;
 }
+
+TEST(RenderPaths, BanksMixingStereoAndOtherRates) {
+  FakeHome home;
+  TestBank bank;
+  VoiceSignal voice;
+  voice.seconds = 0.8;
+  voice.writeWave(bank.folder() + "a.wav");  // mono, 44.1 kHz
+  voice.rate = 48000;
+  const std::vector<int16_t> mono = voice.render(1);
+  std::vector<int16_t> stereo;
+  for (int16_t v : mono) stereo.insert(stereo.end(), {v, v});
+  ASSERT_EQ(saveWaveFile((bank.folder() + "i.wav").c_str(), stereo.data(), static_cast<int32_t>(stereo.size() * 2), 16,
+                         2, 48000),
+            0);
+  bank.write("oto.ini", "a.wav=a,30,60,-500,40,10\ni.wav=i,30,60,-500,40,10\n");
+  RunResult analysed = runTona({"analyze", bank.path()});
+  ASSERT_EQ(analysed.status, 0) << analysed.err;
+  EXPECT_NE(analysed.err.find("analysed 2,"), std::string::npos) << analysed.err;
+  bank.write("song.snt", "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120\nVoiceDir=" + bank.path() +
+                             "\n[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n"
+                             "[#0001]\nDelta=480\nDuration=480\nLyric=i\nNoteNum=57\n[#TRACKEND]\n");
+  RunResult run = runTona({"render", bank.folder() + "song.snt", "-o", bank.folder() + "song.wav"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  WaveFormat format = {};
+  int32_t bytes = 0;
+  int16_t* samples = loadWaveFile((bank.folder() + "song.wav").c_str(), &format, 0, &bytes);
+  ASSERT_NE(samples, nullptr);
+  // Both notes sound over their middle, each taken in its own format.
+  for (double at : {0.75, 1.25}) {
+    double energy = 0.0;
+    for (int k = 0; k < 2205; ++k) energy += std::abs(samples[static_cast<int>(at * 44100) + k]);
+    EXPECT_GT(energy / 2205, 500.0) << at << " s";
+  }
+  free(samples);
+}

@@ -57,6 +57,11 @@ TEST(TimeSignatures, TextFormBothWays) {
   char small[12];
   EXPECT_EQ(scale.serialize2text(small, sizeof small), 17);
   EXPECT_STREQ(small, "(4/4/2),");
+  // A short piece after one that did not fit is not written either.
+  scale.unserializeText("(4/4/2),(12/16/10),(3/4/0),");
+  char medium[19];
+  scale.serialize2text(medium, sizeof medium);
+  EXPECT_STREQ(medium, "(4/4/2),");
   scale.resetScale();
   EXPECT_EQ(text(scale), "(4/4/0),");
 }
