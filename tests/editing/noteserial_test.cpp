@@ -97,6 +97,51 @@ TEST(NoteSerial, RoundTripKeepsEverySerializedFieldBitForBit) {
   ctonm2::note_clear(&back);
 }
 
+TEST(NoteSerial, ByteLayoutOfAKnownNote) {
+  // Field order and byte order pinned: a round trip alone would not see
+  // two fields swapped in both directions.
+  NoteData note;
+  memset(&note, 0, sizeof note);
+  note.Length = 480;
+  note.Delta = 240;
+  strcpy(note.Lyric, "ka");
+  note.NoteNum = 60;
+  note.PreUtterance = 1.0f;
+  note.VoiceOverlap = 2.0f;
+  note.Velocity = 100.0f;
+  note.StartPoint = 0.5f;
+  note.Intensity = 90;
+  note.Modulation = 7;
+  strcpy(note.Flags, "g");
+  note.reserved = 0xAABBCCDD;
+  note.PBW = static_cast<float*>(malloc(2 * sizeof(float)));
+  note.PBW[0] = 1.0f;
+  note.PBW[1] = 80.0f;
+  note.VBR[0] = 65;
+  note.Envelope[0] = 5.0f;
+  note.Tempo = 140.0f;
+  note.selected = 1;
+  note.layer = 3;
+  std::vector<uint8_t> bytes(static_cast<size_t>(CNoteSerial::serialLength(&note)));
+  ASSERT_EQ(CNoteSerial::serialize(&note, bytes.data()), static_cast<int32_t>(bytes.size()));
+  auto at = [&](size_t offset, const std::vector<uint8_t>& expected) {
+    return std::vector<uint8_t>(bytes.begin() + static_cast<long>(offset),
+                                bytes.begin() + static_cast<long>(offset + expected.size())) == expected;
+  };
+  EXPECT_TRUE(at(0, {0xE0, 0x01, 0, 0, 0xF0, 0, 0, 0}));           // Length, Delta
+  EXPECT_TRUE(at(8, {2, 'k', 'a', 60, 0}));                        // lyric length, lyric, NoteNum
+  EXPECT_TRUE(at(13, {0, 0, 0x80, 0x3F, 0, 0, 0, 0x40}));          // PreUtterance 1, VoiceOverlap 2
+  EXPECT_TRUE(at(21, {0, 0, 0xC8, 0x42, 0, 0, 0, 0x3F}));          // Velocity 100, StartPoint 0.5
+  EXPECT_TRUE(at(29, {90, 0, 0, 0, 7, 0, 0, 0, 1, 'g'}));          // Intensity, Modulation, flags
+  EXPECT_TRUE(at(39, {0, 0, 0, 0, 0, 0, 0, 0, 0xDD, 0xCC, 0xBB, 0xAA}));  // no Pitches, no Exprs, reserved
+  EXPECT_TRUE(at(51, {0, 0, 0, 0, 0, 0, 0x80, 0x3F, 0, 0, 0xA0, 0x42, 0, 0, 0, 0, 0}));  // PBS none, PBW (1: 80), PBY none, PBM none
+  EXPECT_TRUE(at(68, {65, 0}));                                    // VBR[0]
+  EXPECT_TRUE(at(88, {0, 0, 0xA0, 0x40}));                         // Envelope[0] = 5
+  EXPECT_TRUE(at(152, {0, 0, 0x0C, 0x43, 1, 0, 0, 0, 3, 0, 0, 0}));  // Tempo 140, selected, layer
+  EXPECT_EQ(bytes.size(), 164u);
+  ctonm2::note_clear(&note);
+}
+
 TEST(NoteSerial, MissingArraysAreZeroCountsAndStayMissing) {
   NoteData bare = makeNote("a");
   EXPECT_EQ(CNoteSerial::serializePitch(&bare, nullptr), 13);  // three float 0s and a byte 0
