@@ -192,7 +192,9 @@ void ctonm2::makePitchMode2() {
     NoteData* next = nextIndex >= 0 ? &notes[nextIndex] : nullptr;
 
     // A start height is kept only after a rest, and only when the line
-    // starts at or before the consonant.
+    // starts at or before the consonant. The previous-note search skips
+    // rests, so the rest branch below is never taken: after a rest there
+    // is no previous note, and the height always stays.
     if (prev != nullptr && floatListCount(note->PBS) >= 2) {
       if (is_r(prev->Lyric)) {
         if (note->_preuttr > -note->PBS[1]) note->PBS[2] = 0.0f;

@@ -103,13 +103,16 @@ TEST(PitchLine, ZeroWidthOnlyInTheFirstSegmentBecomesTiny) {
   ctonm2::note_clear(&later);
 }
 
-TEST(PitchLine, StartHeightAfterARestStaysWhenTheLineStartsBeforeTheConsonant) {
+TEST(PitchLine, StartHeightStaysAfterARestAndGoesAfterASoundingNote) {
+  // After a rest there is no previous note (the search skips rests), so
+  // the start height stays, even with a consonant (60) longer than the
+  // line's lead (50).
   ctonm2 engine;
   NoteData rest = makeNote("R");
   NoteData note = makeNote("a");
   note.PBS = floatList({-50.0f, 3.0f});
   note.PBW = floatList({100.0f});
-  note._preuttr = 40.0f;
+  note._preuttr = 60.0f;
   note._truelen = 200.0f;
   engine.insert_note(0, &rest);
   engine.insert_note(1, &note);
@@ -117,9 +120,14 @@ TEST(PitchLine, StartHeightAfterARestStaysWhenTheLineStartsBeforeTheConsonant) {
   const NoteData& made = engine.notes[1];
   ASSERT_NE(made._pitch, nullptr);
   EXPECT_FLOAT_EQ(made.PBS[2], 3.0f);
-  // The line starts at 30 cents 10 msec before the grid's first point.
-  EXPECT_NEAR(made._pitch[0], 30.0 * (0.5 + 0.5 * std::cos(M_PI * 10.0 / 100.0)), 1e-3);
+  // The grid's first point comes 10 msec (60 - 50) before the line
+  // starts: it holds the start height, 30 cents.
+  EXPECT_NEAR(made._pitch[0], 30.0, 1e-3);
   EXPECT_EQ(engine.notes[0]._pitch, nullptr);  // rests keep their curves
+  // After a sounding note, the height goes.
+  engine.set_lyric("i", 0);
+  engine.makePitchMode2();
+  EXPECT_FLOAT_EQ(engine.notes[1].PBS[2], 0.0f);
 }
 
 // Two sounding notes: the first gets the head of the second's line at its
