@@ -16,10 +16,7 @@ namespace {
 class Errors : public ::testing::Test {
  protected:
   void SetUp() override {
-    VoiceSignal voice;
-    voice.seconds = 0.5;
-    voice.writeWave(bank_.folder() + "a.wav");
-    bank_.write("oto.ini", "a.wav=a,30,60,-300,40,10\nb.wav=b,0,0,0,0,0\n");
+    writeVowelBank(bank_, 0.5, "a.wav=a,30,60,-300,40,10\nb.wav=b,0,0,0,0,0\n");
     bank_.write("b.wav", "RIFF garbage");
   }
   std::string project(const std::string& notes) {

@@ -15,10 +15,7 @@ namespace {
 class PlayCommand : public ::testing::Test {
  protected:
   void SetUp() override {
-    VoiceSignal voice;
-    voice.seconds = 0.8;
-    voice.writeWave(bank_.folder() + "a.wav");
-    bank_.write("oto.ini", "a.wav=a,30,60,-600,40,10\n");
+    writeVowelBank(bank_, 0.8, "a.wav=a,30,60,-600,40,10\n");
     writeFile(project_,
               "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120\nVoiceDir=" + bank_.path() +
                   "\n[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n"

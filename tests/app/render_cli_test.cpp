@@ -156,10 +156,7 @@ TEST(RenderPaths, BareBankNamesAndRelativeOutputs) {
 TEST(RenderPaths, AnOutputFileFromElsewhereIsNotUsedAsAName) {
   FakeHome home;
   TestBank bank;
-  VoiceSignal voice;
-  voice.seconds = 0.5;
-  voice.writeWave(bank.folder() + "a.wav");
-  bank.write("oto.ini", "a.wav=a,30,60,-300,40,10\n");
+  writeVowelBank(bank, 0.5, "a.wav=a,30,60,-300,40,10\n");
   for (const std::string& named : {std::string("C:\\Users\\me\\song.wav"), std::string("no/such/folder/x.wav")}) {
     bank.write("song.snt", "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120\nVoiceDir=" + bank.path() +
                                "\nOutFile=" + named + "\n[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n[#TRACKEND]\n");

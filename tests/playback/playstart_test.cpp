@@ -38,10 +38,7 @@ void onStop() { note("play stop"); }
 class PlayStart : public ::testing::Test {
  protected:
   void SetUp() override {
-    VoiceSignal voice;
-    voice.seconds = 0.6;
-    voice.writeWave(bank_.folder() + "a.wav");
-    bank_.write("oto.ini", "a.wav=a,30,60,-400,40,10\n");
+    writeVowelBank(bank_, 0.6, "a.wav=a,30,60,-400,40,10\n");
   }
   void addNotes(std::initializer_list<const char*> lyrics) {
     int delta = 480;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "tests/testutil.h"
+#include "tests/voicebank/voice_signal.h"
 
 class TestBank {
  public:
@@ -22,3 +23,12 @@ class TestBank {
  private:
   TempDir dir_;
 };
+
+// A bank that sings "a": a steady vowel of `seconds` and its entry (the
+// end blank is given by the entry, negative: from the offset).
+inline void writeVowelBank(const TestBank& bank, double seconds, const std::string& entries) {
+  VoiceSignal voice;
+  voice.seconds = seconds;
+  voice.writeWave(bank.folder() + "a.wav");
+  bank.write("oto.ini", entries);
+}
