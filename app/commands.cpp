@@ -27,6 +27,8 @@ const Command kCommands[] = {
     {"recover", "show or copy the project an editing session left behind", kRecoverUsage, runRecover},
     {"convert", "write a project in the 1.2 or 2.0 form", kConvertUsage, runConvert},
     {"cache", "show or empty the render cache", kCacheUsage, runCache},
+    {"import", "make a project of a MIDI file's notes and lyrics", kImportUsage, runImport},
+    {"export", "write a project's notes as a MIDI file", kExportUsage, runExport},
     {"analyze", "make the frequency tables of samples or voice banks", kAnalyzeUsage, runAnalyze},
     {"resample", "render one note from a voice sample", kResampleUsage, runResample},
     {"voicebank", "show a voice bank, or the entry a lyric sings", kVoicebankUsage, runVoicebank},

@@ -22,3 +22,7 @@ int runPlay(int argc, char** argv);
 extern const char kPlayUsage[];
 int runCache(int argc, char** argv);
 extern const char kCacheUsage[];
+int runImport(int argc, char** argv);
+extern const char kImportUsage[];
+int runExport(int argc, char** argv);
+extern const char kExportUsage[];

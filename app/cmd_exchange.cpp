@@ -1,0 +1,172 @@
+// tona import FILE.mid -o OUT.snt [--track N] [--channel C] [--list] ...
+// tona export PROJECT -o OUT.mid
+
+#include <strings.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "app/args.h"
+#include "app/command.h"
+#include "app/project_file.h"
+#include "app/safe_output.h"
+#include "app/subcommands.h"
+#include "editing/noteman.h"
+#include "editing/scaleman.h"
+#include "midi/midiman.h"
+#include "support/userdirs.h"
+
+const char kImportUsage[] =
+    "usage: tona import FILE.mid -o OUT.snt [--track N] [--channel C] [--list]\n"
+    "                   [--voice-dir DIR] [--form 1.2|2.0] [--charset auto|utf-8|shift_jis]\n"
+    "\n"
+    "Makes a project of the notes of one track of a Standard MIDI file, with\n"
+    "their lyrics, the tempo changes and the time signatures.\n"
+    "  --list         list the tracks (name, notes, lyrics) and their channels\n"
+    "  --track N      the track to read (default: the first with notes)\n"
+    "  --channel C    only the notes of channel C, 0..15 (default: every one)\n"
+    "  --voice-dir    the voice bank the project sings with\n"
+    "  --form         the project's form (default 2.0)\n"
+    "  --charset      how lyrics are read (default auto: by their bytes)\n"
+    "VSQ sequences are not read yet.\n";
+
+const char kExportUsage[] =
+    "usage: tona export PROJECT -o OUT.mid\n"
+    "\n"
+    "Writes the project's notes as a Standard MIDI file (format 1, 480 ticks\n"
+    "per quarter): a track of tempo changes and a track of notes with their\n"
+    "lyrics. VSQ sequences are not written yet.\n";
+
+namespace {
+
+bool endsWith(const std::string& text, const char* tail) {
+  const size_t n = strlen(tail);
+  return text.size() >= n && strcasecmp(text.c_str() + text.size() - n, tail) == 0;
+}
+
+}  // namespace
+
+int runImport(int argc, char** argv) {
+  const Command& command = *findCommand("import");
+  std::string output, trackText, channelText, voiceDir, form, charsetText;
+  bool list = false;
+  ArgParser parser(command);
+  parser.option("-o", &output);
+  parser.option("--output", &output);
+  parser.option("--track", &trackText);
+  parser.option("--channel", &channelText);
+  parser.option("--voice-dir", &voiceDir);
+  parser.option("--form", &form);
+  parser.option("--charset", &charsetText);
+  parser.flag("--list", &list);
+  std::vector<std::string> args;
+  const int status = parser.parse(argc, argv, &args, 1, 1);
+  if (status >= 0) return status;
+  const std::string& input = args[0];
+  long track = -1, channel = -1;
+  if (!trackText.empty() && !parseInt(trackText, 0, 65535, &track)) return usageError(command, "--track takes 0 to 65535");
+  if (!channelText.empty() && !parseInt(channelText, 0, 15, &channel)) return usageError(command, "--channel takes 0 to 15");
+  if (!form.empty() && form != "1.2" && form != "2.0") return usageError(command, "--form is 1.2 or 2.0");
+  std::string charset;
+  if (charsetText != "auto" && !parseCharset(charsetText, &charset)) {
+    return usageError(command, "--charset is auto, utf-8 or shift_jis");
+  }
+  if (endsWith(input, ".vsq")) {
+    fprintf(stderr, "tona import: VSQ sequences are not read yet; import its MIDI tracks from a .mid copy\n");
+    return kExitFailure;
+  }
+  CMIDIMan midi;
+  midi.setCharset(charset);
+  if (list) {
+    const std::vector<std::string> tracks = midi.getTrackList(input.c_str());
+    if (tracks.empty()) {
+      fprintf(stderr, "tona import: '%s': %s\n", input.c_str(), midi.error().c_str());
+      return kExitFailure;
+    }
+    printf("format %d, %d ticks per quarter\n", midi.format(), midi.division());
+    for (size_t k = 0; k < tracks.size(); ++k) {
+      printf("%s\n", tracks[k].c_str());
+      for (const std::string& line : midi.getChannelList(input.c_str(), static_cast<int32_t>(k))) {
+        printf("    %s\n", line.c_str());
+      }
+    }
+    return kExitOk;
+  }
+  if (output.empty()) return usageError(command, "no output file given (-o OUT.snt)");
+  const std::string problem = outputProblem(output, {input}, {".snt"});
+  if (!problem.empty()) {
+    fprintf(stderr, "tona import: %s\n", problem.c_str());
+    return kExitUsage;
+  }
+  if (track < 0) {
+    // The first track with notes, one with lyrics first.
+    const std::vector<std::string> tracks = midi.getTrackList(input.c_str());
+    for (int pass = 0; pass < 2 && track < 0; ++pass) {
+      for (size_t k = 0; k < tracks.size() && track < 0; ++k) {
+        const bool notes = tracks[k].find(" (0 notes") == std::string::npos;
+        if (notes && (pass == 1 || tracks[k].find(", lyrics)") != std::string::npos)) track = static_cast<long>(k);
+      }
+    }
+    if (track < 0) track = 0;
+  }
+
+  CScaleMan scale;
+  CNoteMan manager(&scale);
+  std::string signatures;
+  const int32_t notes = midi.importMIDIFile(input.c_str(), static_cast<int32_t>(track), static_cast<int32_t>(channel),
+                                            &manager, &signatures);
+  if (notes < 0) {
+    fprintf(stderr, "tona import: '%s': %s; nothing written\n", input.c_str(), midi.error().c_str());
+    return kExitFailure;
+  }
+  for (const std::string& warning : midi.warnings()) fprintf(stderr, "warning: %s\n", warning.c_str());
+  ctonm2& engine = *manager.engine();
+  scale.unserializeText(signatures.c_str());
+  if (!voiceDir.empty()) engine.set_voiceDir(voiceDir.c_str());
+  engine.sntVersion = form == "1.2" ? 120 : 200;
+  engine.set_charset("UTF-8");
+  const std::string voices = userFolder(UserFolder::kVoice);
+  errno = 0;
+  SafeOutput file(output);
+  if (file.path().empty() || manager.writeSnt(file.path().c_str(), voices.c_str()) != 1 || !file.commit()) {
+    fprintf(stderr, "tona import: cannot write '%s': %s\n", output.c_str(), strerror(errno != 0 ? errno : EIO));
+    return kExitFailure;
+  }
+  fprintf(stderr, "imported %d notes from track %ld into '%s'\n", notes, track, output.c_str());
+  return kExitOk;
+}
+
+int runExport(int argc, char** argv) {
+  const Command& command = *findCommand("export");
+  std::string output;
+  ArgParser parser(command);
+  parser.option("-o", &output);
+  parser.option("--output", &output);
+  std::vector<std::string> args;
+  const int status = parser.parse(argc, argv, &args, 1, 1);
+  if (status >= 0) return status;
+  if (output.empty()) return usageError(command, "no output file given (-o OUT.mid)");
+  if (endsWith(output, ".vsq")) {
+    fprintf(stderr, "tona export: VSQ sequences are not written yet; write a .mid\n");
+    return kExitFailure;
+  }
+  const std::string problem = outputProblem(output, {args[0]}, {".mid", ".midi", ".smf"});
+  if (!problem.empty()) {
+    fprintf(stderr, "tona export: %s\n", problem.c_str());
+    return kExitUsage;
+  }
+  CScaleMan scale;
+  CNoteMan manager(&scale);
+  if (!openProjectFile(manager, args[0], "export")) return kExitFailure;
+  errno = 0;
+  SafeOutput file(output);
+  CMIDIMan midi;
+  if (file.path().empty() || !midi.writeSMFFile(file.path().c_str(), &manager) || !file.commit()) {
+    fprintf(stderr, "tona export: cannot write '%s': %s\n", output.c_str(), strerror(errno != 0 ? errno : EIO));
+    return kExitFailure;
+  }
+  return kExitOk;
+}

@@ -1,0 +1,443 @@
+#include "midi/midiman.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <map>
+
+#include "editing/noteman.h"
+#include "midi/midifile.h"
+#include "support/multibyte.h"
+#include "support/textcopy.h"
+#include "support/textfile.h"
+#include "voicebank/kana.h"
+
+namespace {
+
+struct Event {
+  int64_t tick;  // absolute, in the file's division
+  uint8_t status, data1, data2;
+  std::string text;  // payload of a meta event
+};
+
+struct Track {
+  std::vector<Event> events;
+  bool hasLyrics = false;
+  std::string name;  // raw bytes
+};
+
+// The whole file, checked: false with *error on a file that is not one.
+bool parseFile(const char* path, int32_t* format, int32_t* division, int32_t* trackCount, bool* timeCode,
+               std::vector<Track>* tracks, std::string* error) {
+  CMIDIReader in;
+  if (!in.open(path)) return *error = std::string("cannot open '") + path + "': " + strerror(errno), false;
+  if (in.readHeader() != 1) return *error = "not a MIDI file (no MThd header)", false;
+  *format = in.format();
+  *division = in.division();
+  *trackCount = in.tracks();
+  *timeCode = in.timeCode();
+  if (*format == 2) return *error = "format 2 (independent patterns) is not imported", false;
+  if (*division <= 0) return *error = "a division of 0 ticks per quarter", false;
+  in.moveTo(14);
+  for (int32_t k = 0; k < *trackCount; ++k) {
+    if (in.remaining() < 8) break;
+    if (static_cast<uint32_t>(in.readInt2()) != midiTag("MTrk")) break;  // another chunk ends the tracks
+    const int64_t length = static_cast<uint32_t>(in.readInt());
+    const long start = in.curPos();
+    if (length > in.remaining()) {
+      *error = "track " + std::to_string(k) + " claims " + std::to_string(length) + " bytes, past the end of the file";
+      return false;
+    }
+    const long end = start + static_cast<long>(length);
+    Track track;
+    int64_t tick = 0;
+    MIDIMessage message;
+    while (in.curPos() < end) {
+      message.size = 0;
+      const int32_t status = in.readMessage(&message);
+      if (in.curPos() > end || in.cutShort()) {
+        *error = "track " + std::to_string(k) + ": an event runs past the end of its track";
+        return false;
+      }
+      tick += message.delta;
+      if (status == 0) continue;  // a data byte with no status to go with it
+      Event event{tick, message.status, message.data1, message.data2, ""};
+      if (status == 0xFF && message.size > 0 && message.data != nullptr) {
+        event.text.assign(reinterpret_cast<const char*>(message.data), static_cast<size_t>(message.size));
+      }
+      if (status == 0xFF && message.data1 == 0x05) track.hasLyrics = true;
+      if (status == 0xFF && message.data1 == 0x03 && track.name.empty()) track.name = event.text;
+      track.events.push_back(std::move(event));
+      if (status == 0xFF && message.data1 == 0x2F) break;
+    }
+    in.moveTo(end);
+    tracks->push_back(std::move(track));
+  }
+  if (tracks->empty()) return *error = "no track in the file", false;
+  return true;
+}
+
+// The valid UTF-8 beginning of a text (up to the first bad sequence).
+std::string validUtf8(const std::string& text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const unsigned char lead = static_cast<unsigned char>(text[i]);
+    const size_t length = lead < 0x80 ? 1 : lead >= 0xC2 && lead <= 0xDF ? 2 : lead >= 0xE0 && lead <= 0xEF ? 3
+                        : lead >= 0xF0 && lead <= 0xF4                  ? 4
+                                                                        : 0;
+    if (length == 0 || i + length > text.size()) break;
+    if (length > 1 && !looksLikeUtf8(text.data() + i, length)) break;
+    i += length;
+  }
+  return text.substr(0, i);
+}
+
+class TextReader {
+ public:
+  TextReader(const std::vector<Track>& tracks, const std::string& forced) {
+    if (!forced.empty()) {
+      utf8_ = forced == "utf-8";
+      return;
+    }
+    std::string all;
+    for (const Track& track : tracks) {
+      for (const Event& event : track.events) {
+        if (event.status == 0xFF && (event.data1 == 0x01 || event.data1 == 0x03 || event.data1 == 0x05)) {
+          all += event.text;
+        }
+      }
+    }
+    utf8_ = looksLikeUtf8(all.data(), all.size());
+  }
+  // A text of the file as UTF-8: never invalid.
+  std::string operator()(const std::string& raw) {
+    if (utf8_) return validUtf8(raw);
+    const char* converted = cm_.sjisToUtf8(raw.c_str());
+    return converted != nullptr ? converted : "";
+  }
+
+ private:
+  bool utf8_ = false;
+  CMultiByte cm_;
+};
+
+// The vowel a syllable ends on, as a kana ("か" -> "あ"); "" when unknown.
+std::string vowelOf(const std::string& lyric) {
+  const std::string romaji = kanaToRomaji(lyric);
+  if (romaji.empty()) return "";
+  switch (romaji.back()) {
+    case 'a': return "あ";
+    case 'i': return "い";
+    case 'u': return "う";
+    case 'e': return "え";
+    case 'o': return "お";
+    case 'n': return "ん";
+    default: return "";
+  }
+}
+
+// Appends to the note list quickly when the note starts at or after the
+// last one (the usual case), else inserts it where it belongs.
+class NoteAppender {
+ public:
+  explicit NoteAppender(CNoteMan* man) : man_(man) {
+    ctonm2& engine = *man->engine();
+    for (int32_t i = 0; i < engine.noteCount; ++i) lastStart_ += engine.notes[i].Delta;
+  }
+  bool add(int64_t position, NoteData* note) {
+    ctonm2& engine = *man_->engine();
+    int32_t slot;
+    if (position >= lastStart_) {
+      note->Delta = static_cast<int32_t>(position - lastStart_);
+      slot = engine.insert_note(engine.noteCount, note);
+      if (slot >= 0) lastStart_ = position;
+    } else {
+      slot = man_->insertNotePosition(position, note);
+    }
+    if (slot < 0) ctonm2::note_clear(note);
+    return slot >= 0;
+  }
+
+ private:
+  CNoteMan* man_;
+  int64_t lastStart_ = 0;
+};
+
+}  // namespace
+
+int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channel, CNoteMan* man,
+                                 std::string* timeSignatures) {
+  error_.clear();
+  warnings_.clear();
+  std::vector<Track> tracks;
+  bool timeCode = false;
+  if (path == nullptr || man == nullptr ||
+      !parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) {
+    return -1;
+  }
+  const size_t noteTrack = format_ == 0 ? 0 : static_cast<size_t>(std::max(track, 0));
+  if (noteTrack >= tracks.size()) {
+    error_ = "no track " + std::to_string(track) + " (the file has " + std::to_string(tracks.size()) + ")";
+    return -1;
+  }
+  ctonm2& engine = *man->engine();
+  TextReader text(tracks, charset_);
+  const int64_t division = division_;
+  auto ticks = [&](int64_t t) { return t * 480 / division; };
+  NoteAppender append(man);
+  const int32_t layer = std::max(man->targetLayer(), 0);
+
+  // Tempo changes, the project name and the time signatures: from the
+  // first chunk and the note track, in time order.
+  std::vector<const Event*> metas;
+  for (size_t k : {size_t(0), noteTrack}) {
+    for (const Event& event : tracks[k].events) {
+      if (event.status == 0xFF) metas.push_back(&event);
+    }
+    if (noteTrack == 0) break;
+  }
+  std::stable_sort(metas.begin(), metas.end(), [](const Event* a, const Event* b) { return a->tick < b->tick; });
+  int32_t numerator = 4, denominator = 4;
+  int64_t signatureTick = 0;
+  std::string signatures;
+  struct TempoChange {
+    int64_t tick;
+    float bpm;
+  };
+  std::vector<TempoChange> tempos;
+  if (!tracks[0].name.empty()) engine.set_projectName(text(tracks[0].name).c_str());
+  for (const Event* event : metas) {
+    if (event->data1 == 0x51 && event->text.size() >= 3 && !timeCode) {
+      const uint8_t* b = reinterpret_cast<const uint8_t*>(event->text.data());
+      const int64_t micros = (int64_t(b[0]) << 16) | (int64_t(b[1]) << 8) | b[2];
+      double bpm = micros > 0 ? std::round(60000000.0 / micros * 100.0) / 100.0 : 120.0;
+      if (bpm < 10.0 || bpm > 1000.0) {
+        const double clamped = std::clamp(bpm, 10.0, 1000.0);
+        warnings_.push_back("tempo " + std::to_string(bpm) + " at tick " + std::to_string(event->tick) +
+                            " is outside 10..1000 BPM; " + std::to_string(clamped) + " taken");
+        bpm = clamped;
+      }
+      tempos.push_back({ticks(event->tick), static_cast<float>(bpm)});
+    } else if (event->data1 == 0x58 && event->text.size() >= 2) {
+      const int32_t num = static_cast<uint8_t>(event->text[0]);
+      const int32_t den = 1 << std::min<int32_t>(static_cast<uint8_t>(event->text[1]), 6);
+      if (num < 1) continue;
+      // The measure length as it has always been taken: exact for 4/4 and
+      // where the numerator equals the denominator.
+      const int64_t measure = std::max<int64_t>(4 * division / numerator * denominator, 1);
+      const int64_t measures = (event->tick - signatureTick) / measure;
+      if (measures > 0) signatures += "(" + std::to_string(numerator) + "/" + std::to_string(denominator) + "/" +
+                                      std::to_string(measures) + "),";
+      numerator = num;
+      denominator = den;
+      signatureTick = event->tick;
+    }
+  }
+  signatures += "(" + std::to_string(numerator) + "/" + std::to_string(denominator) + "/0),";
+  if (timeSignatures != nullptr) *timeSignatures = signatures;
+
+  // The notes: a note-on opens a key on its channel, a note-off (or a
+  // note-on of velocity 0, or a later note-on of the same key) closes it.
+  const Track& source = tracks[noteTrack];
+  struct Open {
+    int64_t start;
+    int32_t velocity;
+    std::string lyric;
+  };
+  std::map<int32_t, Open> open;  // channel * 128 + key
+  std::string pending = "あ", previousLyric;
+  const bool lyricsFromText = !source.hasLyrics;  // some files carry lyrics as text events
+  struct Made {
+    int64_t start, end;
+    int32_t key, velocity;
+    std::string lyric;
+  };
+  std::vector<Made> made;
+  auto close = [&](int32_t slot, int64_t end) {
+    auto found = open.find(slot);
+    if (found == open.end()) return;
+    made.push_back({found->second.start, end, slot % 128, found->second.velocity, found->second.lyric});
+    open.erase(found);
+  };
+  for (const Event& event : source.events) {
+    if (event.status == 0xFF) {
+      if (event.data1 == 0x05 || (lyricsFromText && event.data1 == 0x01)) {
+        std::string lyric = text(event.text);
+        // A melisma mark continues the previous syllable's vowel.
+        if ((lyric == "+" || lyric == "-") && !vowelOf(previousLyric).empty()) lyric = vowelOf(previousLyric);
+        if (!lyric.empty()) pending = lyric;  // two on one tick: the last one
+      }
+      continue;
+    }
+    const int32_t kind = event.status & 0xF0, eventChannel = event.status & 0x0F;
+    if ((kind != 0x90 && kind != 0x80) || (channel >= 0 && eventChannel != channel)) continue;
+    const int32_t slot = eventChannel * 128 + event.data1;
+    if (kind == 0x90 && event.data2 > 0) {
+      close(slot, event.tick);  // a later note-on of the same key ends the earlier one
+      open[slot] = {event.tick, event.data2, pending};
+      previousLyric = pending;
+      pending = "あ";
+    } else {
+      close(slot, event.tick);
+    }
+  }
+  std::stable_sort(made.begin(), made.end(), [](const Made& a, const Made& b) { return a.start < b.start; });
+
+  // Into the note list, tempo changes among the notes at their places.
+  size_t nextTempo = 0;
+  int32_t count = 0;
+  auto addTempo = [&](const TempoChange& change) {
+    if (change.tick == 0 && engine.noteCount == 0) {
+      engine.tempo = change.bpm;  // the song's own tempo
+      return;
+    }
+    NoteData rest;
+    memset(&rest, 0, sizeof rest);
+    rest.Tempo = change.bpm;
+    rest.NoteNum = 48;
+    rest.Velocity = 100.0f;
+    ctonm2::default_env(rest.Envelope);
+    rest.layer = layer;
+    append.add(change.tick, &rest);
+  };
+  for (const Made& note : made) {
+    const int64_t start = ticks(note.start);
+    while (nextTempo < tempos.size() && tempos[nextTempo].tick <= start) addTempo(tempos[nextTempo++]);
+    NoteData record;
+    memset(&record, 0, sizeof record);
+    record.Length = static_cast<int32_t>(std::max<int64_t>(ticks(note.end) - start, 1));
+    record.NoteNum = static_cast<int16_t>(note.key);
+    strcpy_utf8_n(record.Lyric, note.lyric.c_str(), sizeof record.Lyric);
+    ctonm2::default_env(record.Envelope);
+    CNoteMan::defaultPitch(&record);
+    record.Intensity = static_cast<int32_t>(std::floor((note.velocity + 20.0) * (note.velocity + 20.0) / 140.0 - 2.0));
+    record.Velocity = 100.0f;
+    record.PreUtterance = record.VoiceOverlap = NAN;
+    record.selected = 1;
+    record.layer = layer;
+    if (append.add(start, &record)) ++count;
+  }
+  while (nextTempo < tempos.size()) addTempo(tempos[nextTempo++]);
+  return count;
+}
+
+std::vector<std::string> CMIDIMan::getTrackList(const char* path) {
+  std::vector<std::string> list;
+  std::vector<Track> tracks;
+  bool timeCode = false;
+  error_.clear();
+  if (!parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) return list;
+  TextReader text(tracks, charset_);
+  for (size_t k = 0; k < tracks.size(); ++k) {
+    int notes = 0;
+    for (const Event& event : tracks[k].events) notes += (event.status & 0xF0) == 0x90 && event.data2 > 0;
+    char head[32];
+    snprintf(head, sizeof head, "Track%02d: ", static_cast<int>(k));
+    list.push_back(head + text(tracks[k].name) + " (" + std::to_string(notes) + " notes" +
+                   (tracks[k].hasLyrics ? ", lyrics)" : ")"));
+  }
+  return list;
+}
+
+std::vector<std::string> CMIDIMan::getChannelList(const char* path, int32_t track) {
+  std::vector<std::string> list;
+  std::vector<Track> tracks;
+  bool timeCode = false;
+  error_.clear();
+  if (!parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) return list;
+  if (track < 0 || static_cast<size_t>(track) >= tracks.size()) return list;
+  int counts[16] = {0};
+  for (const Event& event : tracks[static_cast<size_t>(track)].events) {
+    if ((event.status & 0xF0) == 0x90 && event.data2 > 0) ++counts[event.status & 0x0F];
+  }
+  for (int c = 0; c < 16; ++c) {
+    if (counts[c] == 0) continue;
+    char line[32];
+    snprintf(line, sizeof line, "ch%02d:(%d notes)", c, counts[c]);
+    list.push_back(line);
+  }
+  return list;
+}
+
+bool CMIDIMan::writeSMFFile(const char* path, CNoteMan* man) {
+  CMIDIWriter out;
+  if (path == nullptr || man == nullptr || !out.open(path)) return false;
+  ctonm2& engine = *man->engine();
+  out.writeHeader(1, 2, 480);
+
+  auto writeTrack = [&](auto body) {
+    out.writeUInt(midiTag("MTrk"));
+    const long lengthAt = out.curPos();
+    out.writeLong(0);
+    body();
+    out.writeDeltaTime(0);
+    out.writeByte(0xFF);
+    out.writeByte(0x2F);
+    out.writeByte(0x00);
+    const long end = out.curPos();
+    out.moveTo(lengthAt);
+    out.writeLong(static_cast<int32_t>(end - lengthAt - 4));
+    out.moveTo(end);
+  };
+  auto writeTempo = [&](int32_t delta, float bpm) {
+    out.writeDeltaTime(delta);
+    out.writeByte(0xFF);
+    out.writeByte(0x51);
+    out.writeByte(0x03);
+    out.write3ByteNumber(static_cast<int32_t>(std::lround(60000000.0 / bpm)));
+  };
+
+  // The conductor: the song's tempo, then every change at its place.
+  writeTrack([&] {
+    out.writeDeltaTime(0);
+    out.writeMetaText(0x03, engine.projectName);
+    writeTempo(0, engine.tempo > 0.0f ? engine.tempo : 120.0f);
+    int64_t position = 0, last = 0;
+    for (int32_t i = 0; i < engine.noteCount; ++i) {
+      position += engine.notes[i].Delta;
+      if (engine.notes[i].Tempo <= 0.0f) continue;
+      writeTempo(static_cast<int32_t>(position - last), engine.notes[i].Tempo);
+      last = position;
+    }
+  });
+
+  // The notes, with their lyrics just before them; events in time order,
+  // ends before starts on the same tick.
+  struct Out {
+    int64_t tick;
+    int order;  // 0 note-off, 1 lyric, 2 note-on
+    int32_t key, velocity;
+    std::string lyric;
+  };
+  std::vector<Out> events;
+  int64_t position = 0;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    const NoteData& note = engine.notes[i];
+    position += note.Delta;
+    if (ctonm2::is_r(note.Lyric) || note.Length <= 0 || note.NoteNum < 0 || note.NoteNum > 127) continue;
+    const int32_t velocity =
+        std::clamp(static_cast<int32_t>(std::floor(std::sqrt(140.0 * (note.Intensity + 2.0)))) - 20, 1, 127);
+    events.push_back({position, 1, 0, 0, note.Lyric});
+    events.push_back({position, 2, note.NoteNum, velocity, ""});
+    events.push_back({position + note.Length, 0, note.NoteNum, 0, ""});
+  }
+  std::stable_sort(events.begin(), events.end(),
+                   [](const Out& a, const Out& b) { return a.tick != b.tick ? a.tick < b.tick : a.order < b.order; });
+  writeTrack([&] {
+    int64_t last = 0;
+    for (const Out& event : events) {
+      out.writeDeltaTime(static_cast<int32_t>(event.tick - last));
+      last = event.tick;
+      if (event.order == 1) {
+        out.writeMetaText(0x05, event.lyric.c_str());
+      } else {
+        out.writeByte(event.order == 2 ? 0x90 : 0x80);
+        out.writeByte(event.key);
+        out.writeByte(event.order == 2 ? event.velocity : 0x40);
+      }
+    }
+  });
+  return out.close();
+}

@@ -1,0 +1,54 @@
+// CMIDIMan: melodies between the note list and Standard MIDI files.
+//
+// Import reads the notes of one track (and channel) with their lyrics, the
+// tempo changes and the time signatures; export writes a conductor track
+// with the tempos and one track of notes with their lyrics. VSQ sequences
+// are not read or written here yet.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class CNoteMan;
+
+class CMIDIMan {
+ public:
+  // How lyric and track-name texts are read: "" decides by the file's
+  // bytes (valid UTF-8 with non-ASCII bytes: UTF-8, else Shift_JIS);
+  // "utf-8" or "shift_jis" forces one.
+  void setCharset(const std::string& charset) { charset_ = charset; }
+
+  // Reads the notes of `track` (format 0: its one track) on `channel` (-1:
+  // every channel) into the manager's note list, on its current layer;
+  // tempo changes join the list and the time signatures found go to
+  // *timeSignatures in the time-signature text form. Returns the notes
+  // made, or -1 with error() saying why (a wrong header, a track past the
+  // file's end, a truncated event, format 2); nothing is kept then.
+  int32_t importMIDIFile(const char* path, int32_t track, int32_t channel, CNoteMan* man,
+                         std::string* timeSignatures);
+  // Writes every sounding note as a format-1 file of 480 ticks per quarter:
+  // a conductor track with the tempos, a track of notes with their lyrics
+  // (UTF-8). False when the file cannot be written.
+  bool writeSMFFile(const char* path, CNoteMan* man);
+
+  // Each track as "Track%02d: NAME (N notes, lyrics)" and each channel of
+  // a track as "ch%02d:(%d notes)"; empty with error() on a bad file.
+  std::vector<std::string> getTrackList(const char* path);
+  std::vector<std::string> getChannelList(const char* path, int32_t track);
+
+  const std::string& error() const { return error_; }
+  // Lines worth a warning from the last import (absurd tempos clamped).
+  const std::vector<std::string>& warnings() const { return warnings_; }
+  int32_t format() const { return format_; }
+  int32_t division() const { return division_; }
+  int32_t trackCount() const { return tracks_; }
+
+ private:
+  std::string charset_;
+  std::string error_;
+  std::vector<std::string> warnings_;
+  int32_t format_ = 0;
+  int32_t division_ = 480;
+  int32_t tracks_ = 0;
+};

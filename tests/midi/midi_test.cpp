@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "editing/noteman.h"
+#include "editing/scaleman.h"
+#include "midi/midifile.h"
+#include "midi/midiman.h"
+#include "tests/testutil.h"
+
+namespace {
+
+// Bytes of a MIDI file, built in the tests.
+std::string be16(int v) { return {static_cast<char>(v >> 8), static_cast<char>(v)}; }
+std::string be32(uint32_t v) {
+  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)};
+}
+std::string header(int format, int tracks, int division) {
+  return "MThd" + be32(6) + be16(format) + be16(tracks) + be16(division);
+}
+std::string chunk(const std::string& events) { return "MTrk" + be32(static_cast<uint32_t>(events.size())) + events; }
+std::string meta(int type, const std::string& text) {
+  return std::string("\xff") + static_cast<char>(type) + static_cast<char>(text.size()) + text;
+}
+std::string on(int channel, int key, int velocity) {
+  return {static_cast<char>(0x90 | channel), static_cast<char>(key), static_cast<char>(velocity)};
+}
+std::string off(int channel, int key) { return {static_cast<char>(0x80 | channel), static_cast<char>(key), 0x40}; }
+const std::string kEnd = std::string("\x00\xff\x2f\x00", 4);
+std::string d(int delta) {  // a delta time (below 16384)
+  return delta < 128 ? std::string(1, static_cast<char>(delta))
+                     : std::string{static_cast<char>(0x80 | (delta >> 7)), static_cast<char>(delta & 0x7F)};
+}
+
+class Midi : public ::testing::Test {
+ protected:
+  std::string file(const std::string& bytes) {
+    const std::string path = dir_.file("song" + std::to_string(++count_) + ".mid");
+    writeFile(path, bytes);
+    return path;
+  }
+  // Notes as "lyric@start:length/key i=intensity" of an imported file.
+  std::string import(const std::string& path, int track, int channel = -1, std::string* signatures = nullptr) {
+    CScaleMan scale;
+    CNoteMan man(&scale);
+    std::string text;
+    const int32_t made = midi_.importMIDIFile(path.c_str(), track, channel, &man, signatures ? signatures : &text);
+    if (made < 0) return "error: " + midi_.error();
+    tempo_ = man.engine()->tempo;
+    std::string out;
+    for (int i = 0; i < man.noteCount(); ++i) {
+      const NoteData& n = *man.getNote(i);
+      if (n.Tempo > 0.0f && ctonm2::is_r(n.Lyric)) {
+        out += "T" + std::to_string(static_cast<int>(n.Tempo)) + "@" + std::to_string(man.getPosition(i)) + " ";
+        continue;
+      }
+      out += std::string(n.Lyric) + "@" + std::to_string(man.getPosition(i)) + ":" + std::to_string(n.Length) + "/" +
+             std::to_string(n.NoteNum) + " ";
+    }
+    return out;
+  }
+  TempDir dir_;
+  CMIDIMan midi_;
+  int count_ = 0;
+  float tempo_ = 0.0f;
+};
+
+}  // namespace
+
+TEST(MidiFile, HeaderEventsAndVariableLengths) {
+  TempDir dir;
+  const std::string path = dir.file("t.mid");
+  // Division 0xE728: -25 frames of 40 ticks: 500 per quarter at 120 BPM.
+  writeFile(path, header(1, 1, 0xE728) + std::string("\x00\xff\x01\x00", 4) +  // a meta event of length 0
+                      std::string("\x81\x00\x90\x3c\x64", 5) +                  // delta 128, note-on
+                      std::string("\x00\x3e\x50", 3) +                           // running status
+                      std::string("\x00\xff\x05\x02", 4) + "la" + std::string("\x00\x40", 2));  // data byte after a meta event
+  CMIDIReader in(path.c_str());
+  ASSERT_EQ(in.readHeader(), 1);
+  EXPECT_EQ(in.division(), 500);
+  EXPECT_TRUE(in.timeCode());
+  MIDIMessage message;
+  EXPECT_EQ(in.readMessage(&message), 0xFF);
+  EXPECT_EQ(message.size, 0);
+  EXPECT_EQ(in.readMessage(&message), 0x90);
+  EXPECT_EQ(message.delta, 128);
+  EXPECT_EQ(in.readMessage(&message), 0x90);  // running status
+  EXPECT_EQ(message.data1, 0x3E);
+  EXPECT_EQ(in.readMessage(&message), 0xFF);
+  EXPECT_STREQ(reinterpret_cast<const char*>(message.data), "la");
+  EXPECT_EQ(in.readMessage(&message), 0);  // no running status after a meta event
+  EXPECT_EQ(in.readMessage(&message), 0);  // past the end: zeros
+  EXPECT_EQ(message.delta, 0);
+
+  CMIDIWriter out(dir.file("o.mid").c_str());
+  for (int32_t value : {0x0FFFFFFF, 0, 128}) out.writeDeltaTime(value);
+  out.write2ByteNumberR(-5);
+  out.write2ByteNumberR(300);
+  out.write3ByteNumber(500000);
+  ASSERT_TRUE(out.close());
+  EXPECT_EQ(readFile(dir.file("o.mid")), std::string("\xff\xff\xff\x7f\x00\x81\x00\x00\x00\x2c\x02\x07\xa1\x20", 14));
+  EXPECT_EQ(CMIDIReader(dir.file("absent.mid").c_str()).readHeader(), 0);
+}
+
+TEST_F(Midi, FormatZeroAndOneWithTemposSignaturesAndLyrics) {
+  // Format 0: one track with everything, 240 ticks per quarter.
+  const std::string zero = header(0, 1, 240) +
+                           chunk(std::string("\x00", 1) + meta(0x51, be32(500000).substr(1)) + d(0) +
+                                 meta(0x05, "\xe3\x81\x8b") + d(0) + on(0, 60, 100) + d(240) + off(0, 60) + d(0) +
+                                 on(0, 62, 100) + d(120) + on(0, 62, 0) + d(0) + meta(0x51, be32(400000).substr(1)) +
+                                 d(0) + meta(0x05, "\xe3\x81\x95") + d(0) + on(0, 64, 120) + d(480) + off(0, 64) + kEnd);
+  EXPECT_EQ(import(file(zero), 5), "\xe3\x81\x8b@0:480/60 \xe3\x81\x82@480:240/62 T150@720 \xe3\x81\x95@720:960/64 ");
+  EXPECT_EQ(tempo_, 120.0f);
+
+  // Format 1: a conductor track with a name and time signatures (3/4
+  // for two measures, then 4/4), notes on two channels in track 1, Shift_JIS lyrics.
+  const std::string one =
+      header(1, 2, 480) +
+      chunk(std::string("\x00", 1) + meta(0x03, "song") + d(0) + meta(0x58, std::string("\x03\x02\x18\x08", 4)) +
+            d(2880) + meta(0x58, std::string("\x04\x02\x18\x08", 4)) + kEnd) +
+      chunk(std::string("\x00", 1) + meta(0x05, "\x82\xa9") + d(0) + on(0, 60, 100) + d(0) + on(1, 67, 100) + d(480) +
+            off(0, 60) + d(0) + off(1, 67) + kEnd);
+  std::string signatures;
+  EXPECT_EQ(import(file(one), 1, -1, &signatures), "\xe3\x81\x8b@0:480/60 \xe3\x81\x82@0:480/67 ");
+  // 2880 ticks at the measure length of 4 x 480 / 3 x 4 = 2560: one measure, as it has always been taken.
+  EXPECT_EQ(signatures, "(3/4/1),(4/4/0),");
+  EXPECT_EQ(import(file(one), 1, 1), "\xe3\x81\x8b@0:480/67 ");  // channel 1 only
+}
+
+TEST_F(Midi, WhatRealFilesDo) {
+  // Text events as lyrics, a melisma mark, two lyrics on one tick, a
+  // note-on that ends the same key's earlier note, an absurd tempo.
+  const std::string path = file(
+      header(1, 1, 480) +
+      chunk(std::string("\x00", 1) + meta(0x51, std::string("\x00\x00\x10", 3)) + d(0) + meta(0x01, "x") + d(0) +
+            meta(0x01, "\xe3\x81\x8b") + d(0) + on(0, 60, 100) + d(240) + meta(0x01, "-") + d(0) + on(0, 60, 100) +
+            d(240) + off(0, 60) + kEnd));
+  EXPECT_EQ(import(path, 0), "\xe3\x81\x8b@0:240/60 \xe3\x81\x82@240:240/60 ");
+  EXPECT_EQ(tempo_, 1000.0f);  // 3,750,000 BPM clamped
+  ASSERT_EQ(midi_.warnings().size(), 1u);
+  EXPECT_NE(midi_.warnings()[0].find("outside 10..1000 BPM"), std::string::npos);
+}
+
+TEST_F(Midi, BadFilesEndTheImportWithAReason) {
+  const std::string good = chunk(d(0) + on(0, 60, 100) + d(10) + off(0, 60) + kEnd);
+  for (const auto& [bytes, reason] : std::vector<std::pair<std::string, std::string>>{
+           {"RIFF" + std::string(20, '\0'), "no MThd"},
+           {header(1, 1, 480) + "MTrk" + be32(1000) + d(0), "past the end of the file"},
+           {header(1, 1, 480) + chunk(d(0) + std::string("\x90\x3c", 2)), "runs past the end of its track"},
+           {header(2, 1, 480) + good, "format 2"},
+           {header(1, 1, 0) + good, "division of 0"},
+           {header(1, 0, 480), "no track"}}) {
+    EXPECT_NE(import(file(bytes), 0).find(reason), std::string::npos) << reason << ": " << midi_.error();
+  }
+  // A huge meta length is cut to the file.
+  const std::string huge = header(1, 1, 480) + chunk(d(0) + std::string("\xff\x05\x8f\xff\xff\x7f", 6) + "la");
+  EXPECT_EQ(import(file(huge), 0).rfind("error", 0), 0u);
+}
+
+TEST_F(Midi, ExportedAndImportedAgain) {
+  CScaleMan scale;
+  CNoteMan man(&scale);
+  man.engine()->tempo = 100.0f;
+  man.insertNotePosition(0, 480, 60, "\xe3\x81\x8b");
+  man.insertNotePosition(480, 240, 64, "\xe3\x81\x95");
+  man.insertNotePosition(960, 960, 67, "\xe3\x82\x89");
+  man.getNote(1)->Tempo = 150.0f;
+  man.getNote(2)->Intensity = 50;
+  const std::string path = dir_.file("out.mid");
+  ASSERT_TRUE(midi_.writeSMFFile(path.c_str(), &man));
+  EXPECT_EQ(import(path, 1), "\xe3\x81\x8b@0:480/60 T150@480 \xe3\x81\x95@480:240/64 \xe3\x82\x89@960:960/67 ");
+  EXPECT_EQ(tempo_, 100.0f);
+  const std::vector<std::string> tracks = midi_.getTrackList(path.c_str());
+  ASSERT_EQ(tracks.size(), 2u);
+  EXPECT_EQ(tracks[1], "Track01:  (3 notes, lyrics)");
+  EXPECT_EQ(midi_.getChannelList(path.c_str(), 1), std::vector<std::string>{"ch00:(3 notes)"});
+  // Intensity goes out as a velocity and comes back within the rounding.
+  CScaleMan scale2;
+  CNoteMan back(&scale2);
+  std::string signatures;
+  ASSERT_EQ(midi_.importMIDIFile(path.c_str(), 1, -1, &back, &signatures), 3);
+  EXPECT_NEAR(back.getNote(back.noteCount() - 1)->Intensity, 50, 2);
+}
