@@ -1,0 +1,37 @@
+// Importing a long melody from a MIDI file: 10,000 notes with lyrics and
+// 100 tempo changes, made by the exporter.
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+#include "editing/noteman.h"
+#include "editing/scaleman.h"
+#include "midi/midiman.h"
+#include "tests/testutil.h"
+
+namespace {
+
+void BM_ImportMidi10000Notes(benchmark::State& state) {
+  TempDir dir;
+  const std::string path = dir.file("long.mid");
+  {
+    CScaleMan scale;
+    CNoteMan man(&scale);
+    for (int i = 0; i < 10000; ++i) {
+      man.insertNotePosition(static_cast<int64_t>(i) * 240, 240, 55 + i % 12, i % 2 ? "\xe3\x81\x8b" : "\xe3\x81\x95");
+      if (i % 100 == 50) man.getNote(man.noteCount() - 1)->Tempo = static_cast<float>(100 + i % 40);
+    }
+    CMIDIMan midi;
+    if (!midi.writeSMFFile(path.c_str(), &man)) state.SkipWithError("cannot write the file");
+  }
+  for (auto _ : state) {
+    CScaleMan scale;
+    CNoteMan man(&scale);
+    CMIDIMan midi;
+    std::string signatures;
+    benchmark::DoNotOptimize(midi.importMIDIFile(path.c_str(), 1, -1, &man, &signatures));
+  }
+}
+BENCHMARK(BM_ImportMidi10000Notes)->Unit(benchmark::kMillisecond);
+
+}  // namespace

@@ -1,0 +1,39 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/testutil.h"
+
+TEST(ExchangeCommands, ExportThenImportKeepsTheSong) {
+  FakeHome home;
+  TempDir dir;
+  const std::string demo = TONA_SOURCE_DIR "/demo/song.snt";
+  const std::string mid = dir.file("song.mid"), back = dir.file("back.snt");
+  ASSERT_EQ(runTona({"export", demo, "-o", mid}).status, 0);
+  RunResult list = runTona({"import", mid, "--list"});
+  ASSERT_EQ(list.status, 0) << list.err;
+  EXPECT_NE(list.out.find("Track01:  (50 notes, lyrics)\n    ch00:(50 notes)\n"), std::string::npos) << list.out;
+  RunResult imported = runTona({"import", mid, "-o", back, "--voice-dir", "voicebank"});
+  ASSERT_EQ(imported.status, 0) << imported.err;
+  EXPECT_NE(imported.err.find("imported 50 notes from track 1"), std::string::npos) << imported.err;
+  // The same notes and song length as the project exported.
+  const RunResult before = runTona({"info", demo}), after = runTona({"info", back});
+  EXPECT_NE(after.out.find("notes:           50\n"), std::string::npos) << after.out;
+  const auto lengthLine = [](const std::string& out) { return out.substr(out.rfind("length:")); };
+  EXPECT_EQ(lengthLine(after.out), lengthLine(before.out));
+}
+
+TEST(ExchangeCommands, BadInputsSayWhy) {
+  FakeHome home;
+  TempDir dir;
+  writeFile(dir.file("not.mid"), "RIFF....WAVEfmt ");
+  RunResult bad = runTona({"import", dir.file("not.mid"), "-o", dir.file("o.snt")});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.err, "tona import: '" + dir.file("not.mid") + "': not a MIDI file (no MThd header); nothing written\n");
+  EXPECT_FALSE(fileExists(dir.file("o.snt")));
+  writeFile(dir.file("s.vsq"), "MThd");
+  EXPECT_NE(runTona({"import", dir.file("s.vsq"), "-o", dir.file("o.snt")}).err.find("not read yet"), std::string::npos);
+  EXPECT_EQ(runTona({"import", dir.file("not.mid"), "-o", dir.file("o.snt"), "--channel", "16"}).status, 2);
+  EXPECT_EQ(runTona({"import", dir.file("not.mid"), "-o", dir.file("o.snt"), "--charset", "latin1"}).status, 2);
+  EXPECT_EQ(runTona({"export", TONA_SOURCE_DIR "/demo/song.snt", "-o", dir.file("o.wav")}).status, 2);
+}
