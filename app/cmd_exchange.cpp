@@ -20,25 +20,28 @@
 #include "support/userdirs.h"
 
 const char kImportUsage[] =
-    "usage: tona import FILE.mid -o OUT.snt [--track N] [--channel C] [--list]\n"
+    "usage: tona import FILE.mid|FILE.vsq -o OUT.snt [--track N] [--channel C] [--list]\n"
     "                   [--voice-dir DIR] [--form 1.2|2.0] [--charset auto|utf-8|shift_jis]\n"
+    "                   [--phonemes]\n"
     "\n"
     "Makes a project of the notes of one track of a Standard MIDI file, with\n"
-    "their lyrics, the tempo changes and the time signatures.\n"
+    "their lyrics, the tempo changes and the time signatures; or of every\n"
+    "voice track of a VSQ sequence, each on a layer of its own.\n"
     "  --list         list the tracks (name, notes, lyrics) and their channels\n"
     "  --track N      the track to read (default: the first with notes)\n"
     "  --channel C    only the notes of channel C, 0..15 (default: every one)\n"
     "  --voice-dir    the voice bank the project sings with\n"
     "  --form         the project's form (default 2.0)\n"
     "  --charset      how lyrics are read (default auto: by their bytes)\n"
-    "VSQ sequences are not read yet.\n";
+    "  --phonemes     VSQ: take the lyrics from the phonemes\n";
 
 const char kExportUsage[] =
-    "usage: tona export PROJECT -o OUT.mid\n"
+    "usage: tona export PROJECT -o OUT.mid|OUT.vsq\n"
     "\n"
     "Writes the project's notes as a Standard MIDI file (format 1, 480 ticks\n"
-    "per quarter): a track of tempo changes and a track of notes with their\n"
-    "lyrics. VSQ sequences are not written yet.\n";
+    "per quarter: a track of tempo changes and a track of notes with their\n"
+    "lyrics), or as a VSQ sequence (a voice track per layer, with phonemes),\n"
+    "by the output's extension.\n";
 
 namespace {
 
@@ -52,8 +55,9 @@ bool endsWith(const std::string& text, const char* tail) {
 int runImport(int argc, char** argv) {
   const Command& command = *findCommand("import");
   std::string output, trackText, channelText, voiceDir, form, charsetText;
-  bool list = false;
+  bool list = false, phonemes = false;
   ArgParser parser(command);
+  parser.flag("--phonemes", &phonemes);
   parser.option("-o", &output);
   parser.option("--output", &output);
   parser.option("--track", &trackText);
@@ -74,12 +78,10 @@ int runImport(int argc, char** argv) {
   if (charsetText != "auto" && !parseCharset(charsetText, &charset)) {
     return usageError(command, "--charset is auto, utf-8 or shift_jis");
   }
-  if (endsWith(input, ".vsq")) {
-    fprintf(stderr, "tona import: VSQ sequences are not read yet; import its MIDI tracks from a .mid copy\n");
-    return kExitFailure;
-  }
+  const bool vsq = endsWith(input, ".vsq");
   CMIDIMan midi;
   midi.setCharset(charset);
+  midi.setUsePhoneme(phonemes);
   if (list) {
     const std::vector<std::string> tracks = midi.getTrackList(input.c_str());
     if (tracks.empty()) {
@@ -101,7 +103,7 @@ int runImport(int argc, char** argv) {
     fprintf(stderr, "tona import: %s\n", problem.c_str());
     return kExitUsage;
   }
-  if (track < 0) {
+  if (track < 0 && !vsq) {
     // The first track with notes, one with lyrics first.
     const std::vector<std::string> tracks = midi.getTrackList(input.c_str());
     for (int pass = 0; pass < 2 && track < 0; ++pass) {
@@ -116,15 +118,16 @@ int runImport(int argc, char** argv) {
   CScaleMan scale;
   CNoteMan manager(&scale);
   std::string signatures;
-  const int32_t notes = midi.importMIDIFile(input.c_str(), static_cast<int32_t>(track), static_cast<int32_t>(channel),
-                                            &manager, &signatures);
+  const int32_t notes = vsq ? midi.importVSQFile(input.c_str(), &manager)
+                            : midi.importMIDIFile(input.c_str(), static_cast<int32_t>(track),
+                                                  static_cast<int32_t>(channel), &manager, &signatures);
   if (notes < 0) {
     fprintf(stderr, "tona import: '%s': %s; nothing written\n", input.c_str(), midi.error().c_str());
     return kExitFailure;
   }
   for (const std::string& warning : midi.warnings()) fprintf(stderr, "warning: %s\n", warning.c_str());
   ctonm2& engine = *manager.engine();
-  scale.unserializeText(signatures.c_str());
+  if (!signatures.empty()) scale.unserializeText(signatures.c_str());
   if (!voiceDir.empty()) engine.set_voiceDir(voiceDir.c_str());
   engine.sntVersion = form == "1.2" ? 120 : 200;
   engine.set_charset("UTF-8");
@@ -135,7 +138,11 @@ int runImport(int argc, char** argv) {
     fprintf(stderr, "tona import: cannot write '%s': %s\n", output.c_str(), strerror(errno != 0 ? errno : EIO));
     return kExitFailure;
   }
-  fprintf(stderr, "imported %d notes from track %ld into '%s'\n", notes, track, output.c_str());
+  if (vsq) {
+    fprintf(stderr, "imported %d notes into '%s'\n", notes, output.c_str());
+  } else {
+    fprintf(stderr, "imported %d notes from track %ld into '%s'\n", notes, track, output.c_str());
+  }
   return kExitOk;
 }
 
@@ -149,11 +156,8 @@ int runExport(int argc, char** argv) {
   const int status = parser.parse(argc, argv, &args, 1, 1);
   if (status >= 0) return status;
   if (output.empty()) return usageError(command, "no output file given (-o OUT.mid)");
-  if (endsWith(output, ".vsq")) {
-    fprintf(stderr, "tona export: VSQ sequences are not written yet; write a .mid\n");
-    return kExitFailure;
-  }
-  const std::string problem = outputProblem(output, {args[0]}, {".mid", ".midi", ".smf"});
+  const bool vsq = endsWith(output, ".vsq");
+  const std::string problem = outputProblem(output, {args[0]}, {".mid", ".midi", ".smf", ".vsq"});
   if (!problem.empty()) {
     fprintf(stderr, "tona export: %s\n", problem.c_str());
     return kExitUsage;
@@ -164,7 +168,9 @@ int runExport(int argc, char** argv) {
   errno = 0;
   SafeOutput file(output);
   CMIDIMan midi;
-  if (file.path().empty() || !midi.writeSMFFile(file.path().c_str(), &manager) || !file.commit()) {
+  const bool written = !file.path().empty() && (vsq ? midi.writeVSQFile(file.path().c_str(), &manager)
+                                                    : midi.writeSMFFile(file.path().c_str(), &manager));
+  if (!written || !file.commit()) {
     fprintf(stderr, "tona export: cannot write '%s': %s\n", output.c_str(), strerror(errno != 0 ? errno : EIO));
     return kExitFailure;
   }

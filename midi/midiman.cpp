@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +11,7 @@
 
 #include "editing/noteman.h"
 #include "midi/midifile.h"
+#include "midi/vsqtable.h"
 #include "support/multibyte.h"
 #include "support/textcopy.h"
 #include "support/textfile.h"
@@ -439,5 +442,341 @@ bool CMIDIMan::writeSMFFile(const char* path, CNoteMan* man) {
       }
     }
   });
+  return out.close();
+}
+
+// --- VSQ ---------------------------------------------------------------------------
+
+namespace {
+
+constexpr int64_t kPreRoll = 1920;  // one 4/4 measure at 480 ticks per quarter
+
+std::string textf(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
+std::string textf(const char* pattern, ...) {
+  char buffer[512];
+  va_list args;
+  va_start(args, pattern);
+  vsnprintf(buffer, sizeof buffer, pattern, args);
+  va_end(args);
+  return buffer;
+}
+
+}  // namespace
+
+std::string lyricToPhon(const char* lyric) {
+  if (lyric == nullptr) return "a";
+  CMultiByte cm;
+  const char* converted = cm.sjisToUtf8(lyric);
+  const std::string text = converted != nullptr ? converted : "";
+  int count = 0;
+  const VsqSyllable* rows = vsqTable(&count);
+  for (int k = 0; k < count; ++k) {
+    if (text == rows[k].kana) return rows[k].phoneme;
+  }
+  return "a";
+}
+
+int32_t phonToLyric(char* text) {
+  if (text == nullptr) return 0;
+  int count = 0;
+  const VsqSyllable* rows = vsqTable(&count);
+  for (int k = 0; k < count; ++k) {
+    if (strcmp(text, rows[k].phoneme) == 0) {
+      strcpy_utf8_n(text, rows[k].kana, 32);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+int32_t transformLyric(char* lyric) {
+  static const char* const kVowels[6][2] = {{"a", "あ"}, {"e", "え"}, {"i", "い"}, {"o", "お"}, {"u", "う"}, {"n", "ん"}};
+  if (lyric == nullptr) return 0;
+  for (const auto& vowel : kVowels) {
+    if (strcmp(lyric, vowel[0]) == 0) {
+      strcpy_n(lyric, vowel[1], 32);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+void CMIDIMan::writeVSQTrack(CMIDIWriter& out, CNoteMan* man, int32_t layer, int32_t trackIndex, int32_t trackCount) {
+  ctonm2& engine = *man->engine();
+  out.writeUInt(midiTag("MTrk"));
+  const long lengthAt = out.curPos();
+  out.writeLong(0);
+  out.writeDeltaTime(0);
+  out.writeMetaText(0x03, textf("Voice%d", trackIndex).c_str());
+
+  std::string events, ids, handles;
+  int64_t position = kPreRoll;
+  int32_t number = 0;
+  CMultiByte cm;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    const NoteData& note = engine.notes[i];
+    position += note.Delta;
+    if (ctonm2::is_r(note.Lyric) || note.layer != layer) continue;
+    ++number;
+    const char* converted = cm.utf8ToSjis(note.Lyric);
+    const std::string lyric = converted != nullptr ? converted : "";
+    const std::string phoneme = lyricToPhon(lyric.c_str());
+    const int32_t dynamics =
+        std::clamp(static_cast<int32_t>(std::floor(std::sqrt(140.0 * note.Intensity + 280.0))) - 19, 0, 127);
+    events += textf("%lld=ID#%04d\n", static_cast<long long>(position), number);
+    ids += textf("[ID#%04d]\nType=Anote\nLength=%d\nNote#=%d\nDynamics=%d\nPMBendDepth=0\nPMBendLength=0\n"
+                  "PMbPortamentoUse=0\nDEMdecGainRate=0\nDEMaccent=0\nLyricHandle=h#%04d\n",
+                  number, note.Length, note.NoteNum, dynamics, number);
+    handles += "[h#" + textf("%04d", number) + "]\nL0=\"" + lyric + "\",\"" + phoneme + "\",0.000000,64,0,0\n";
+  }
+  const int64_t eos = position + (engine.noteCount > 0 ? engine.notes[engine.noteCount - 1].Length : 0);
+  std::string text = "[Common]\nVersion=DSB301\nName=Voice1\nColor=181,162,123\nDynamicsMode=1\nPlayMode=1\n";
+  if (trackIndex == 0) {
+    text += "[Master]\nPreMeasure=1\n[Mixer]\nMasterFeder=0\nMasterPanpot=0\nMasterMute=0\nOutputMode=0\nTracks=1\n";
+    for (int32_t t = 0; t < trackCount; ++t) text += textf("Feder%d=0\nPanpot%d=0\nMute%d=0\nSolo%d=0\n", t, t, t, t);
+  }
+  text += "[EventList]\n0=ID#0000\n" + events + textf("%lld=EOS\n", static_cast<long long>(eos));
+  text += "[ID#0000]\nType=Singer\nIconHandle=#h0000\n" + ids;
+  text += "[h#0000]\nIconID=$07010000\nIDS=Miku\nOriginal=0\nCaption=\nLength=1\nLanguage=0\nProgram=0\n" + handles;
+
+  // The text in events of at most 127 bytes: "DM:%04d:" and 119 of it.
+  for (size_t at = 0, counter = 0; at < text.size(); at += 119, ++counter) {
+    out.writeDeltaTime(0);
+    out.writeMetaText(0x01, (textf("DM:%04d:", static_cast<int>(counter)) + text.substr(at, 119)).c_str());
+  }
+  static const uint8_t kControllers[9][2] = {{99, 96}, {98, 0}, {6, 0}, {38, 0}, {98, 1}, {6, 0}, {99, 53}, {98, 2}, {6, 0}};
+  for (const auto& controller : kControllers) {
+    out.writeDeltaTime(0);
+    out.writeByte(0xB0);
+    out.writeByte(controller[0]);
+    out.writeByte(controller[1]);
+  }
+  out.writeDeltaTime(0);
+  out.writeByte(0xFF);
+  out.writeByte(0x2F);
+  out.writeByte(0x00);
+  const long end = out.curPos();
+  out.moveTo(lengthAt);
+  out.writeLong(static_cast<int32_t>(end - lengthAt - 4));
+  out.moveTo(end);
+}
+
+int32_t CMIDIMan::importVSQText(int32_t layer, const char* text, CNoteMan* man) {
+  if (text == nullptr || man == nullptr) return 0;
+  ctonm2& engine = *man->engine();
+  if (layer < 0) layer = std::max(man->targetLayer(), 0);
+  const std::string all = text;
+  const bool utf8 = charset_.empty() ? looksLikeUtf8(all.data(), all.size()) : charset_ == "utf-8";
+  CMultiByte cm;
+  enum class Section { kOther, kMaster, kEventList, kEvent, kHandle } section = Section::kOther;
+  int32_t inserted = 0, eventNote = -1, handleNote = -1, current = -1;
+  // The note whose placeholder lyric is `name`, from `from` on.
+  auto findNote = [&](const std::string& name, int32_t from) {
+    for (int32_t i = std::max(from, 0); i < engine.noteCount; ++i) {
+      if (engine.notes[i].layer == layer && name == engine.notes[i].Lyric) return i;
+    }
+    return -1;
+  };
+  size_t begin = 0;
+  while (begin < all.size()) {
+    size_t end = all.find('\n', begin);
+    if (end == std::string::npos) end = all.size();
+    std::string line = all.substr(begin, end - begin);
+    begin = end + 1;
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (!line.empty() && line[0] == '[') {
+      const std::string name = line.substr(1, line.find(']') == std::string::npos ? std::string::npos : line.find(']') - 1);
+      if (line.rfind("[Master]", 0) == 0) {
+        section = Section::kMaster;
+      } else if (line.rfind("[EventList]", 0) == 0) {
+        section = Section::kEventList;
+      } else if (line.rfind("[ID#", 0) == 0) {
+        section = Section::kEvent;
+        current = eventNote = findNote(name.substr(0, 15), eventNote);
+        if (current >= 0) {
+          NoteData& note = engine.notes[current];
+          note.Velocity = 100.0f;
+          note.PreUtterance = note.VoiceOverlap = NAN;
+          note.selected = 1;
+          note.layer = layer;
+        }
+      } else if (line.rfind("[h#", 0) == 0) {
+        section = Section::kHandle;
+        current = handleNote = findNote(name.substr(0, 15), handleNote);
+      } else {
+        section = Section::kOther;
+      }
+      continue;
+    }
+    const size_t equals = line.find('=');
+    if (equals == std::string::npos) continue;
+    const std::string key = line.substr(0, equals), value = line.substr(equals + 1);
+    if (section == Section::kMaster && key == "PreMeasure") {
+      preRoll_ = std::max(0L, atol(value.c_str())) * kPreRoll;
+    } else if (section == Section::kEventList) {
+      const long long tick = atoll(key.c_str());
+      if (tick <= 0 || value.empty() || value[0] == 'E') continue;
+      // The sequence begins after its pre-roll: positions count from there.
+      const int64_t position = std::max<int64_t>(tick - preRoll_, 0);
+      const int32_t slot = man->insertNotePosition(position, 120, 48, value.c_str());
+      if (slot >= 0) {
+        engine.notes[slot].layer = layer;
+        ++inserted;
+      }
+    } else if (section == Section::kEvent && current >= 0) {
+      NoteData& note = engine.notes[current];
+      if (key == "Length") {
+        note.Length = std::max(1, atoi(value.c_str()));
+      } else if (key == "Note#") {
+        note.NoteNum = static_cast<int16_t>(std::clamp(atoi(value.c_str()), 0, 127));
+      } else if (key == "Dynamics") {
+        const double d = atof(value.c_str());
+        note.Intensity = static_cast<int32_t>(std::floor((d + 20.0) * (d + 20.0) / 140.0 - 2.0));
+      } else if (key == "LyricHandle") {
+        strcpy_n(note.Lyric, value.c_str(), 32);
+      }
+    } else if (section == Section::kHandle && current >= 0 && key == "L0") {
+      // "lyric","phoneme",...
+      std::string lyric, phoneme;
+      const size_t q1 = value.find('"');
+      const size_t comma = value.find(',', q1 == std::string::npos ? 0 : q1);
+      if (q1 != std::string::npos && comma != std::string::npos && comma > q1 + 1) lyric = value.substr(q1 + 1, comma - q1 - 2);
+      const size_t q3 = comma == std::string::npos ? std::string::npos : value.find('"', comma);
+      const size_t comma2 = q3 == std::string::npos ? std::string::npos : value.find(',', q3);
+      if (q3 != std::string::npos && comma2 != std::string::npos && comma2 > q3 + 1) {
+        phoneme = value.substr(q3 + 1, comma2 - q3 - 2);
+      }
+      char converted[32];
+      if (utf8) {
+        strcpy_utf8_n(converted, validUtf8(lyric).c_str(), sizeof converted);
+      } else {
+        const char* text8 = cm.sjisToUtf8(lyric.c_str());
+        strcpy_utf8_n(converted, text8 != nullptr ? text8 : "", sizeof converted);
+      }
+      char fromPhoneme[32];
+      strcpy_n(fromPhoneme, phoneme.c_str(), sizeof fromPhoneme);
+      NoteData& note = engine.notes[current];
+      if (usePhoneme_) {
+        if (phonToLyric(fromPhoneme)) {
+          strcpy_n(note.Lyric, fromPhoneme, sizeof note.Lyric);
+        } else {
+          transformLyric(converted);
+          strcpy_n(note.Lyric, converted, sizeof note.Lyric);
+        }
+      } else if (converted[0] != '\0') {
+        transformLyric(converted);
+        strcpy_n(note.Lyric, converted, sizeof note.Lyric);
+      } else if (phonToLyric(fromPhoneme)) {
+        strcpy_n(note.Lyric, fromPhoneme, sizeof note.Lyric);
+      }
+    }
+  }
+  return inserted;
+}
+
+int32_t CMIDIMan::importVSQFile(const char* path, CNoteMan* man) {
+  error_.clear();
+  warnings_.clear();
+  std::vector<Track> tracks;
+  bool timeCode = false;
+  if (path == nullptr || man == nullptr ||
+      !parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) {
+    return -1;
+  }
+  // Each track's sequence text: its "DM:nnnn:" events joined in counter order.
+  std::vector<std::string> texts;
+  for (const Track& track : tracks) {
+    std::map<long, std::string> pieces;
+    for (const Event& event : track.events) {
+      if (event.status == 0xFF && event.data1 == 0x01 && event.text.rfind("DM:", 0) == 0 && event.text.size() >= 8) {
+        pieces[atol(event.text.c_str() + 3)] += event.text.substr(8);
+      }
+    }
+    std::string joined;
+    for (const auto& piece : pieces) joined += piece.second;
+    texts.push_back(joined);
+  }
+  preRoll_ = 0;  // until the first track's [Master] says
+  int32_t layer = 0, notes = 0;
+  for (const std::string& text : texts) {
+    if (text.empty()) continue;
+    if (layer >= ctonm2::kLayerCount) break;
+    notes += importVSQText(layer++, text.c_str(), man);
+  }
+  if (layer == 0) {
+    error_ = "no VSQ sequence in the file (no DM: text events)";
+    return -1;
+  }
+  // The master track's tempos, after the pre-roll.
+  ctonm2& engine = *man->engine();
+  for (const Event& event : tracks[0].events) {
+    if (event.status != 0xFF || event.data1 != 0x51 || event.text.size() < 3) continue;
+    const uint8_t* b = reinterpret_cast<const uint8_t*>(event.text.data());
+    const int64_t micros = (int64_t(b[0]) << 16) | (int64_t(b[1]) << 8) | b[2];
+    if (micros <= 0) continue;
+    const float bpm = static_cast<float>(std::clamp(std::round(60000000.0 / micros * 100.0) / 100.0, 10.0, 1000.0));
+    const int64_t at = std::max<int64_t>(event.tick * 480 / division_ - preRoll_, 0);
+    if (at == 0) {
+      engine.tempo = bpm;
+      continue;
+    }
+    NoteData rest;
+    memset(&rest, 0, sizeof rest);
+    rest.Tempo = bpm;
+    rest.NoteNum = 48;
+    rest.Velocity = 100.0f;
+    ctonm2::default_env(rest.Envelope);
+    if (man->insertNotePosition(at, &rest) < 0) ctonm2::note_clear(&rest);
+  }
+  preRoll_ = 0;  // the pre-roll was this file's
+  return notes;
+}
+
+bool CMIDIMan::writeVSQFile(const char* path, CNoteMan* man) {
+  CMIDIWriter out;
+  if (path == nullptr || man == nullptr || !out.open(path)) return false;
+  ctonm2& engine = *man->engine();
+  std::vector<int32_t> layers;
+  for (int32_t layer = 0; layer < ctonm2::kLayerCount; ++layer) {
+    for (int32_t i = 0; i < engine.noteCount; ++i) {
+      if (engine.notes[i].layer == layer && !ctonm2::is_r(engine.notes[i].Lyric)) {
+        layers.push_back(layer);
+        break;
+      }
+    }
+  }
+  out.writeHeader(1, static_cast<int32_t>(layers.size()) + 1, 480);
+  // The master track: name, 4/4, the song's tempo and its changes.
+  out.writeUInt(midiTag("MTrk"));
+  const long lengthAt = out.curPos();
+  out.writeLong(0);
+  out.writeDeltaTime(0);
+  out.writeMetaText(0x03, "Master Track");
+  out.writeDeltaTime(0);
+  out.writeBytes("\xff\x58\x04\x04\x02\x18\x08", 7);
+  auto tempo = [&](int32_t delta, float bpm) {
+    out.writeDeltaTime(delta);
+    out.writeByte(0xFF);
+    out.writeByte(0x51);
+    out.writeByte(0x03);
+    out.write3ByteNumber(static_cast<int32_t>(std::lround(60000000.0 / (bpm > 0.0f ? bpm : 120.0f))));
+  };
+  tempo(0, engine.tempo);
+  int64_t position = kPreRoll, last = 0;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    position += engine.notes[i].Delta;
+    if (engine.notes[i].Tempo <= 0.0f) continue;
+    tempo(static_cast<int32_t>(position - last), engine.notes[i].Tempo);
+    last = position;
+  }
+  out.writeDeltaTime(0);
+  out.writeBytes("\xff\x2f\x00", 3);
+  const long end = out.curPos();
+  out.moveTo(lengthAt);
+  out.writeLong(static_cast<int32_t>(end - lengthAt - 4));
+  out.moveTo(end);
+  for (size_t k = 0; k < layers.size(); ++k) {
+    writeVSQTrack(out, man, layers[k], static_cast<int32_t>(k), static_cast<int32_t>(layers.size()));
+  }
   return out.close();
 }

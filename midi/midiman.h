@@ -1,9 +1,10 @@
 // CMIDIMan: melodies between the note list and Standard MIDI files.
 //
-// Import reads the notes of one track (and channel) with their lyrics, the
-// tempo changes and the time signatures; export writes a conductor track
-// with the tempos and one track of notes with their lyrics. VSQ sequences
-// are not read or written here yet.
+// Plain MIDI: import reads the notes of one track (and channel) with their
+// lyrics, the tempo changes and the time signatures; export writes a
+// conductor track with the tempos and one track of notes with their
+// lyrics. VSQ sequences (MIDI files whose text events carry the sequence as
+// an INI-style text, with phonemes) are read and written as well.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +12,17 @@
 #include <vector>
 
 class CNoteMan;
+class CMIDIWriter;
+
+// The phonemes of a Shift_JIS lyric from the kana/phoneme table; "a" when
+// the lyric is not in it.
+std::string lyricToPhon(const char* lyric);
+// Replaces a phoneme text (room for 32 bytes) by its kana in UTF-8;
+// 1 when found, else 0 and the text unchanged.
+int32_t phonToLyric(char* text);
+// "a", "e", "i", "o", "u" or "n" become あ, え, い, お, う or ん (room for
+// 32 bytes); 1 when changed.
+int32_t transformLyric(char* lyric);
 
 class CMIDIMan {
  public:
@@ -37,6 +49,22 @@ class CMIDIMan {
   std::vector<std::string> getTrackList(const char* path);
   std::vector<std::string> getChannelList(const char* path, int32_t track);
 
+  // --- VSQ -----------------------------------------------------------------------
+  // One voice track of a layer's notes: the sequence text in "DM:" text
+  // events after 1920 ticks of pre-roll, then the controller tail.
+  void writeVSQTrack(CMIDIWriter& out, CNoteMan* man, int32_t layer, int32_t trackIndex, int32_t trackCount);
+  // Reads one track's sequence text into `layer` (-1: the manager's
+  // current layer); returns the notes inserted.
+  int32_t importVSQText(int32_t layer, const char* text, CNoteMan* man);
+  // Every voice track of a VSQ file, each on a layer of its own (from 0);
+  // returns the notes, -1 with error() on a bad file.
+  int32_t importVSQFile(const char* path, CNoteMan* man);
+  // A master track with the tempos, then one voice track per layer that
+  // holds notes. False when the file cannot be written.
+  bool writeVSQFile(const char* path, CNoteMan* man);
+  // Read lyrics from the phonemes rather than the lyric texts.
+  void setUsePhoneme(bool use) { usePhoneme_ = use; }
+
   const std::string& error() const { return error_; }
   // Lines worth a warning from the last import (absurd tempos clamped).
   const std::vector<std::string>& warnings() const { return warnings_; }
@@ -45,6 +73,8 @@ class CMIDIMan {
   int32_t trackCount() const { return tracks_; }
 
  private:
+  bool usePhoneme_ = false;
+  int64_t preRoll_ = 0;  // ticks before a VSQ sequence begins (its [Master] PreMeasure)
   std::string charset_;
   std::string error_;
   std::vector<std::string> warnings_;

@@ -9,6 +9,7 @@
 #include "editing/scaleman.h"
 #include "midi/midifile.h"
 #include "midi/midiman.h"
+#include "midi/vsqtable.h"
 #include "tests/testutil.h"
 
 namespace {
@@ -183,4 +184,100 @@ TEST_F(Midi, ExportedAndImportedAgain) {
   std::string signatures;
   ASSERT_EQ(midi_.importMIDIFile(path.c_str(), 1, -1, &back, &signatures), 3);
   EXPECT_NEAR(back.getNote(back.noteCount() - 1)->Intensity, 50, 2);
+}
+
+TEST(Vsq, KanaPhonemeTableAndLyricConversions) {
+  int count = 0;
+  const VsqSyllable* rows = vsqTable(&count);
+  EXPECT_EQ(count, 147);
+  EXPECT_STREQ(rows[1].phoneme, "h\\ a");
+  EXPECT_EQ(lyricToPhon("\x82\xa9"), "k a");     // か in Shift_JIS
+  EXPECT_EQ(lyricToPhon("\x82\xf1"), "N");       // ん: the first of four
+  EXPECT_EQ(lyricToPhon("\x82\xe7"), "4 a");     // ら
+  EXPECT_EQ(lyricToPhon("\x8a\xbf"), "a");       // 漢: not in the table
+  char text[32] = "tS i";
+  EXPECT_EQ(phonToLyric(text), 1);
+  EXPECT_STREQ(text, "\xe3\x81\xa1");  // ち
+  char unknown[32] = "zz";
+  EXPECT_EQ(phonToLyric(unknown), 0);
+  EXPECT_STREQ(unknown, "zz");
+  char vowel[32] = "o", other[32] = "ka";
+  EXPECT_EQ(transformLyric(vowel), 1);
+  EXPECT_STREQ(vowel, "\xe3\x81\x8a");
+  EXPECT_EQ(transformLyric(other), 0);
+}
+
+TEST_F(Midi, VsqTracksAndTheirWayBack) {
+  CScaleMan scale;
+  CNoteMan man(&scale);
+  man.insertNotePosition(0, 480, 60, "\xe3\x81\x8b");       // layer 0
+  man.insertNotePosition(480, 480, 62, "R");
+  man.insertNotePosition(960, 480, 64, "\xe3\x81\xa1");     // layer 1, below
+  man.insertNotePosition(1440, 240, 65, "\xe6\xbc\xa2");    // 漢: phoneme a
+  man.getNote(2)->layer = 1;
+  man.getNote(0)->Intensity = 0;
+  man.getNote(3)->Intensity = 200;
+  const std::string path = dir_.file("out.vsq");
+  ASSERT_TRUE(midi_.writeVSQFile(path.c_str(), &man));
+
+  // The voice track of layer 0: its sequence text in events of at most
+  // 127 bytes, numbered in order.
+  CMIDIReader in(path.c_str());
+  ASSERT_EQ(in.readHeader(), 1);
+  EXPECT_EQ(in.tracks(), 3);
+  in.moveTo(14);
+  in.readInt2();
+  const int32_t masterLength = in.readInt();
+  in.moveTo(in.curPos() + masterLength);  // past the master track
+  in.readInt2();
+  const int32_t voiceLength = in.readInt();
+  const long end = in.curPos() + voiceLength;
+  std::string text;
+  MIDIMessage message;
+  int pieces = 0;
+  while (in.curPos() < end && in.readMessage(&message) != 0) {
+    if (message.status != 0xFF || message.data1 != 0x01) continue;
+    const std::string piece(reinterpret_cast<const char*>(message.data), static_cast<size_t>(message.size));
+    EXPECT_LE(piece.size(), 127u);
+    char counter[16];
+    snprintf(counter, sizeof counter, "DM:%04d:", pieces++);
+    EXPECT_EQ(piece.substr(0, 8), counter);
+    text += piece.substr(8);
+  }
+  EXPECT_GT(pieces, 1);
+  EXPECT_EQ(text.rfind("[Common]\nVersion=DSB301\n", 0), 0u);
+  // Rests and the other layer still move the position on: 1920 of pre-roll.
+  EXPECT_NE(text.find("[EventList]\n0=ID#0000\n1920=ID#0001\n3360=ID#0002\n3600=EOS\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("Length=480\nNote#=60\nDynamics=0\n"), std::string::npos);
+  EXPECT_NE(text.find("Length=240\nNote#=65\nDynamics=127\n"), std::string::npos);  // 149 by the formula, kept to 0..127
+  EXPECT_NE(text.find("[h#0001]\nL0=\"\x82\xa9\",\"k a\",0.000000,64,0,0\n"), std::string::npos);
+  EXPECT_NE(text.find("L0=\"\x8a\xbf\",\"a\""), std::string::npos);
+
+  // Back: every layer's notes where they were.
+  EXPECT_EQ(import(path, 0), "");  // it is no plain MIDI note track
+  CScaleMan scale2;
+  CNoteMan back(&scale2);
+  ASSERT_EQ(midi_.importVSQFile(path.c_str(), &back), 3);
+  std::string notes;
+  for (int i = 0; i < back.noteCount(); ++i) {
+    const NoteData& n = *back.getNote(i);
+    notes += std::string(n.Lyric) + "@" + std::to_string(back.getPosition(i)) + ":" + std::to_string(n.Length) + "/" +
+             std::to_string(n.NoteNum) + "L" + std::to_string(n.layer) + " ";
+  }
+  EXPECT_EQ(notes, "\xe3\x81\x8b@0:480/60L0 \xe3\x81\xa1@960:480/64L1 \xe6\xbc\xa2@1440:240/65L0 ");
+  EXPECT_NEAR(back.getNote(0)->Intensity, 0, 2);
+
+  // Lyrics from phonemes when asked, or when the lyric text is empty.
+  CScaleMan scale3;
+  CNoteMan third(&scale3);
+  midi_.setUsePhoneme(true);
+  const char sequence[] =
+      "[EventList]\n480=ID#0001\n960=ID#0002\n[ID#0001]\nLength=240\nNote#=61\nDynamics=64\nLyricHandle=h#0001\n"
+      "[ID#0002]\nLength=240\nNote#=62\nLyricHandle=h#0002\n[h#0001]\nL0=\"x\",\"s a\",0.000000,64,0,0\n"
+      "[h#0002]\nL0=\"u\",\"??\",0.000000,64,0,0\n";
+  EXPECT_EQ(midi_.importVSQText(2, sequence, &third), 2);
+  EXPECT_STREQ(third.getNote(0)->Lyric, "\xe3\x81\x95");  // さ from "s a"
+  EXPECT_STREQ(third.getNote(1)->Lyric, "\xe3\x81\x86");  // う from "u": the phoneme is unknown
+  EXPECT_EQ(third.getNote(0)->layer, 2);
+  EXPECT_EQ(third.getNote(0)->Intensity, static_cast<int>(std::floor(84.0 * 84.0 / 140.0 - 2.0)));
 }
