@@ -463,6 +463,14 @@ std::string textf(const char* pattern, ...) {
 
 }  // namespace
 
+std::vector<std::string> vsqTextEvents(const std::string& text) {
+  std::vector<std::string> events;
+  for (size_t at = 0, counter = 0; at < text.size(); at += 119, ++counter) {
+    events.push_back(textf("DM:%04d:", static_cast<int>(counter)) + text.substr(at, 119));
+  }
+  return events;
+}
+
 std::string lyricToPhon(const char* lyric) {
   if (lyric == nullptr) return "a";
   CMultiByte cm;
@@ -539,10 +547,9 @@ void CMIDIMan::writeVSQTrack(CMIDIWriter& out, CNoteMan* man, int32_t layer, int
   text += "[ID#0000]\nType=Singer\nIconHandle=#h0000\n" + ids;
   text += "[h#0000]\nIconID=$07010000\nIDS=Miku\nOriginal=0\nCaption=\nLength=1\nLanguage=0\nProgram=0\n" + handles;
 
-  // The text in events of at most 127 bytes: "DM:%04d:" and 119 of it.
-  for (size_t at = 0, counter = 0; at < text.size(); at += 119, ++counter) {
+  for (const std::string& event : vsqTextEvents(text)) {
     out.writeDeltaTime(0);
-    out.writeMetaText(0x01, (textf("DM:%04d:", static_cast<int>(counter)) + text.substr(at, 119)).c_str());
+    out.writeMetaText(0x01, event.c_str());
   }
   static const uint8_t kControllers[9][2] = {{99, 96}, {98, 0}, {6, 0}, {38, 0}, {98, 1}, {6, 0}, {99, 53}, {98, 2}, {6, 0}};
   for (const auto& controller : kControllers) {

@@ -20,6 +20,9 @@ std::string lyricToPhon(const char* lyric);
 // Replaces a phoneme text (room for 32 bytes) by its kana in UTF-8;
 // 1 when found, else 0 and the text unchanged.
 int32_t phonToLyric(char* text);
+// A sequence text as the VSQ text events carry it: "DM:%04d:" and the next
+// 119 bytes each, so that none is longer than 127 bytes.
+std::vector<std::string> vsqTextEvents(const std::string& text);
 // "a", "e", "i", "o", "u" or "n" become あ, え, い, お, う or ん (room for
 // 32 bytes); 1 when changed.
 int32_t transformLyric(char* lyric);

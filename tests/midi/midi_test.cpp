@@ -201,6 +201,10 @@ TEST(Vsq, KanaPhonemeTableAndLyricConversions) {
   char unknown[32] = "zz";
   EXPECT_EQ(phonToLyric(unknown), 0);
   EXPECT_STREQ(unknown, "zz");
+  // 119 bytes make one text event, 120 two.
+  EXPECT_EQ(vsqTextEvents(std::string(119, 'x')), std::vector<std::string>{"DM:0000:" + std::string(119, 'x')});
+  EXPECT_EQ(vsqTextEvents(std::string(120, 'x')),
+            (std::vector<std::string>{"DM:0000:" + std::string(119, 'x'), "DM:0001:x"}));
   char vowel[32] = "o", other[32] = "ka";
   EXPECT_EQ(transformLyric(vowel), 1);
   EXPECT_STREQ(vowel, "\xe3\x81\x8a");
