@@ -352,3 +352,21 @@ TEST(VoiceSetEntries, SavedTableReadsBack) {
   EXPECT_EQ(back.getVoiceEntry(0)->blank, -30.0f);
   EXPECT_EQ(set.wrtie_otoinitxt("/nonexistent/dir/oto_ini.txt"), 0);
 }
+
+TEST(LookupOrder, FallbackWithTheSuffixComesBeforeThePrefixWithoutIt) {
+  // After "か" at C5 (suffix "_H"): "a し_H" is missing; "* し_H" (the
+  // fallback prefix with the suffix) is tried before "a し" (the prefix
+  // without the suffix), and "a し" before the plain lyric.
+  TestBank bank;
+  bank.write("oto.ini", "#Charset:UTF-8\nfall_high.wav=* し_H,1,1,1,1,1\na_shi.wav=a し,1,1,1,1,1\nshi.wav=し,1,1,1,1,1\n");
+  bank.write("prefix.map", "Charset:UTF-8\nC5\t\t_H\n");
+  cvoiceset set;
+  ASSERT_GT(set.read_voiceset(bank.path().c_str()), 0);
+  installConnectiveRules(&set);
+  EXPECT_STREQ(set.get_voicedata("か", "し", 72)->filename, "fall_high.wav");
+  EXPECT_STREQ(set.get_voicedata("か", "し", 60)->filename, "a_shi.wav");
+  // Lyrics that carry their connective prefix or their note suffix
+  // already are found as they are.
+  EXPECT_STREQ(set.get_voicedata(nullptr, "a し", 60)->filename, "a_shi.wav");
+  EXPECT_STREQ(set.get_voicedata(nullptr, "* し_H", 60)->filename, "fall_high.wav");
+}
