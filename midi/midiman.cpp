@@ -188,7 +188,9 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
   ctonm2& engine = *man->engine();
   TextReader text(tracks, charset_);
   const int64_t division = division_;
-  auto ticks = [&](int64_t t) { return t * 480 / division; };
+  // In 480 per quarter, kept within 2^30 ticks (beyond that a file has no
+  // song in it, only huge numbers).
+  auto ticks = [&](int64_t t) { return std::min<int64_t>(t * 480 / division, int64_t(1) << 30); };
   NoteAppender append(man);
   const int32_t layer = std::max(man->targetLayer(), 0);
 
@@ -310,7 +312,7 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
     while (nextTempo < tempos.size() && tempos[nextTempo].tick <= start) addTempo(tempos[nextTempo++]);
     NoteData record;
     memset(&record, 0, sizeof record);
-    record.Length = static_cast<int32_t>(std::max<int64_t>(ticks(note.end) - start, 1));
+    record.Length = static_cast<int32_t>(std::clamp<int64_t>(ticks(note.end) - start, 1, int64_t(1) << 30));
     record.NoteNum = static_cast<int16_t>(note.key);
     strcpy_utf8_n(record.Lyric, note.lyric.c_str(), sizeof record.Lyric);
     ctonm2::default_env(record.Envelope);
@@ -618,10 +620,14 @@ int32_t CMIDIMan::importVSQText(int32_t layer, const char* text, CNoteMan* man) 
     const size_t equals = line.find('=');
     if (equals == std::string::npos) continue;
     const std::string key = line.substr(0, equals), value = line.substr(equals + 1);
+    // Numbers are read clamped to what a song can hold.
+    auto number = [](const std::string& digits, long long low, long long high) {
+      return std::clamp<long long>(strtoll(digits.c_str(), nullptr, 10), low, high);
+    };
     if (section == Section::kMaster && key == "PreMeasure") {
-      preRoll_ = std::max(0L, atol(value.c_str())) * kPreRoll;
+      preRoll_ = number(value, 0, 1000) * kPreRoll;
     } else if (section == Section::kEventList) {
-      const long long tick = atoll(key.c_str());
+      const long long tick = number(key, 0, 1LL << 30);
       if (tick <= 0 || value.empty() || value[0] == 'E') continue;
       // The sequence begins after its pre-roll: positions count from there.
       const int64_t position = std::max<int64_t>(tick - preRoll_, 0);
@@ -633,11 +639,11 @@ int32_t CMIDIMan::importVSQText(int32_t layer, const char* text, CNoteMan* man) 
     } else if (section == Section::kEvent && current >= 0) {
       NoteData& note = engine.notes[current];
       if (key == "Length") {
-        note.Length = std::max(1, atoi(value.c_str()));
+        note.Length = static_cast<int32_t>(number(value, 1, 1LL << 30));
       } else if (key == "Note#") {
-        note.NoteNum = static_cast<int16_t>(std::clamp(atoi(value.c_str()), 0, 127));
+        note.NoteNum = static_cast<int16_t>(number(value, 0, 127));
       } else if (key == "Dynamics") {
-        const double d = atof(value.c_str());
+        const double d = static_cast<double>(number(value, 0, 127));
         note.Intensity = static_cast<int32_t>(std::floor((d + 20.0) * (d + 20.0) / 140.0 - 2.0));
       } else if (key == "LyricHandle") {
         strcpy_n(note.Lyric, value.c_str(), 32);
@@ -696,7 +702,7 @@ int32_t CMIDIMan::importVSQFile(const char* path, CNoteMan* man) {
     std::map<long, std::string> pieces;
     for (const Event& event : track.events) {
       if (event.status == 0xFF && event.data1 == 0x01 && event.text.rfind("DM:", 0) == 0 && event.text.size() >= 8) {
-        pieces[atol(event.text.c_str() + 3)] += event.text.substr(8);
+        pieces[strtol(event.text.c_str() + 3, nullptr, 10)] += event.text.substr(8);
       }
     }
     std::string joined;
