@@ -19,6 +19,7 @@
 #include "app/project_file.h"
 #include "app/safe_output.h"
 #include "app/subcommands.h"
+#include "app/voice_bank.h"
 #include "editing/ccnoteman.h"
 #include "editing/scaleman.h"
 #include "editing/undoman.h"
@@ -465,15 +466,10 @@ int runEdit(int argc, char** argv) {
   if (!openProjectFile(man, project, "edit", charset)) return kExitFailure;
   ctonm2& engine = *man.engine();
   // The voice bank gives the envelope commands each note's real length;
-  // every other operation works without it.
-  // A relative bank is taken from the project's folder, as render does;
-  // the project keeps its own text.
+  // every other operation works without it. It is found as render finds
+  // it, and the project keeps its own text.
   const std::string savedVoiceDir = engine.voiceDir;
-  std::string bank = savedVoiceDir;
-  if (!bank.empty() && bank[0] != '/') {
-    const size_t slash = project.rfind('/');
-    bank = (slash == std::string::npos ? std::string(".") : project.substr(0, slash + 1)) + "/" + bank;
-  }
+  const std::string bank = savedVoiceDir.empty() ? std::string() : resolveVoiceBank(project, savedVoiceDir, nullptr);
   struct stat info;
   bool hasBank = false;
   if (!bank.empty() && stat(bank.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {

@@ -31,14 +31,12 @@ std::string lastComponent(std::string path) {
 
 }  // namespace
 
-bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::string& option, const char* command) {
-  ctonm2& engine = *manager.engine();
-  const std::string named = option.empty() ? std::string(engine.voiceDir) : option;
+std::string resolveVoiceBank(const std::string& project, const std::string& named, bool* fromElsewhere) {
   std::string bank = named;
   const size_t cut = project.rfind('/');
   const std::string projectFolder = cut == std::string::npos ? "." : project.substr(0, cut == 0 ? 1 : cut);
   const std::string userBanks = userFolder(UserFolder::kVoice);
-  bool announce = false;
+  if (fromElsewhere != nullptr) *fromElsewhere = false;
   if (bank.compare(0, 7, "%VOICE%") == 0) {
     // The user's voice bank folder, as other tools write it.
     bank = userBanks + "/" + bank.substr(7);
@@ -47,7 +45,7 @@ bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::str
     // user's banks.
     const std::string name = lastComponent(bank);
     bank = isFolder(projectFolder + "/" + name) ? projectFolder + "/" + name : userBanks + "/" + name;
-    announce = true;
+    if (fromElsewhere != nullptr) *fromElsewhere = true;
   } else if (!bank.empty() && bank[0] != '/') {
     std::string name = bank;
     while (!name.empty() && name.back() == '/') name.pop_back();
@@ -57,6 +55,14 @@ bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::str
       bank = userBanks + "/" + name;
     }
   }
+  return bank;
+}
+
+bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::string& option, const char* command) {
+  ctonm2& engine = *manager.engine();
+  const std::string named = option.empty() ? std::string(engine.voiceDir) : option;
+  bool announce = false;
+  const std::string bank = resolveVoiceBank(project, named, &announce);
   engine.set_voiceDir(bank.c_str());
   if (bank.empty() || manager.readVoiceset() < 1) {
     fprintf(stderr, "tona %s: no voice bank at '%s'\n", command, bank.empty() ? "(none given)" : engine.voiceDir);
