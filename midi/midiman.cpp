@@ -168,6 +168,35 @@ class NoteAppender {
   int64_t lastStart_ = 0;
 };
 
+// A track chunk: its tag and a length to be filled in, and its end: the
+// end-of-track event and the length of what came between.
+long beginTrack(CMIDIWriter& out) {
+  out.writeUInt(midiTag("MTrk"));
+  const long lengthAt = out.curPos();
+  out.writeLong(0);
+  return lengthAt;
+}
+
+void endTrack(CMIDIWriter& out, long lengthAt) {
+  out.writeDeltaTime(0);
+  out.writeByte(0xFF);
+  out.writeByte(0x2F);
+  out.writeByte(0x00);
+  const long end = out.curPos();
+  out.moveTo(lengthAt);
+  out.writeLong(static_cast<int32_t>(end - lengthAt - 4));
+  out.moveTo(end);
+}
+
+// A tempo event: FF 51 03 and the microseconds of a quarter.
+void writeTempoEvent(CMIDIWriter& out, int32_t delta, float bpm) {
+  out.writeDeltaTime(delta);
+  out.writeByte(0xFF);
+  out.writeByte(0x51);
+  out.writeByte(0x03);
+  out.write3ByteNumber(static_cast<int32_t>(std::lround(60000000.0 / (bpm > 0.0f ? bpm : 120.0f))));
+}
+
 }  // namespace
 
 int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channel, CNoteMan* man,
@@ -373,37 +402,20 @@ bool CMIDIMan::writeSMFFile(const char* path, CNoteMan* man) {
   out.writeHeader(1, 2, 480);
 
   auto writeTrack = [&](auto body) {
-    out.writeUInt(midiTag("MTrk"));
-    const long lengthAt = out.curPos();
-    out.writeLong(0);
+    const long lengthAt = beginTrack(out);
     body();
-    out.writeDeltaTime(0);
-    out.writeByte(0xFF);
-    out.writeByte(0x2F);
-    out.writeByte(0x00);
-    const long end = out.curPos();
-    out.moveTo(lengthAt);
-    out.writeLong(static_cast<int32_t>(end - lengthAt - 4));
-    out.moveTo(end);
+    endTrack(out, lengthAt);
   };
-  auto writeTempo = [&](int32_t delta, float bpm) {
-    out.writeDeltaTime(delta);
-    out.writeByte(0xFF);
-    out.writeByte(0x51);
-    out.writeByte(0x03);
-    out.write3ByteNumber(static_cast<int32_t>(std::lround(60000000.0 / bpm)));
-  };
-
   // The conductor: the song's tempo, then every change at its place.
   writeTrack([&] {
     out.writeDeltaTime(0);
     out.writeMetaText(0x03, engine.projectName);
-    writeTempo(0, engine.tempo > 0.0f ? engine.tempo : 120.0f);
+    writeTempoEvent(out, 0, engine.tempo);
     int64_t position = 0, last = 0;
     for (int32_t i = 0; i < engine.noteCount; ++i) {
       position += engine.notes[i].Delta;
       if (engine.notes[i].Tempo <= 0.0f) continue;
-      writeTempo(static_cast<int32_t>(position - last), engine.notes[i].Tempo);
+      writeTempoEvent(out, static_cast<int32_t>(position - last), engine.notes[i].Tempo);
       last = position;
     }
   });
@@ -513,9 +525,7 @@ int32_t transformLyric(char* lyric) {
 
 void CMIDIMan::writeVSQTrack(CMIDIWriter& out, CNoteMan* man, int32_t layer, int32_t trackIndex, int32_t trackCount) {
   ctonm2& engine = *man->engine();
-  out.writeUInt(midiTag("MTrk"));
-  const long lengthAt = out.curPos();
-  out.writeLong(0);
+  const long lengthAt = beginTrack(out);
   out.writeDeltaTime(0);
   out.writeMetaText(0x03, textf("Voice%d", trackIndex).c_str());
 
@@ -560,14 +570,7 @@ void CMIDIMan::writeVSQTrack(CMIDIWriter& out, CNoteMan* man, int32_t layer, int
     out.writeByte(controller[0]);
     out.writeByte(controller[1]);
   }
-  out.writeDeltaTime(0);
-  out.writeByte(0xFF);
-  out.writeByte(0x2F);
-  out.writeByte(0x00);
-  const long end = out.curPos();
-  out.moveTo(lengthAt);
-  out.writeLong(static_cast<int32_t>(end - lengthAt - 4));
-  out.moveTo(end);
+  endTrack(out, lengthAt);
 }
 
 int32_t CMIDIMan::importVSQText(int32_t layer, const char* text, CNoteMan* man) {
@@ -760,34 +763,20 @@ bool CMIDIMan::writeVSQFile(const char* path, CNoteMan* man) {
   }
   out.writeHeader(1, static_cast<int32_t>(layers.size()) + 1, 480);
   // The master track: name, 4/4, the song's tempo and its changes.
-  out.writeUInt(midiTag("MTrk"));
-  const long lengthAt = out.curPos();
-  out.writeLong(0);
+  const long lengthAt = beginTrack(out);
   out.writeDeltaTime(0);
   out.writeMetaText(0x03, "Master Track");
   out.writeDeltaTime(0);
   out.writeBytes("\xff\x58\x04\x04\x02\x18\x08", 7);
-  auto tempo = [&](int32_t delta, float bpm) {
-    out.writeDeltaTime(delta);
-    out.writeByte(0xFF);
-    out.writeByte(0x51);
-    out.writeByte(0x03);
-    out.write3ByteNumber(static_cast<int32_t>(std::lround(60000000.0 / (bpm > 0.0f ? bpm : 120.0f))));
-  };
-  tempo(0, engine.tempo);
+  writeTempoEvent(out, 0, engine.tempo);
   int64_t position = kPreRoll, last = 0;
   for (int32_t i = 0; i < engine.noteCount; ++i) {
     position += engine.notes[i].Delta;
     if (engine.notes[i].Tempo <= 0.0f) continue;
-    tempo(static_cast<int32_t>(position - last), engine.notes[i].Tempo);
+    writeTempoEvent(out, static_cast<int32_t>(position - last), engine.notes[i].Tempo);
     last = position;
   }
-  out.writeDeltaTime(0);
-  out.writeBytes("\xff\x2f\x00", 3);
-  const long end = out.curPos();
-  out.moveTo(lengthAt);
-  out.writeLong(static_cast<int32_t>(end - lengthAt - 4));
-  out.moveTo(end);
+  endTrack(out, lengthAt);
   for (size_t k = 0; k < layers.size(); ++k) {
     writeVSQTrack(out, man, layers[k], static_cast<int32_t>(k), static_cast<int32_t>(layers.size()));
   }
