@@ -370,3 +370,17 @@ TEST(LookupOrder, FallbackWithTheSuffixComesBeforeThePrefixWithoutIt) {
   EXPECT_STREQ(set.get_voicedata(nullptr, "a し", 60)->filename, "a_shi.wav");
   EXPECT_STREQ(set.get_voicedata(nullptr, "* し_H", 60)->filename, "fall_high.wav");
 }
+
+TEST(LookupOrder, ConnectiveVowelsAndPitchSuffixesAsBanksNameThem) {
+  // Aliases such as "o じF4": the previous vowel, the lyric and the
+  // suffix the prefix map gives the note.
+  TestBank bank;
+  bank.write("oto.ini", "#Charset:UTF-8\noji.wav=o じF4,1,1,1,1,1\nan.wav=a んA3,1,1,1,1,1\nji.wav=じ,1,1,1,1,1\n");
+  bank.write("prefix.map", "Charset:UTF-8\nF4\t\tF4\nA3\t\tA3\n");
+  cvoiceset set;
+  ASSERT_GT(set.read_voiceset(bank.path().c_str()), 0);
+  installConnectiveRules(&set);
+  EXPECT_STREQ(set.get_voicedata("こ", "じ", 65)->filename, "oji.wav");  // F4
+  EXPECT_STREQ(set.get_voicedata("か", "ん", 57)->filename, "an.wav");   // A3
+  EXPECT_STREQ(set.get_voicedata("か", "じ", 60)->filename, "ji.wav");   // no suffix at C4: the lyric
+}
