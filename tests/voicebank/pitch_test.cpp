@@ -228,6 +228,27 @@ TEST(Precision, SteadyVoicesWhereTheAnalysisPutsThem) {
   }
 }
 
+TEST(Loudness, SampleZeroNeverCounts) {
+  // The frames whose windows cover sample 0 measure it out, deliberately:
+  // a spike there changes no amplitude; one at sample 1 does.
+  VoiceSignal voice;
+  voice.f0 = 220.0;
+  voice.seconds = 0.5;
+  const std::vector<int16_t> original = voice.render();
+  Analysis plain(voice, original, "");
+  std::vector<int16_t> samples = original;
+  samples[0] = 32767;
+  Analysis spikeAtZero(voice, samples, "");
+  samples = original;
+  samples[1] = 32767;
+  Analysis spikeAtOne(voice, samples, "");
+  ASSERT_NE(plain.amp, nullptr);
+  ASSERT_NE(spikeAtZero.amp, nullptr);
+  ASSERT_NE(spikeAtOne.amp, nullptr);
+  for (int32_t i = 0; i <= plain.n; ++i) ASSERT_EQ(spikeAtZero.amp[i], plain.amp[i]) << "frame " << i;
+  EXPECT_GT(spikeAtOne.amp[0], plain.amp[0]);
+}
+
 TEST(RepairPass, OctaveCheckPullsOutlyingFramesUnlessAskedNotTo) {
   // Mostly 200 Hz, with a short stretch an octave up.
   VoiceSignal low, high;
