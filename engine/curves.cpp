@@ -165,7 +165,10 @@ float* ctonm2::genVibrato(double start, double end, const NoteData* note, float*
   const double fadeOut = std::min(vibratoLength, std::max(1.0, vbr[4] * vibratoLength * 0.01));
   int16_t* expression = (exprs != nullptr) ? *exprs : nullptr;
 
-  int32_t first = static_cast<int32_t>(std::max(0.0, std::ceil(vibratoBegin / kPitchStepMs)));
+  // The first grid point of the vibrato; one past the grid when it begins
+  // after it (or at no finite time: a damaged project's values).
+  const double begin = std::ceil(vibratoBegin / kPitchStepMs);
+  const int32_t first = begin < static_cast<double>(n) ? static_cast<int32_t>(std::max(0.0, begin)) : n;
   for (int32_t j = first; j < n; ++j) {
     const double tj = j * kPitchStepMs;
     if (tj < vibratoBegin) continue;
