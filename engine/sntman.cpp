@@ -1,6 +1,8 @@
 #include "engine/sntman.h"
 
+#include <algorithm>
 #include <cctype>
+#include <climits>
 #include <cmath>
 #include <cstdarg>
 #include <cstdlib>
@@ -301,10 +303,11 @@ int32_t CSntMan::writeSnt1(const char* path) {
     int32_t length = note->Length;
     int32_t gap = 0;
     if (const NoteData* next = engine_->get_note(i + 1)) {
-      gap = next->Delta - length;
-      if (gap < 0) {
+      const int64_t space = static_cast<int64_t>(next->Delta) - length;  // damaged values may not fit an int
+      if (space < 0) {
         length = next->Delta;  // an overlap is cut back to the next note's start
-        gap = 0;
+      } else {
+        gap = static_cast<int32_t>(std::min<int64_t>(space, INT32_MAX));
       }
     }
     const std::string lyric = out.text(note->Lyric);
