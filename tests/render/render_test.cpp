@@ -282,6 +282,25 @@ TEST_F(Render, NothingToSing) {
   EXPECT_EQ(engine_.renderState.load(), 0);
 }
 
+TEST_F(Render, ANoteStartingBeforeTheMixIsClippedAtItsStart) {
+  // The same note added at 100 msec and at 10 msec, with 40 msec of
+  // pre-utterance: the second starts 30 msec before the mix, loses those
+  // samples and is the same sound from there on.
+  add("a", 57, 0, 300);
+  prepare();
+  const int32_t length = 44100;
+  std::vector<int16_t> early(length, 0), late(length, 0);
+  const double noteMs = 300.0 + engine_.notes[0]._preuttr + engine_.notes[0]._stp;
+  ASSERT_FLOAT_EQ(engine_.notes[0]._preuttr, 40.0f);
+  engine_.arrange_n(late.data(), 100.0, 0, noteMs, length, 0, 125.0f);
+  engine_.arrange_n(early.data(), 10.0, 0, noteMs, length, 0, 125.0f);
+  // Start samples as the arrangement rounds them: trunc(x + 0.5).
+  const int32_t lateStart = static_cast<int32_t>(std::trunc((100.0 - 40.0) * 0.001 * 44100.0 + 0.5));
+  const int32_t cut = -static_cast<int32_t>(std::trunc((10.0 - 40.0) * 0.001 * 44100.0 + 0.5));  // before the mix
+  for (int32_t j = 0; j < 10000; ++j) ASSERT_EQ(early[j], late[lateStart + cut + j]) << j;
+  EXPECT_NE(late[lateStart + cut / 2], 0);  // what was cut held sound
+}
+
 TEST_F(Render, TheLeadMakesRoomForTheFirstConsonant) {
   add("a", 57, 0, 300);  // pre-utterance 40 before a note at 0: 40 msec of lead
   prepare();
