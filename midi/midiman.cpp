@@ -141,6 +141,27 @@ std::string vowelOf(const std::string& lyric) {
   }
 }
 
+// The tempo of a tempo event in beats per minute, to 0.01; 0 for a
+// damaged one.
+double bpmOf(const Event& event) {
+  if (event.text.size() < 3) return 0.0;
+  const uint8_t* b = reinterpret_cast<const uint8_t*>(event.text.data());
+  const int64_t micros = (int64_t(b[0]) << 16) | (int64_t(b[1]) << 8) | b[2];
+  return micros > 0 ? std::round(60000000.0 / micros * 100.0) / 100.0 : 0.0;
+}
+
+// The zero-length rest record that carries a tempo change in the list.
+NoteData tempoRecord(float bpm, int32_t layer) {
+  NoteData rest;
+  memset(&rest, 0, sizeof rest);
+  rest.Tempo = bpm;
+  rest.NoteNum = 48;
+  rest.Velocity = 100.0f;
+  ctonm2::default_env(rest.Envelope);
+  rest.layer = layer;
+  return rest;
+}
+
 // Appends to the note list quickly when the note starts at or after the
 // last one (the usual case), else inserts it where it belongs.
 class NoteAppender {
@@ -244,9 +265,8 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
   if (!tracks[0].name.empty()) engine.set_projectName(text(tracks[0].name).c_str());
   for (const Event* event : metas) {
     if (event->data1 == 0x51 && event->text.size() >= 3 && !timeCode) {
-      const uint8_t* b = reinterpret_cast<const uint8_t*>(event->text.data());
-      const int64_t micros = (int64_t(b[0]) << 16) | (int64_t(b[1]) << 8) | b[2];
-      double bpm = micros > 0 ? std::round(60000000.0 / micros * 100.0) / 100.0 : 120.0;
+      double bpm = bpmOf(*event);
+      if (bpm == 0.0) bpm = 120.0;
       if (bpm < 10.0 || bpm > 1000.0) {
         const double clamped = std::clamp(bpm, 10.0, 1000.0);
         warnings_.push_back("tempo " + std::to_string(bpm) + " at tick " + std::to_string(event->tick) +
@@ -327,13 +347,7 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
       engine.tempo = change.bpm;  // the song's own tempo
       return;
     }
-    NoteData rest;
-    memset(&rest, 0, sizeof rest);
-    rest.Tempo = change.bpm;
-    rest.NoteNum = 48;
-    rest.Velocity = 100.0f;
-    ctonm2::default_env(rest.Envelope);
-    rest.layer = layer;
+    NoteData rest = tempoRecord(change.bpm, layer);
     append.add(change.tick, &rest);
   };
   for (const Made& note : made) {
@@ -726,22 +740,14 @@ int32_t CMIDIMan::importVSQFile(const char* path, CNoteMan* man) {
   // The master track's tempos, after the pre-roll.
   ctonm2& engine = *man->engine();
   for (const Event& event : tracks[0].events) {
-    if (event.status != 0xFF || event.data1 != 0x51 || event.text.size() < 3) continue;
-    const uint8_t* b = reinterpret_cast<const uint8_t*>(event.text.data());
-    const int64_t micros = (int64_t(b[0]) << 16) | (int64_t(b[1]) << 8) | b[2];
-    if (micros <= 0) continue;
-    const float bpm = static_cast<float>(std::clamp(std::round(60000000.0 / micros * 100.0) / 100.0, 10.0, 1000.0));
+    if (event.status != 0xFF || event.data1 != 0x51 || bpmOf(event) == 0.0) continue;
+    const float bpm = static_cast<float>(std::clamp(bpmOf(event), 10.0, 1000.0));
     const int64_t at = std::max<int64_t>(event.tick * 480 / division_ - preRoll_, 0);
     if (at == 0) {
       engine.tempo = bpm;
       continue;
     }
-    NoteData rest;
-    memset(&rest, 0, sizeof rest);
-    rest.Tempo = bpm;
-    rest.NoteNum = 48;
-    rest.Velocity = 100.0f;
-    ctonm2::default_env(rest.Envelope);
+    NoteData rest = tempoRecord(bpm, 0);
     if (man->insertNotePosition(at, &rest) < 0) ctonm2::note_clear(&rest);
   }
   preRoll_ = 0;  // the pre-roll was this file's

@@ -89,8 +89,8 @@ class SdlDevice : public AudioDevice {
     channels_ = have.channels;
     name_ = named ? name : "default";
     char* defaultName = nullptr;
-    SDL_AudioSpec spec;
-    if (!named && SDL_GetDefaultAudioInfo(&defaultName, &spec, 0) == 0 && defaultName != nullptr) {
+    SDL_AudioSpec defaultFormat;
+    if (!named && SDL_GetDefaultAudioInfo(&defaultName, &defaultFormat, 0) == 0 && defaultName != nullptr) {
       name_ = defaultName;
       SDL_free(defaultName);
     }

@@ -16,7 +16,7 @@
 
 namespace {
 
-struct Spec {
+struct Placed {
   const char* lyric;
   int start;  // absolute, ticks
   int length;
@@ -26,12 +26,12 @@ struct Spec {
 class Editing : public ::testing::Test {
  protected:
   // Appends notes at absolute starts (given in order).
-  void load(std::initializer_list<Spec> specs) {
+  void load(std::initializer_list<Placed> placed) {
     int previous = 0;
-    for (const Spec& spec : specs) {
-      NoteData note = makeNote(spec.lyric, spec.noteNum, spec.start - previous, spec.length);
+    for (const Placed& p : placed) {
+      NoteData note = makeNote(p.lyric, p.noteNum, p.start - previous, p.length);
       engine().insert_note(engine().noteCount, &note);
-      previous = spec.start;
+      previous = p.start;
     }
     man().synchronizeNotes();
   }
