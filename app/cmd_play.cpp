@@ -20,6 +20,7 @@
 
 #include "app/args.h"
 #include "app/command.h"
+#include "app/progress.h"
 #include "app/project_file.h"
 #include "app/subcommands.h"
 #include "app/voice_bank.h"
@@ -86,20 +87,14 @@ class KeyReader {
   termios saved_;
 };
 
-std::string clock(double ms) {
-  if (!(ms > 0.0)) ms = 0.0;
-  char text[32];
-  snprintf(text, sizeof text, "%d:%04.1f", static_cast<int>(ms / 60000.0), std::fmod(ms / 1000.0, 60.0));
-  return text;
-}
 
 void drawStatus(double playMs, double renderMs, double totalMs, bool paused, bool rendering) {
   const int width = 30;
   const int filled = totalMs > 0.0 ? static_cast<int>(std::min(1.0, playMs / totalMs) * width) : 0;
   std::string bar(static_cast<size_t>(filled), '#');
   bar.append(static_cast<size_t>(width - filled), '-');
-  fprintf(stderr, "\r\033[Kplay %s  render %s / %s [%s]%s", clock(playMs).c_str(),
-          rendering ? clock(renderMs).c_str() : "done", clock(totalMs).c_str(), bar.c_str(),
+  fprintf(stderr, "\r\033[Kplay %s  render %s / %s [%s]%s", clockText(playMs).c_str(),
+          rendering ? clockText(renderMs).c_str() : "done", clockText(totalMs).c_str(), bar.c_str(),
           paused ? "  paused" : "");
   fflush(stderr);
 }

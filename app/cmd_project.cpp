@@ -12,6 +12,7 @@
 
 #include "app/args.h"
 #include "app/command.h"
+#include "app/progress.h"
 #include "app/project_file.h"
 #include "app/safe_output.h"
 #include "app/subcommands.h"
@@ -74,14 +75,6 @@ size_t displayWidth(const std::string& text) {
   return width;
 }
 
-// m:ss.s
-std::string clockText(double ms) {
-  if (!(ms > 0.0)) ms = 0.0;
-  char text[32];
-  const long tenths = std::lround(ms / 100.0);
-  snprintf(text, sizeof text, "%ld:%02ld.%ld", tenths / 600, tenths / 10 % 60, tenths % 10);
-  return text;
-}
 
 std::string timeSignatureText(CScaleMan& scale) {
   std::vector<char> text(static_cast<size_t>(scale.serialize2text(nullptr, 0)));

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 
 ProgressBar::ProgressBar(const char* label, long total)
@@ -25,4 +26,12 @@ void ProgressBar::update(long done) {
   fprintf(stderr, "\r%s [%.*s%*s] %3d%% (%ld/%ld)", label_.c_str(), filled, "##############################",
           kWidth - filled, "", percent, done, total_);
   fflush(stderr);
+}
+
+std::string clockText(double ms) {
+  if (!(ms > 0.0)) ms = 0.0;
+  char text[32];
+  const long tenths = std::lround(ms / 100.0);
+  snprintf(text, sizeof text, "%ld:%02ld.%ld", tenths / 600, tenths / 10 % 60, tenths % 10);
+  return text;
 }

@@ -19,3 +19,6 @@ class ProgressBar {
   int lastPercent_ = -1;
   bool active_;
 };
+
+// A time as minutes, seconds and tenths ("1:04.5"); below zero, 0:00.0.
+std::string clockText(double ms);
