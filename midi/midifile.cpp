@@ -6,6 +6,38 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace {
+
+// What follows a status byte, for the reader and the writer alike. F1 and F3
+// take two data bytes and F2 one, deliberately.
+enum class Shape { kNone, kOneByte, kTwoBytes, kSysEx, kMeta };
+
+Shape shapeOf(int status) {
+  switch (status < 0xF0 ? status & 0xF0 : status) {
+    case 0x80:
+    case 0x90:
+    case 0xA0:
+    case 0xB0:
+    case 0xE0:
+    case 0xF1:
+    case 0xF3:
+      return Shape::kTwoBytes;
+    case 0xC0:
+    case 0xD0:
+    case 0xF2:
+      return Shape::kOneByte;
+    case 0xF0:
+    case 0xF7:
+      return Shape::kSysEx;
+    case 0xFF:
+      return Shape::kMeta;
+    default:  // 0xF4..0xFE: nothing follows
+      return Shape::kNone;
+  }
+}
+
+}  // namespace
+
 uint32_t midiTag(const char (&tag)[5]) {
   uint32_t value;
   memcpy(&value, tag, 4);  // the bytes in file order, whatever the host
@@ -160,37 +192,25 @@ int32_t CMIDIReader::readMessage(MIDIMessage* message) {
     message->data[got] = '\0';
     message->size = static_cast<int32_t>(got);
   };
-  const int kind = status < 0xF0 ? status & 0xF0 : status;
-  switch (kind) {
-    case 0x80:
-    case 0x90:
-    case 0xA0:
-    case 0xB0:
-    case 0xE0:
-      message->data1 = static_cast<uint8_t>(data1 < 0 ? 0 : data1);
+  // A channel message's first data byte is already read (it may have been
+  // the byte that ended running status); the system ones read their own.
+  auto leadByte = [&] { return static_cast<uint8_t>(std::max(status < 0xF0 ? data1 : readByte(), 0)); };
+  switch (shapeOf(status)) {
+    case Shape::kTwoBytes:
+      message->data1 = leadByte();
       message->data2 = static_cast<uint8_t>(std::max(readByte(), 0));
       break;
-    case 0xC0:
-    case 0xD0:
-      message->data1 = static_cast<uint8_t>(data1 < 0 ? 0 : data1);
+    case Shape::kOneByte:
+      message->data1 = leadByte();
       break;
-    case 0xF0:
-    case 0xF7:
+    case Shape::kSysEx:
       payload(readDeltaTime());
       break;
-    case 0xF1:
-    case 0xF3:  // two bytes, deliberately
-      message->data1 = static_cast<uint8_t>(std::max(readByte(), 0));
-      message->data2 = static_cast<uint8_t>(std::max(readByte(), 0));
-      break;
-    case 0xF2:  // one byte, deliberately
-      message->data1 = static_cast<uint8_t>(std::max(readByte(), 0));
-      break;
-    case 0xFF:
-      message->data1 = static_cast<uint8_t>(std::max(readByte(), 0));
+    case Shape::kMeta:
+      message->data1 = leadByte();
       payload(readDeltaTime());
       break;
-    default:  // 0xF4..0xFE: nothing follows
+    case Shape::kNone:
       break;
   }
   return status;
@@ -274,34 +294,24 @@ int32_t CMIDIWriter::writeMessage(const MIDIMessage* message) {
   writeDeltaTime(message->delta);
   const int status = message->status;
   writeByte(status);
-  const int kind = status < 0xF0 ? status & 0xF0 : status;
-  switch (kind) {
-    case 0x80:
-    case 0x90:
-    case 0xA0:
-    case 0xB0:
-    case 0xE0:
-    case 0xF1:
-    case 0xF3:
+  switch (shapeOf(status)) {
+    case Shape::kTwoBytes:
       writeByte(message->data1);
       writeByte(message->data2);
       break;
-    case 0xC0:
-    case 0xD0:
-    case 0xF2:
+    case Shape::kOneByte:
       writeByte(message->data1);
       break;
-    case 0xF0:
-    case 0xF7:
+    case Shape::kSysEx:
       writeDeltaTime(message->size);
       writeBytes(message->data, message->size);
       break;
-    case 0xFF:
+    case Shape::kMeta:
       writeByte(message->data1);
       writeDeltaTime(message->size);
       writeBytes(message->data, message->size);
       break;
-    default:
+    case Shape::kNone:
       break;
   }
   runningStatus_ = status;

@@ -106,6 +106,49 @@ TEST(MidiFile, HeaderEventsAndVariableLengths) {
   EXPECT_EQ(CMIDIReader(dir.file("absent.mid").c_str()).readHeader(), 0);
 }
 
+TEST(MidiFile, EveryKindOfEventWrittenAndReadBack) {
+  TempDir dir;
+  const std::string path = dir.file("kinds.mid");
+  struct Event {
+    int status, data1, data2;
+    const char* payload;
+  };
+  const Event events[] = {{0x92, 60, 100, ""}, {0xC3, 5, 0, ""},    {0xF0, 0, 0, "\x7e\x01"},
+                          {0xF1, 1, 2, ""},    {0xF2, 3, 0, ""},    {0xF3, 4, 5, ""},
+                          {0xF6, 0, 0, ""},    {0xFF, 3, 0, "ab"},  {0xD1, 7, 0, ""}};
+  {
+    CMIDIWriter out(path.c_str());
+    for (const Event& event : events) {
+      MIDIMessage message;
+      message.status = static_cast<uint8_t>(event.status);
+      message.data1 = static_cast<uint8_t>(event.data1);
+      message.data2 = static_cast<uint8_t>(event.data2);
+      message.setTextData(event.payload);
+      message.size = static_cast<int32_t>(strlen(event.payload));
+      out.writeMessage(&message);
+    }
+    ASSERT_TRUE(out.close());
+  }
+  EXPECT_EQ(readFile(path), std::string("\x00\x92\x3c\x64"
+                                        "\x00\xc3\x05"
+                                        "\x00\xf0\x02\x7e\x01"
+                                        "\x00\xf1\x01\x02"
+                                        "\x00\xf2\x03"
+                                        "\x00\xf3\x04\x05"
+                                        "\x00\xf6"
+                                        "\x00\xff\x03\x02" "ab"
+                                        "\x00\xd1\x07", 34));
+  CMIDIReader in(path.c_str());
+  for (const Event& event : events) {
+    MIDIMessage message;
+    ASSERT_EQ(in.readMessage(&message), event.status);
+    EXPECT_EQ(message.data1, event.status == 0xF0 || event.status == 0xF6 ? 0 : event.data1) << event.status;
+    EXPECT_EQ(message.data2, event.data2) << event.status;
+    EXPECT_EQ(message.size, static_cast<int32_t>(strlen(event.payload))) << event.status;
+  }
+  EXPECT_EQ(in.remaining(), 0);
+}
+
 TEST_F(Midi, FormatZeroAndOneWithTemposSignaturesAndLyrics) {
   // Format 0: one track with everything, 240 ticks per quarter.
   const std::string zero = header(0, 1, 240) +
