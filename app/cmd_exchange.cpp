@@ -12,11 +12,11 @@
 #include "app/args.h"
 #include "app/command.h"
 #include "app/project_file.h"
-#include "app/safe_output.h"
 #include "app/subcommands.h"
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "midi/midiman.h"
+#include "support/safe_output.h"
 #include "support/userdirs.h"
 
 const char kImportUsage[] =

@@ -14,11 +14,11 @@
 #include "app/command.h"
 #include "app/progress.h"
 #include "app/project_file.h"
-#include "app/safe_output.h"
 #include "app/subcommands.h"
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "support/multibyte.h"
+#include "support/safe_output.h"
 #include "support/userdirs.h"
 
 const char kInfoUsage[] =

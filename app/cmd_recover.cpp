@@ -14,11 +14,11 @@
 
 #include "app/args.h"
 #include "app/command.h"
-#include "app/safe_output.h"
 #include "app/subcommands.h"
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "editing/undoman.h"
+#include "support/safe_output.h"
 #include "support/userdirs.h"
 
 const char kRecoverUsage[] =

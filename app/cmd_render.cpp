@@ -17,7 +17,6 @@
 #include "app/command.h"
 #include "app/progress.h"
 #include "app/project_file.h"
-#include "app/safe_output.h"
 #include "app/subcommands.h"
 #include "app/voice_bank.h"
 #include "editing/noteman.h"
@@ -25,6 +24,7 @@
 #include "render/cache.h"
 #include "render/wavefile.h"
 #include "support/log.h"
+#include "support/safe_output.h"
 #include "support/userdirs.h"
 
 const char kRenderUsage[] =

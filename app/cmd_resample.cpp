@@ -11,12 +11,12 @@
 
 #include "app/args.h"
 #include "app/command.h"
-#include "app/safe_output.h"
 #include "app/subcommands.h"
 #include "engine/ctonm2.h"
 #include "render/resampler.h"
 #include "render/wavefile.h"
 #include "support/log.h"
+#include "support/safe_output.h"
 #include "support/textcopy.h"
 #include "voicebank/voiceset.h"
 

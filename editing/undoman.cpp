@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include "editing/noteman.h"
 #include "editing/noteserial.h"
 #include "editing/scaleman.h"
+#include "support/safe_output.h"
 #include "support/userdirs.h"
 
 namespace {
@@ -546,22 +546,14 @@ std::string recoveryFilePath() {
 }
 
 bool writeRecoveryFile(CNoteMan& notes, const std::string& path) {
-  std::string temporary = path + ".XXXXXX";
-  const int fd = mkstemp(&temporary[0]);
-  if (fd < 0) return false;
-  close(fd);
+  SafeOutput out(path);
+  if (out.path().empty()) return false;
   ctonm2& engine = *notes.engine();
   const int32_t version = engine.sntVersion;
   engine.sntVersion = 200;  // the full form: a recovery copy loses nothing
-  const bool written = notes.writeSnt(temporary.c_str(), notes.defaultPath().c_str()) == 1;
+  const bool written = notes.writeSnt(out.path().c_str(), notes.defaultPath().c_str()) == 1;
   engine.sntVersion = version;
-  if (!written || rename(temporary.c_str(), path.c_str()) != 0) {
-    const int saved = errno;
-    unlink(temporary.c_str());
-    errno = saved;
-    return false;
-  }
-  return true;
+  return written && out.commit();
 }
 
 void undo_callback(CNoteMan& notes, UndoView* view, uint32_t undoCode, uint32_t redoCode, bool modified) {

@@ -1,4 +1,4 @@
-#include "app/safe_output.h"
+#include "support/safe_output.h"
 
 #include <fcntl.h>
 #include <limits.h>
