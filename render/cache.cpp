@@ -13,6 +13,7 @@
 #include "editing/noteserial.h"
 #include "support/log.h"
 #include "support/md5.h"
+#include "support/safe_output.h"
 #include "support/userdirs.h"
 #include "voicebank/voiceset.h"
 
@@ -104,16 +105,13 @@ int32_t CCacheSys::putCache(int32_t index, const NoteData* note, const double* d
   if (!makeFolders(dir) || data == nullptr || size <= 0) return -1;
   const std::string path = dir + "/" + getCacheName(index, note);
   deleteCache(index);
-  // Written under another name first, so that no half file is ever read.
-  const std::string temporary = path + ".part";
-  FILE* file = fopen(temporary.c_str(), "wb");
+  // Written under a name of its own first, so that no half file is ever
+  // read, even with two renders filling the same cache.
+  SafeOutput out(path);
+  FILE* file = out.path().empty() ? nullptr : fopen(out.path().c_str(), "wb");
   if (file == nullptr) return -1;
   const bool written = fwrite(data, 1, static_cast<size_t>(size), file) == static_cast<size_t>(size);
-  if (fclose(file) != 0 || !written || rename(temporary.c_str(), path.c_str()) != 0) {
-    unlink(temporary.c_str());
-    return -1;
-  }
-  return 0;
+  return fclose(file) == 0 && written && out.commit() ? 0 : -1;
 }
 
 void CCacheSys::deleteCache(int32_t index) {
