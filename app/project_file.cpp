@@ -12,9 +12,6 @@
 #include "editing/noteman.h"
 #include "support/userdirs.h"
 
-namespace {
-
-// Why the file holds no project, or "".
 std::string notAProject(const std::string& path) {
   struct stat info;
   if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return "it is a folder";
@@ -32,8 +29,6 @@ std::string notAProject(const std::string& path) {
   }
   return "it has no [#SETTING] section and no note section";
 }
-
-}  // namespace
 
 bool parseCharset(const std::string& text, std::string* charset) {
   std::string name;

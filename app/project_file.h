@@ -6,6 +6,10 @@
 
 class CNoteMan;
 
+// Why the file at `path` holds no project ("it is a folder", "the file is
+// empty", ...), or "" when it may hold one (or cannot be opened at all).
+std::string notAProject(const std::string& path);
+
 // Opens the project at `path` as the editor does (the per-user voice
 // folder standing for "${DEFAULT}"). False, with one line on stderr
 // ("tona COMMAND: not a project: ..." or "cannot open ...: reason"), when

@@ -1,0 +1,105 @@
+// tona-editor: the desktop editor.
+//
+//   tona-editor [PROJECT]
+//   tona-editor --screenshot OUT.png [--size WIDTHxHEIGHT] [PROJECT]
+
+#include <QApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QLocale>
+#include <QTimer>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "editing/undoman.h"
+#include "ui/shell/mainwindow.h"
+#include "ui/shell/startup.h"
+#include "ui/shell/texts.h"
+#include "ui/views/rolleditor.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: tona-editor [PROJECT]\n"
+    "       tona-editor --screenshot OUT.png [--size WIDTHxHEIGHT] [PROJECT]\n"
+    "\n"
+    "Opens PROJECT (an .snt file) in the desktop editor, or a new project.\n"
+    "With --screenshot, lays out the window off screen, writes it as a PNG\n"
+    "picture (1280x800 unless --size says otherwise) and exits.\n";
+
+int fail(const char* message) {
+  fprintf(stderr, "tona-editor: %s\n", message);
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string screenshot, project;
+  int width = 1280, height = 800;
+  for (int i = 1; i < argc; ++i) {
+    const char* arg = argv[i];
+    if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
+      fputs(kUsage, stdout);
+      return 0;
+    }
+    if (strcmp(arg, "--version") == 0) {
+      printf("tona-editor %s\n", TONA_VERSION);
+      return 0;
+    }
+    if (strcmp(arg, "--screenshot") == 0) {
+      if (++i >= argc) return fail("--screenshot needs a file name");
+      screenshot = argv[i];
+    } else if (strcmp(arg, "--size") == 0) {
+      if (++i >= argc || sscanf(argv[i], "%dx%d", &width, &height) != 2 || width < 200 || height < 150 ||
+          width > 8000 || height > 8000) {
+        return fail("--size takes WIDTHxHEIGHT, from 200x150 to 8000x8000");
+      }
+    } else if (arg[0] == '-' && arg[1] != '\0') {
+      fprintf(stderr, "tona-editor: unknown option '%s'\n%s", arg, kUsage);
+      return 2;
+    } else if (project.empty()) {
+      project = arg;
+    } else {
+      return fail("one project at a time");
+    }
+  }
+  // A picture needs no display.
+  if (!screenshot.empty() && getenv("QT_QPA_PLATFORM") == nullptr) setenv("QT_QPA_PLATFORM", "offscreen", 1);
+
+  QApplication app(argc, argv);
+  QApplication::setOrganizationName("tona");
+  QApplication::setApplicationName("tona-editor");
+  QApplication::setApplicationDisplayName("TONA");
+  QApplication::setDesktopFileName("tona-editor");
+  installCoreTexts(QLocale::system());
+
+  auto* window = new MainWindow;
+  if (!screenshot.empty()) {
+    if (!project.empty() && !window->openProject(QString::fromLocal8Bit(project.c_str()), true)) {
+      fprintf(stderr, "tona-editor: %s\n", window->lastMessage().toLocal8Bit().constData());
+      delete window;
+      return 1;
+    }
+    window->resize(width, height);
+    window->show();
+    QApplication::processEvents();
+    window->editor()->showSongStart();
+    QApplication::processEvents();
+    const bool saved = window->grab().save(QString::fromLocal8Bit(screenshot.c_str()), "PNG");
+    delete window;
+    if (!saved) {
+      fprintf(stderr, "tona-editor: cannot write '%s'\n", screenshot.c_str());
+      return 1;
+    }
+    return 0;
+  }
+
+  window->show();
+  const bool recovered = offerRecovery(window, QString::fromStdString(recoveryFilePath()));
+  if (!recovered && !project.empty()) window->openProject(QFileInfo(QString::fromLocal8Bit(project.c_str())).absoluteFilePath(), true);
+  return app.exec();
+}

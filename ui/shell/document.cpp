@@ -1,0 +1,237 @@
+#include "ui/shell/document.h"
+
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstring>
+
+#include "app/project_file.h"
+#include "app/voice_bank.h"
+#include "support/safe_output.h"
+#include "support/userdirs.h"
+#include "ui/shell/texts.h"
+#include "voicebank/voiceset.h"
+
+EditorDocument::EditorDocument(QObject* parent) : QObject(parent), model_(std::make_unique<CCNoteMan>(&scale_)) {
+  model_->setUndoView(this);
+  reset();
+}
+
+EditorDocument::~EditorDocument() {
+  // A render reads the notes: it ends before they go.
+  ctonm2& e = engine();
+  if (e.renderState.load() != 0) e.render_stop();
+  free(e.render_thread_join(nullptr));
+  model_->setUndoView(nullptr);
+}
+
+void EditorDocument::reset() {
+  // The history is emptied without telling the notifier: that would remove
+  // a recovery file the user has not been asked about yet.
+  history().clean(nullptr);
+  undoTitle_ = coreText(undoMenuTitle(0).c_str());
+  redoTitle_ = coreText(redoMenuTitle(0).c_str());
+  ++revision_;
+  emit undoTitlesChanged(undoTitle_, redoTitle_);
+  emit modifiedChanged(false);
+  emit changed();
+}
+
+void EditorDocument::newProject() {
+  emit editStarting();
+  ctonm2& e = engine();
+  e.free_snt();
+  e.tempo = 120.0f;
+  e.sntVersion = 200;
+  scale_.resetScale();
+  path_.clear();
+  reset();
+  emit pathChanged();
+}
+
+bool EditorDocument::open(const QString& path, QString* error, QString* warning) {
+  const std::string file = path.toStdString();
+  const std::string reason = notAProject(file);
+  if (!reason.empty()) {
+    *error = tr("Not a project: %1 (%2)").arg(path, QString::fromStdString(reason));
+    return false;
+  }
+  emit editStarting();
+  errno = 0;
+  notes().setForcedCharset(std::string());
+  if (notes().openSnt(file.c_str(), userFolder(UserFolder::kVoice).c_str()) < 0) {
+    *error = tr("Cannot open %1: %2").arg(path, QString::fromLocal8Bit(strerror(errno != 0 ? errno : EIO)));
+    newProject();
+    return false;
+  }
+  path_ = QFileInfo(path).absoluteFilePath();
+  const std::string named = engine().voiceDir;
+  bool elsewhere = false;
+  const std::string bank = resolveVoiceBank(file, named, &elsewhere);
+  engine().set_voiceDir(bank.c_str());
+  if (!bank.empty()) notes().readVoiceset();
+  if (warning != nullptr) {
+    warning->clear();
+    if (voiceEntryCount() == 0) {
+      *warning = named.empty() ? tr("The project names no voice bank: choose one under Project > Singer.")
+                               : tr("No voice bank at %1: the notes stay silent.").arg(QString::fromStdString(bank));
+    }
+  }
+  reset();
+  emit pathChanged();
+  return true;
+}
+
+bool EditorDocument::openRecovery(const QString& path, QString* error) {
+  if (!open(path, error)) return false;
+  // The recovery copy is not the user's file: the project has no path
+  // until it is saved, and it differs from anything saved.
+  path_.clear();
+  engine().set_projectPath("");
+  engine().preparationNotes();
+  history().setOtherModified(model_->undoCallback());
+  emit pathChanged();
+  return true;
+}
+
+bool EditorDocument::save(const QString& path, int version, QString* error) {
+  emit editStarting();
+  const std::string target = path.toStdString();
+  ctonm2& e = engine();
+  const int32_t oldVersion = e.sntVersion;
+  e.sntVersion = version;
+  errno = 0;
+  SafeOutput out(target);
+  const bool written = !out.path().empty() &&
+                       notes().writeSnt(out.path().c_str(), notes().defaultPath().c_str()) == 1 && out.commit();
+  if (!written) {
+    e.sntVersion = oldVersion;
+    *error = tr("Cannot write %1: %2").arg(path, QString::fromLocal8Bit(strerror(errno != 0 ? errno : EIO)));
+    return false;
+  }
+  path_ = QFileInfo(path).absoluteFilePath();
+  e.set_projectPath(path_.toStdString().c_str());
+  history().setSavePoint(model_->undoCallback());
+  emit pathChanged();
+  return true;
+}
+
+QString EditorDocument::displayName() {
+  if (engine().projectName[0] != '\0') return QString::fromUtf8(engine().projectName);
+  if (!path_.isEmpty()) return QFileInfo(path_).completeBaseName();
+  return tr("Untitled");
+}
+
+QString EditorDocument::voiceFolder() { return QString::fromUtf8(engine().voiceDir); }
+
+int EditorDocument::voiceEntryCount() {
+  const cvoiceset* set = engine().voiceset;
+  return set != nullptr ? set->count() : 0;
+}
+
+bool EditorDocument::setVoiceFolder(const QString& folder, QString* error) {
+  emit editStarting();
+  const std::string path = folder.toStdString();
+  model_->changeVoiceSet(path.c_str(), true);
+  ++revision_;
+  emit changed();
+  if (voiceEntryCount() == 0) {
+    *error = tr("No voice bank entries at %1").arg(folder);
+    return false;
+  }
+  return true;
+}
+
+void EditorDocument::beginEdit(uint32_t cmd) {
+  emit editStarting();
+  history().beginSession(cmd);
+  sessionOpen_ = true;
+}
+
+void EditorDocument::endEdit(uint32_t cmd) {
+  history().endSession(cmd, model_->undoCallback());
+  sessionOpen_ = false;
+  ++revision_;
+  emit changed();
+}
+
+void EditorDocument::beginNoteEdit(int32_t index, uint32_t cmd) {
+  emit editStarting();
+  history().beginSession(index, cmd);
+  sessionOpen_ = true;
+}
+
+void EditorDocument::endNoteEdit(int32_t index, uint32_t cmd) {
+  history().endSession(index, cmd, model_->undoCallback());
+  sessionOpen_ = false;
+  ++revision_;
+  emit changed();
+}
+
+void EditorDocument::markOtherModified() {
+  history().setOtherModified(model_->undoCallback());
+  ++revision_;
+  emit changed();
+}
+
+void EditorDocument::undo() {
+  if (!history().isCanUndo()) return;
+  emit editStarting();
+  history().undo(model_->undoCallback());
+  ++revision_;
+  emit changed();
+}
+
+void EditorDocument::redo() {
+  if (!history().isCanRedo()) return;
+  emit editStarting();
+  history().redo(model_->undoCallback());
+  ++revision_;
+  emit changed();
+}
+
+void EditorDocument::touch() {
+  ++revision_;
+  emit changed();
+}
+
+void EditorDocument::setMenuTitles(const std::string& undoTitle, const std::string& redoTitle) {
+  undoTitle_ = coreText(undoTitle.c_str());
+  redoTitle_ = coreText(redoTitle.c_str());
+  emit undoTitlesChanged(undoTitle_, redoTitle_);
+}
+
+void EditorDocument::setEdited(bool modified) { emit modifiedChanged(modified); }
+
+const std::vector<int64_t>& EditorDocument::starts() {
+  if (startsRevision_ != revision_) {
+    const ctonm2& e = engine();
+    starts_.resize(static_cast<size_t>(e.noteCount));
+    int64_t position = 0;
+    for (int32_t i = 0; i < e.noteCount; ++i) {
+      position += e.notes[i].Delta;
+      starts_[static_cast<size_t>(i)] = position;
+    }
+    startsRevision_ = revision_;
+  }
+  return starts_;
+}
+
+int64_t EditorDocument::lengthTicks() {
+  const std::vector<int64_t>& s = starts();
+  int64_t end = 0;
+  for (size_t i = 0; i < s.size(); ++i) end = std::max(end, s[i] + engine().notes[i].Length);
+  return end;
+}
+
+void EditorDocument::preparePitchCurves() {
+  if (pitchRevision_ == revision_) return;
+  ctonm2& e = engine();
+  if (e.renderState.load() != 0) return;  // the render owns the notes' curves now
+  std::vector<float> envelopes(static_cast<size_t>(e.noteCount) * 16);
+  for (int32_t i = 0; i < e.noteCount; ++i) memcpy(&envelopes[static_cast<size_t>(i) * 16], e.notes[i].Envelope, 64);
+  e.preparationNotes();
+  e.makePitchMode2();
+  for (int32_t i = 0; i < e.noteCount; ++i) memcpy(e.notes[i].Envelope, &envelopes[static_cast<size_t>(i) * 16], 64);
+  pitchRevision_ = revision_;
+}

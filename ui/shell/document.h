@@ -1,0 +1,111 @@
+// EditorDocument: one open project as the editor sees it.
+//
+// It owns the editing model (CCNoteMan with its note manager, undo history
+// and the project's time signatures) and is the one road by which the
+// views change the notes: every edit is bracketed by beginEdit/endEdit (an
+// undo session with its command code), and before an edit starts the
+// document announces it (editStarting) so that playback stops first: the
+// note list never changes while a render runs.
+//
+// What the views draw from is cached by revision: the start tick of every
+// note, and the notes' rendered pitch curves and voice entries.
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "editing/ccnoteman.h"
+#include "editing/scaleman.h"
+
+class EditorDocument : public QObject, private UndoView {
+  Q_OBJECT
+
+ public:
+  explicit EditorDocument(QObject* parent = nullptr);
+  ~EditorDocument() override;
+
+  CCNoteMan& model() { return *model_; }
+  CNoteMan& notes() { return *model_->noteman(); }
+  ctonm2& engine() { return *model_->noteman()->engine(); }
+  CUndoMan& history() { return *model_->undoman(); }
+  CScaleMan& scale() { return scale_; }
+
+  // --- Files ------------------------------------------------------------------
+  // An empty project: no notes, tempo 120, 4/4, no voice bank.
+  void newProject();
+  // Reads a project and the voice bank it names. False with *error when
+  // the file holds no project or cannot be read; a missing voice bank is
+  // not an error (the notes stay silent and *warning says so).
+  bool open(const QString& path, QString* error, QString* warning = nullptr);
+  // The recovery file as a fresh, unsaved and modified project.
+  bool openRecovery(const QString& path, QString* error);
+  // Saves in the 1.2 form (version 120) or the 2.0 form (200); on success
+  // the project is at its save point.
+  bool save(const QString& path, int version, QString* error);
+  QString path() const { return path_; }
+  // The project's name, or the file name, or "Untitled".
+  QString displayName();
+  bool modified() const { return model_->undoman()->getModified(); }
+  int formVersion() { return engine().sntVersion; }
+
+  // --- Voice bank -------------------------------------------------------------
+  QString voiceFolder();
+  // Sings with the bank at `folder`; the project is marked modified when it
+  // changes. False with *error when no entry could be read there.
+  bool setVoiceFolder(const QString& folder, QString* error);
+  int voiceEntryCount();
+
+  // --- Edits ------------------------------------------------------------------
+  void beginEdit(uint32_t cmd);
+  void endEdit(uint32_t cmd);
+  void beginNoteEdit(int32_t index, uint32_t cmd);
+  void endNoteEdit(int32_t index, uint32_t cmd);
+  // A change outside the history (settings, a voice bank): modified mark
+  // and recovery file, and views redraw.
+  void markOtherModified();
+  void undo();
+  void redo();
+  QString undoTitle() const { return undoTitle_; }
+  QString redoTitle() const { return redoTitle_; }
+  // The notes changed outside an edit (the selection, a live drag step).
+  void touch();
+  uint64_t revision() const { return revision_; }
+  bool editing() const { return sessionOpen_; }
+
+  // --- What the views draw from -----------------------------------------------
+  // Start tick of every note (running sums of Delta; a live drag may leave
+  // them out of order).
+  const std::vector<int64_t>& starts();
+  // Prepares the notes and builds their pitch curves, for drawing only:
+  // the envelopes the preparation reshapes are put back as they were.
+  void preparePitchCurves();
+  // The end of the last note in ticks.
+  int64_t lengthTicks();
+
+ signals:
+  void editStarting();
+  void changed();
+  void undoTitlesChanged(const QString& undoTitle, const QString& redoTitle);
+  void modifiedChanged(bool modified);
+  void pathChanged();
+
+ private:
+  void setMenuTitles(const std::string& undoTitle, const std::string& redoTitle) override;
+  void setEdited(bool modified) override;
+  void reset();
+
+  CScaleMan scale_;
+  std::unique_ptr<CCNoteMan> model_;
+  QString path_;
+  QString undoTitle_;
+  QString redoTitle_;
+  uint64_t revision_ = 1;
+  uint64_t startsRevision_ = 0;
+  uint64_t pitchRevision_ = 0;
+  std::vector<int64_t> starts_;
+  bool sessionOpen_ = false;
+};

@@ -1,0 +1,688 @@
+#include "ui/shell/mainwindow.h"
+
+#include <QAction>
+#include <QActionGroup>
+#include <QApplication>
+#include <QCloseEvent>
+#include <QComboBox>
+#include <QDialog>
+#include <QDialogButtonBox>
+#include <QDoubleSpinBox>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QFormLayout>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QPlainTextEdit>
+#include <QProgressDialog>
+#include <QPushButton>
+#include <QSettings>
+#include <QStatusBar>
+#include <QThread>
+#include <QTimer>
+#include <QToolBar>
+#include <QVBoxLayout>
+
+#include <algorithm>
+#include <vector>
+
+#include "editing/undoman.h"
+#include "support/multibyte.h"
+#include "ui/shell/document.h"
+#include "ui/shell/player.h"
+#include "ui/shell/renderjob.h"
+#include "ui/views/pianoroll.h"
+#include "ui/views/rolleditor.h"
+#include "ui/views/timescale.h"
+
+namespace {
+
+constexpr int kRecentFiles = 10;
+constexpr int kSingerHistory = 10;
+
+struct GridChoice {
+  const char* label;
+  int ticks;
+};
+const GridChoice kGrids[] = {{"1/4", 480},  {"1/8", 240},  {"1/8 triplet", 160}, {"1/16", 120},
+                             {"1/16 triplet", 80}, {"1/32", 60}, {"1/64", 30}};
+
+QString clock(double ms) {
+  const int tenths = static_cast<int>(std::max(0.0, ms) / 100.0);
+  return QString("%1:%2.%3").arg(tenths / 600).arg(tenths / 10 % 60, 2, 10, QChar('0')).arg(tenths % 10);
+}
+
+}  // namespace
+
+MainWindow::MainWindow(QWidget* parent)
+    : QMainWindow(parent), document_(new EditorDocument(this)), editor_(new RollEditor(document_, this)) {
+  setAttribute(Qt::WA_DeleteOnClose);
+  setCentralWidget(editor_);
+  buildMenus();
+  buildToolBar();
+  positionLabel_ = new QLabel(this);
+  statusBar()->addPermanentWidget(positionLabel_);
+
+  connect(document_, &EditorDocument::undoTitlesChanged, this, [this] { updateActions(); });
+  connect(document_, &EditorDocument::modifiedChanged, this, [this](bool modified) {
+    setWindowModified(modified);
+  });
+  connect(document_, &EditorDocument::pathChanged, this, &MainWindow::updateTitle);
+  connect(document_, &EditorDocument::changed, this, &MainWindow::updateActions);
+  // The note list never changes while a render runs: an edit stops playback first.
+  connect(document_, &EditorDocument::editStarting, this, [this] {
+    if (Player::instance().document() == document_) Player::instance().stop();
+  });
+  Player& player = Player::instance();
+  connect(&player, &Player::positionChanged, this,
+          [this](int64_t tick, int singing, int64_t renderedFrom, int64_t renderedTo) {
+            if (Player::instance().document() != document_ && tick >= 0) return;
+            editor_->showPlayback(tick, singing, renderedFrom, renderedTo);
+            if (tick >= 0) positionLabel_->setText(clock(document_->notes().Ticks2MSec(tick)));
+          });
+  connect(&player, &Player::stateChanged, this, &MainWindow::updateActions);
+  connect(editor_->roll(), &PianoRoll::cursorMoved, this, [this](int64_t tick) {
+    positionLabel_->setText(clock(document_->notes().Ticks2MSec(tick)));
+  });
+
+  restoreSettings();
+  updateTitle();
+  updateActions();
+}
+
+MainWindow::~MainWindow() {
+  if (Player::instance().document() == document_) Player::instance().stop();
+}
+
+QAction* MainWindow::makeAction(const QString& name, const QString& text, const QKeySequence& key,
+                                void (MainWindow::*slot)()) {
+  auto* act = new QAction(text, this);
+  act->setObjectName(name);
+  if (!key.isEmpty()) act->setShortcut(key);
+  if (slot != nullptr) connect(act, &QAction::triggered, this, slot);
+  addAction(act);
+  return act;
+}
+
+QAction* MainWindow::action(const QString& name) const { return findChild<QAction*>(name); }
+
+void MainWindow::buildMenus() {
+  QMenu* file = menuBar()->addMenu(tr("&File"));
+  file->addAction(makeAction("new", tr("&New"), QKeySequence::New, &MainWindow::newProject));
+  file->addAction(makeAction("open", tr("&Open…"), QKeySequence::Open, &MainWindow::openDialog));
+  recentMenu_ = file->addMenu(tr("Open &Recent"));
+  file->addSeparator();
+  file->addAction(makeAction("save", tr("&Save"), QKeySequence::Save, nullptr));
+  connect(action("save"), &QAction::triggered, this, [this] { save(); });
+  file->addAction(makeAction("saveAs", tr("Save &As…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S),
+                             &MainWindow::saveAsDialog));
+  file->addAction(makeAction("render", tr("&Render to WAV…"), QKeySequence(Qt::CTRL | Qt::Key_R),
+                             &MainWindow::renderDialog));
+  file->addSeparator();
+  file->addAction(makeAction("quit", tr("&Quit"), QKeySequence::Quit, nullptr));
+  connect(action("quit"), &QAction::triggered, this, &QWidget::close);
+
+  QMenu* edit = menuBar()->addMenu(tr("&Edit"));
+  edit->addAction(makeAction("undo", tr("Undo"), QKeySequence(Qt::CTRL | Qt::Key_Z), nullptr));
+  connect(action("undo"), &QAction::triggered, document_, &EditorDocument::undo);
+  edit->addAction(makeAction("redo", tr("Redo"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z), nullptr));
+  action("redo")->setShortcuts({QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z), QKeySequence(Qt::CTRL | Qt::Key_Y)});
+  connect(action("redo"), &QAction::triggered, document_, &EditorDocument::redo);
+  edit->addSeparator();
+  edit->addAction(makeAction("cut", tr("Cu&t"), QKeySequence::Cut, &MainWindow::cutNotes));
+  edit->addAction(makeAction("copy", tr("&Copy"), QKeySequence::Copy, &MainWindow::copyNotes));
+  edit->addAction(makeAction("paste", tr("&Paste at Cursor"), QKeySequence::Paste, &MainWindow::pasteNotes));
+  edit->addAction(makeAction("delete", tr("&Delete"), QKeySequence(Qt::Key_Delete), &MainWindow::deleteNotes));
+  action("delete")->setShortcuts({QKeySequence(Qt::Key_Delete), QKeySequence(Qt::Key_Backspace)});
+  edit->addAction(makeAction("selectAll", tr("Select &All"), QKeySequence::SelectAll, &MainWindow::selectAll));
+  edit->addSeparator();
+  edit->addAction(makeAction("lyrics", tr("&Lyrics…"), QKeySequence(Qt::CTRL | Qt::Key_L), &MainWindow::lyricsDialog));
+  edit->addAction(makeAction("transposeUp", tr("Transpose &Up"), QKeySequence(Qt::CTRL | Qt::Key_Up),
+                             &MainWindow::transposeUp));
+  edit->addAction(makeAction("transposeDown", tr("Transpose Do&wn"), QKeySequence(Qt::CTRL | Qt::Key_Down),
+                             &MainWindow::transposeDown));
+  edit->addAction(makeAction("quantize", tr("&Quantize to Grid"), QKeySequence(Qt::Key_Q), &MainWindow::quantize));
+
+  QMenu* view = menuBar()->addMenu(tr("&View"));
+  view->addAction(makeAction("zoomIn", tr("Zoom &In"), QKeySequence::ZoomIn, nullptr));
+  connect(action("zoomIn"), &QAction::triggered, editor_, &RollEditor::zoomIn);
+  view->addAction(makeAction("zoomOut", tr("Zoom &Out"), QKeySequence::ZoomOut, nullptr));
+  connect(action("zoomOut"), &QAction::triggered, editor_, &RollEditor::zoomOut);
+  view->addAction(makeAction("zoomInVertical", tr("Zoom In &Vertically"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Equal),
+                             nullptr));
+  connect(action("zoomInVertical"), &QAction::triggered, editor_, &RollEditor::zoomInVertical);
+  view->addAction(makeAction("zoomOutVertical", tr("Zoom Out V&ertically"),
+                             QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Minus), nullptr));
+  connect(action("zoomOutVertical"), &QAction::triggered, editor_, &RollEditor::zoomOutVertical);
+  QMenu* follow = view->addMenu(tr("&Follow Playback"));
+  auto* followGroup = new QActionGroup(this);
+  const std::pair<const char*, RollEditor::Follow> follows[] = {
+      {"followPage", RollEditor::Follow::kPage},
+      {"followContinuous", RollEditor::Follow::kContinuous},
+      {"followOff", RollEditor::Follow::kOff}};
+  const QString followTexts[] = {tr("By &Page"), tr("&Continuously"), tr("&Off")};
+  for (int k = 0; k < 3; ++k) {
+    QAction* act = makeAction(follows[k].first, followTexts[k], QKeySequence(), nullptr);
+    act->setCheckable(true);
+    act->setChecked(k == 0);
+    followGroup->addAction(act);
+    follow->addAction(act);
+    const RollEditor::Follow mode = follows[k].second;
+    connect(act, &QAction::triggered, this, [this, mode] { editor_->setFollow(mode); });
+  }
+
+  QMenu* play = menuBar()->addMenu(tr("&Play"));
+  play->addAction(makeAction("play", tr("&Play/Pause"), QKeySequence(Qt::Key_Space), &MainWindow::playPause));
+  play->addAction(makeAction("stop", tr("&Stop"), QKeySequence(Qt::CTRL | Qt::Key_Period), &MainWindow::stopPlay));
+  play->addAction(makeAction("rewind", tr("&Rewind"), QKeySequence(Qt::Key_Home), &MainWindow::rewind));
+  play->addAction(makeAction("playFromCursor", tr("Play from &Cursor"), QKeySequence(Qt::SHIFT | Qt::Key_Space),
+                             &MainWindow::playFromCursor));
+  play->addAction(makeAction("playSelection", tr("Play S&election"), QKeySequence(Qt::CTRL | Qt::Key_Space),
+                             &MainWindow::playSelection));
+  QAction* loop = makeAction("loop", tr("&Loop Selection"), QKeySequence(), nullptr);
+  loop->setCheckable(true);
+  connect(loop, &QAction::toggled, this, [](bool on) { Player::instance().setLooping(on); });
+  play->addAction(loop);
+
+  QMenu* project = menuBar()->addMenu(tr("P&roject"));
+  project->addAction(makeAction("properties", tr("&Properties…"), QKeySequence(), &MainWindow::propertiesDialog));
+  singerMenu_ = project->addMenu(tr("&Singer"));
+  updateRecentMenu();
+  updateSingerMenu();
+}
+
+void MainWindow::buildToolBar() {
+  QToolBar* bar = addToolBar(tr("Tools"));
+  bar->setObjectName("tools");
+  bar->setMovable(false);
+  toolGroup_ = new QActionGroup(this);
+  const struct {
+    const char* name;
+    QString text;
+    PianoRoll::Tool tool;
+    Qt::Key key;
+  } tools[] = {{"toolSelect", tr("Select"), PianoRoll::Tool::kSelect, Qt::Key_1},
+               {"toolPen", tr("Pen"), PianoRoll::Tool::kPen, Qt::Key_2},
+               {"toolEraser", tr("Eraser"), PianoRoll::Tool::kEraser, Qt::Key_3}};
+  for (const auto& t : tools) {
+    QAction* act = makeAction(t.name, t.text, QKeySequence(t.key), nullptr);
+    act->setCheckable(true);
+    act->setChecked(t.tool == PianoRoll::Tool::kSelect);
+    toolGroup_->addAction(act);
+    bar->addAction(act);
+    const PianoRoll::Tool tool = t.tool;
+    connect(act, &QAction::triggered, this, [this, tool] { editor_->roll()->setTool(tool); });
+  }
+  bar->addSeparator();
+  bar->addWidget(new QLabel(tr(" Grid "), bar));
+  gridBox_ = new QComboBox(bar);
+  gridBox_->setObjectName("grid");
+  for (const GridChoice& g : kGrids) gridBox_->addItem(g.label, g.ticks);
+  gridBox_->setCurrentIndex(3);
+  bar->addWidget(gridBox_);
+  connect(gridBox_, &QComboBox::currentIndexChanged, this, [this](int) {
+    const int ticks = gridBox_->currentData().toInt();
+    editor_->timeScale()->setQuantize(ticks);
+    document_->model().setQuontize(ticks);
+  });
+  bar->addWidget(new QLabel(tr(" Note "), bar));
+  penBox_ = new QComboBox(bar);
+  penBox_->setObjectName("penLength");
+  for (const GridChoice& g : kGrids) penBox_->addItem(g.label, g.ticks);
+  penBox_->insertItem(0, "1/2", 960);
+  penBox_->setCurrentIndex(1);
+  bar->addWidget(penBox_);
+  connect(penBox_, &QComboBox::currentIndexChanged, this,
+          [this](int) { document_->model().setNotelength(penBox_->currentData().toInt()); });
+  document_->model().setNotelength(480);
+  bar->addSeparator();
+  bar->addAction(action("play"));
+  bar->addAction(action("stop"));
+  bar->addAction(action("rewind"));
+}
+
+void MainWindow::updateTitle() {
+  setWindowTitle(QString("%1[*] — TONA").arg(document_->displayName()));
+  setWindowModified(document_->modified());
+}
+
+void MainWindow::updateActions() {
+  CNoteMan& notes = document_->notes();
+  const bool selection = notes.getSelectCount() > 0;
+  action("undo")->setText(document_->undoTitle());
+  action("redo")->setText(document_->redoTitle());
+  action("undo")->setEnabled(document_->history().isCanUndo());
+  action("redo")->setEnabled(document_->history().isCanRedo());
+  for (const char* name : {"cut", "copy", "delete", "transposeUp", "transposeDown", "quantize", "playSelection"}) {
+    action(name)->setEnabled(selection);
+  }
+  Player& player = Player::instance();
+  const bool playing = player.document() == document_ && !player.paused();
+  action("play")->setText(playing ? tr("&Pause") : tr("&Play"));
+  action("stop")->setEnabled(player.document() == document_);
+}
+
+void MainWindow::showMessage(const QString& text, bool error) {
+  lastMessage_ = text;
+  statusBar()->showMessage(text, error ? 0 : 5000);
+}
+
+// --- Files -------------------------------------------------------------------------
+
+bool MainWindow::maybeSave() {
+  if (!document_->modified()) return true;
+  const auto answer = QMessageBox::question(
+      this, tr("Save changes?"), tr("The project \"%1\" has changes. Save them?").arg(document_->displayName()),
+      QMessageBox::Save | QMessageBox::Discard | QMessageBox::Cancel, QMessageBox::Save);
+  if (answer == QMessageBox::Cancel) return false;
+  if (answer == QMessageBox::Save) return save();
+  return true;
+}
+
+void MainWindow::newProject() {
+  if (!maybeSave()) return;
+  document_->newProject();
+  editor_->roll()->setCursorTick(0);
+  updateTitle();
+}
+
+bool MainWindow::openProject(const QString& path, bool quiet) {
+  if (!quiet && !maybeSave()) return false;
+  QString error, warning;
+  if (!document_->open(path, &error, &warning)) {
+    showMessage(error, true);
+    if (!quiet) QMessageBox::warning(this, tr("Cannot open"), error);
+    return false;
+  }
+  rememberRecent(document_->path());
+  if (!document_->voiceFolder().isEmpty() && document_->voiceEntryCount() > 0) rememberSinger(document_->voiceFolder());
+  if (!warning.isEmpty()) showMessage(warning, true);
+  editor_->roll()->setCursorTick(0);
+  editor_->showSongStart();
+  updateTitle();
+  return true;
+}
+
+bool MainWindow::openRecovery(const QString& path) {
+  QString error;
+  if (!document_->openRecovery(path, &error)) {
+    showMessage(error, true);
+    return false;
+  }
+  updateTitle();
+  return true;
+}
+
+void MainWindow::openDialog() {
+  const QString dir = document_->path().isEmpty() ? QString() : QFileInfo(document_->path()).absolutePath();
+  const QString path = QFileDialog::getOpenFileName(this, tr("Open Project"), dir, tr("Projects (*.snt);;All files (*)"));
+  if (!path.isEmpty()) openProject(path);
+}
+
+bool MainWindow::save() {
+  if (document_->path().isEmpty()) {
+    saveAsDialog();
+    return !document_->modified();
+  }
+  return saveAs(document_->path(), document_->formVersion());
+}
+
+bool MainWindow::saveAs(const QString& path, int version) {
+  QString error;
+  if (!document_->save(path, version, &error)) {
+    showMessage(error, true);
+    QMessageBox::warning(this, tr("Cannot save"), error);
+    return false;
+  }
+  rememberRecent(document_->path());
+  showMessage(tr("Saved %1").arg(path));
+  updateTitle();
+  return true;
+}
+
+void MainWindow::saveAsDialog() {
+  const QString form2 = tr("Project, 2.0 form (*.snt)");
+  const QString form12 = tr("Project, 1.2 form (*.snt)");
+  QString filter = document_->formVersion() < 200 ? form12 : form2;
+  QString start = document_->path();
+  if (start.isEmpty()) start = document_->displayName() + ".snt";
+  QString path = QFileDialog::getSaveFileName(this, tr("Save Project As"), start, form2 + ";;" + form12, &filter);
+  if (path.isEmpty()) return;
+  if (QFileInfo(path).suffix().isEmpty()) path += ".snt";
+  saveAs(path, filter == form12 ? 120 : 200);
+}
+
+void MainWindow::renderDialog() {
+  QString start = QString::fromUtf8(document_->engine().outfile);
+  if (start.isEmpty()) {
+    start = document_->path().isEmpty() ? document_->displayName() + ".wav"
+                                        : QFileInfo(document_->path()).absolutePath() + "/" +
+                                              QFileInfo(document_->path()).completeBaseName() + ".wav";
+  }
+  QString path = QFileDialog::getSaveFileName(this, tr("Render to WAV"), start, tr("WAV files (*.wav)"));
+  if (path.isEmpty()) return;
+  if (QFileInfo(path).suffix().isEmpty()) path += ".wav";
+  renderToWave(path);
+}
+
+bool MainWindow::renderToWave(const QString& path) {
+  Player::instance().stop();
+  RenderJob job;
+  QString error;
+  if (!job.start(document_, path, std::max(1, QThread::idealThreadCount()), &error)) {
+    showMessage(error, true);
+    return false;
+  }
+  QProgressDialog progress(tr("Rendering %1…").arg(QFileInfo(path).fileName()), tr("Cancel"), 0, 100, this);
+  progress.setWindowModality(Qt::WindowModal);
+  progress.setMinimumDuration(300);
+  QTimer poll;
+  poll.setInterval(50);
+  QEventLoop loop;
+  connect(&poll, &QTimer::timeout, &loop, [&] {
+    const int total = std::max(job.total(), 1);
+    progress.setValue(std::min(99, job.rendered() * 100 / total));
+    if (job.done()) loop.quit();
+  });
+  connect(&progress, &QProgressDialog::canceled, &loop, [&] {
+    job.cancel();
+    loop.quit();
+  });
+  poll.start();
+  if (!job.done()) loop.exec();
+  poll.stop();
+  progress.reset();
+  if (!job.finish(&error)) {
+    showMessage(error, true);
+    return false;
+  }
+  showMessage(tr("Rendered %1").arg(path));
+  return true;
+}
+
+// --- Editing -------------------------------------------------------------------------
+
+void MainWindow::cutNotes() {
+  document_->beginEdit(undo::kDelete);
+  document_->notes().CutNotes();
+  document_->endEdit(undo::kDelete);
+}
+
+void MainWindow::copyNotes() {
+  const int count = document_->notes().CopyNotes();
+  showMessage(tr("%n note(s) copied", nullptr, count));
+}
+
+void MainWindow::pasteNotes() {
+  document_->beginEdit(undo::kAdd);
+  document_->notes().PasteNotes(editor_->roll()->cursorTick());
+  document_->endEdit(undo::kAdd);
+}
+
+void MainWindow::deleteNotes() {
+  if (editor_->roll()->editingLyric()) return;
+  document_->beginEdit(undo::kDelete);
+  document_->notes().DeleteNotes();
+  document_->endEdit(undo::kDelete);
+}
+
+void MainWindow::selectAll() {
+  document_->notes().SelectAll();
+  document_->touch();
+}
+
+void MainWindow::transpose(int dNote) {
+  if (document_->notes().getSelectCount() == 0) return;
+  document_->beginEdit(undo::kMove);
+  document_->notes().addNoteNum(dNote, -1);
+  document_->endEdit(undo::kMove);
+}
+
+void MainWindow::transposeUp() { transpose(1); }
+void MainWindow::transposeDown() { transpose(-1); }
+
+void MainWindow::quantize() {
+  if (document_->notes().getSelectCount() == 0) return;
+  document_->beginEdit(undo::kQuantize);
+  document_->model().quantizeSelection(editor_->timeScale()->quantize());
+  document_->endEdit(undo::kQuantize);
+}
+
+void MainWindow::lyricsDialog() {
+  QDialog dialog(this);
+  dialog.setWindowTitle(tr("Lyrics"));
+  auto* layout = new QVBoxLayout(&dialog);
+  layout->addWidget(new QLabel(tr("Type or paste the lyrics; they flow into the notes from the first selected note "
+                                  "on, one syllable per note (spaces only separate)."),
+                               &dialog));
+  auto* text = new QPlainTextEdit(&dialog);
+  text->setObjectName("lyricsText");
+  layout->addWidget(text);
+  auto* status = new QLabel(&dialog);
+  status->setObjectName("lyricsStatus");
+  layout->addWidget(status);
+  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, &dialog);
+  QPushButton* flow = buttons->addButton(tr("&Flow In"), QDialogButtonBox::ApplyRole);
+  flow->setObjectName("flowIn");
+  layout->addWidget(buttons);
+  connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+  connect(flow, &QPushButton::clicked, &dialog, [&] {
+    CNoteMan& notes = document_->notes();
+    if (notes.getSelectCount() == 0) {
+      const int first = notes.firstNote();
+      if (first < 0) return;
+      notes.addSelect(first, 0);
+    }
+    // One selected note: the lyrics flow on to the end of the song.
+    if (notes.getSelectCount() == 1) {
+      notes.addSelect(notes.topOfSelection(), 0);
+      notes.addSelect(notes.lastNote(), 1);
+    }
+    QByteArray utf8 = text->toPlainText().toUtf8();
+    std::vector<char> buffer(static_cast<size_t>(utf8.size()) * 3 + 16, '\0');
+    memcpy(buffer.data(), utf8.constData(), static_cast<size_t>(utf8.size()));
+    int32_t assigned = 0;
+    document_->beginEdit(undo::kLyric);
+    notes.assignLyric(buffer.data(), buffer.size(), true, false, &assigned);
+    document_->endEdit(undo::kLyric);
+    // What is left comes back in Shift_JIS.
+    CMultiByte converter;
+    const char* left = converter.sjisToUtf8OrSame(buffer.data());
+    text->setPlainText(QString::fromUtf8(left != nullptr ? left : ""));
+    status->setText(tr("%n note(s) given a lyric", nullptr, assigned));
+  });
+  dialog.resize(420, 300);
+  dialog.exec();
+}
+
+// --- Playback -------------------------------------------------------------------------
+
+void MainWindow::playPause() {
+  Player& player = Player::instance();
+  if (player.document() == document_) {
+    player.paused() ? player.resume() : player.pause();
+    return;
+  }
+  playFromCursor();
+}
+
+void MainWindow::stopPlay() { Player::instance().stop(); }
+
+void MainWindow::rewind() {
+  Player& player = Player::instance();
+  if (player.document() == document_) {
+    player.rewind();
+  } else {
+    editor_->roll()->setCursorTick(0);
+  }
+}
+
+void MainWindow::playFromCursor() {
+  QString error;
+  Player& player = Player::instance();
+  if (!player.play(document_, editor_->roll()->cursorTick(), 0, false, &error)) showMessage(error, true);
+}
+
+void MainWindow::playSelection() {
+  CNoteMan& notes = document_->notes();
+  const int first = notes.topOfSelection(), last = notes.lastOfSelection();
+  if (first < 0) return;
+  const std::vector<int64_t>& starts = document_->starts();
+  const int64_t from = starts[static_cast<size_t>(first)];
+  const int64_t to = starts[static_cast<size_t>(last)] + notes.getNote(last)->Length;
+  QString error;
+  if (!Player::instance().play(document_, from, to, action("loop")->isChecked(), &error)) showMessage(error, true);
+}
+
+// --- Project -------------------------------------------------------------------------
+
+void MainWindow::propertiesDialog() {
+  ctonm2& engine = document_->engine();
+  QDialog dialog(this);
+  dialog.setWindowTitle(tr("Project Properties"));
+  auto* form = new QFormLayout(&dialog);
+  auto* name = new QLineEdit(QString::fromUtf8(engine.projectName), &dialog);
+  auto* tempo = new QDoubleSpinBox(&dialog);
+  tempo->setRange(10.0, 512.0);
+  tempo->setDecimals(2);
+  tempo->setValue(engine.tempo);
+  auto* voice = new QLineEdit(QString::fromUtf8(engine.voiceDir), &dialog);
+  auto* browse = new QPushButton(tr("Browse…"), &dialog);
+  auto* voiceRow = new QHBoxLayout;
+  voiceRow->addWidget(voice);
+  voiceRow->addWidget(browse);
+  connect(browse, &QPushButton::clicked, &dialog, [&] {
+    const QString dir = QFileDialog::getExistingDirectory(&dialog, tr("Voice Bank Folder"), voice->text());
+    if (!dir.isEmpty()) voice->setText(dir);
+  });
+  auto* output = new QLineEdit(QString::fromUtf8(engine.outfile), &dialog);
+  auto* flags = new QLineEdit(QString::fromUtf8(engine.flags), &dialog);
+  form->addRow(tr("Name"), name);
+  form->addRow(tr("Tempo"), tempo);
+  form->addRow(tr("Voice folder"), voiceRow);
+  form->addRow(tr("Output file"), output);
+  form->addRow(tr("Flags"), flags);
+  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, &dialog);
+  form->addRow(buttons);
+  connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
+  connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
+  if (dialog.exec() != QDialog::Accepted) return;
+  Player::instance().stop();
+  engine.set_projectName(name->text().toUtf8().constData());
+  engine.tempo = static_cast<float>(tempo->value());
+  engine.set_outfile(output->text().toUtf8().constData());
+  engine.set_flags(flags->text().toUtf8().constData());
+  document_->markOtherModified();
+  QString folder = voice->text();
+  QString current = QString::fromUtf8(engine.voiceDir);
+  if (!folder.endsWith('/')) folder += '/';
+  if (folder != current && folder != "/") {
+    QString error;
+    if (!document_->setVoiceFolder(folder, &error)) {
+      showMessage(error, true);
+    } else {
+      rememberSinger(document_->voiceFolder());
+    }
+  }
+  updateTitle();
+}
+
+void MainWindow::chooseSinger() {
+  const QString dir = QFileDialog::getExistingDirectory(this, tr("Voice Bank Folder"), document_->voiceFolder());
+  if (dir.isEmpty()) return;
+  QString error;
+  if (!document_->setVoiceFolder(dir, &error)) {
+    showMessage(error, true);
+    return;
+  }
+  rememberSinger(document_->voiceFolder());
+  showMessage(tr("Singing with %1 (%n entries)", nullptr, document_->voiceEntryCount()).arg(dir));
+}
+
+// --- Settings -------------------------------------------------------------------------
+
+void MainWindow::rememberRecent(const QString& path) {
+  if (path.isEmpty()) return;
+  QSettings settings;
+  QStringList recent = settings.value("recentFiles").toStringList();
+  recent.removeAll(path);
+  recent.prepend(path);
+  while (recent.size() > kRecentFiles) recent.removeLast();
+  settings.setValue("recentFiles", recent);
+  updateRecentMenu();
+}
+
+void MainWindow::rememberSinger(const QString& folder) {
+  if (folder.isEmpty()) return;
+  QSettings settings;
+  QStringList history = settings.value("singerHistory").toStringList();
+  history.removeAll(folder);
+  history.prepend(folder);
+  while (history.size() > kSingerHistory) history.removeLast();
+  settings.setValue("singerHistory", history);
+  updateSingerMenu();
+}
+
+void MainWindow::updateRecentMenu() {
+  recentMenu_->clear();
+  const QStringList recent = QSettings().value("recentFiles").toStringList();
+  for (const QString& path : recent) {
+    QAction* act = recentMenu_->addAction(QFileInfo(path).fileName());
+    act->setToolTip(path);
+    connect(act, &QAction::triggered, this, [this, path] { openProject(path); });
+  }
+  recentMenu_->setEnabled(!recent.isEmpty());
+}
+
+void MainWindow::updateSingerMenu() {
+  singerMenu_->clear();
+  QAction* choose = singerMenu_->addAction(tr("&Choose Voice Bank Folder…"));
+  connect(choose, &QAction::triggered, this, &MainWindow::chooseSinger);
+  const QStringList history = QSettings().value("singerHistory").toStringList();
+  if (!history.isEmpty()) singerMenu_->addSeparator();
+  for (const QString& folder : history) {
+    QAction* act = singerMenu_->addAction(QFileInfo(folder.endsWith('/') ? folder.chopped(1) : folder).fileName());
+    act->setToolTip(folder);
+    connect(act, &QAction::triggered, this, [this, folder] {
+      QString error;
+      if (!document_->setVoiceFolder(folder, &error)) showMessage(error, true);
+    });
+  }
+}
+
+void MainWindow::restoreSettings() {
+  QSettings settings;
+  restoreGeometry(settings.value("mainWindowFrame").toByteArray());
+  TimeScale* scale = editor_->timeScale();
+  scale->setPixelsPerTick(settings.value("zoom/pixelsPerTick", scale->pixelsPerTick()).toDouble());
+  scale->setRowHeight(settings.value("zoom/rowHeight", scale->rowHeight()).toInt());
+  const int grid = gridBox_->findData(settings.value("grid", 120).toInt());
+  if (grid >= 0) gridBox_->setCurrentIndex(grid);
+  scale->setQuantize(gridBox_->currentData().toInt());
+  document_->model().setQuontize(gridBox_->currentData().toInt());
+  const int pen = penBox_->findData(settings.value("noteDefaults/length", 480).toInt());
+  if (pen >= 0) penBox_->setCurrentIndex(pen);
+  document_->model().setNotelength(penBox_->currentData().toInt());
+}
+
+void MainWindow::saveSettings() {
+  QSettings settings;
+  settings.setValue("mainWindowFrame", saveGeometry());
+  settings.setValue("zoom/pixelsPerTick", editor_->timeScale()->pixelsPerTick());
+  settings.setValue("zoom/rowHeight", editor_->timeScale()->rowHeight());
+  settings.setValue("grid", gridBox_->currentData().toInt());
+  settings.setValue("noteDefaults/length", penBox_->currentData().toInt());
+}
+
+void MainWindow::closeEvent(QCloseEvent* event) {
+  if (!maybeSave()) {
+    event->ignore();
+    return;
+  }
+  if (Player::instance().document() == document_) Player::instance().stop();
+  saveSettings();
+  event->accept();
+}

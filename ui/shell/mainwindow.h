@@ -1,0 +1,95 @@
+// MainWindow: one project in one window, with its menus, tool bar and
+// status bar around the roll editor.
+#pragma once
+
+#include <QMainWindow>
+#include <QPointer>
+
+#include <cstdint>
+
+class EditorDocument;
+class QAction;
+class QActionGroup;
+class QComboBox;
+class QLabel;
+class QMenu;
+class RollEditor;
+
+class MainWindow : public QMainWindow {
+  Q_OBJECT
+
+ public:
+  explicit MainWindow(QWidget* parent = nullptr);
+  ~MainWindow() override;
+
+  EditorDocument* document() const { return document_; }
+  RollEditor* editor() const { return editor_; }
+
+  // Opens a project into this window (asking to save a modified one
+  // first unless `force`). False with a message shown when it fails.
+  bool openProject(const QString& path, bool quiet = false);
+  // Loads the recovery file as an unsaved, modified project.
+  bool openRecovery(const QString& path);
+  // Saves to the project's own path, or asks for one.
+  bool save();
+  bool saveAs(const QString& path, int version);
+  // Renders to a WAV file with a progress dialog; false when stopped or failed.
+  bool renderToWave(const QString& path);
+
+  // Actions by name, for the tests and the shortcuts ("undo", "play", ...).
+  QAction* action(const QString& name) const;
+
+  // The last error or notice shown in the status bar.
+  QString lastMessage() const { return lastMessage_; }
+
+ protected:
+  void closeEvent(QCloseEvent* event) override;
+
+ private:
+  QAction* makeAction(const QString& name, const QString& text, const QKeySequence& key, void (MainWindow::*slot)());
+  void buildMenus();
+  void buildToolBar();
+  void updateTitle();
+  void updateActions();
+  void updateRecentMenu();
+  void updateSingerMenu();
+  void rememberRecent(const QString& path);
+  void rememberSinger(const QString& folder);
+  void restoreSettings();
+  void saveSettings();
+  // False when the user cancelled.
+  bool maybeSave();
+  void showMessage(const QString& text, bool error = false);
+
+  void newProject();
+  void openDialog();
+  void saveAsDialog();
+  void renderDialog();
+  void cutNotes();
+  void copyNotes();
+  void pasteNotes();
+  void deleteNotes();
+  void selectAll();
+  void lyricsDialog();
+  void transposeUp();
+  void transposeDown();
+  void quantize();
+  void playPause();
+  void stopPlay();
+  void rewind();
+  void playFromCursor();
+  void playSelection();
+  void propertiesDialog();
+  void chooseSinger();
+  void transpose(int dNote);
+
+  EditorDocument* document_;
+  RollEditor* editor_;
+  QMenu* recentMenu_ = nullptr;
+  QMenu* singerMenu_ = nullptr;
+  QComboBox* gridBox_ = nullptr;
+  QComboBox* penBox_ = nullptr;
+  QActionGroup* toolGroup_ = nullptr;
+  QLabel* positionLabel_ = nullptr;
+  QString lastMessage_;
+};

@@ -1,0 +1,162 @@
+#include "ui/shell/player.h"
+
+#include <atomic>
+#include <cstdlib>
+
+#include "playback/audioout.h"
+#include "playback/sdl_output.h"
+#include "ui/shell/document.h"
+#include "ui/shell/texts.h"
+
+namespace {
+
+std::atomic<bool> started{false};
+std::atomic<bool> stopped{false};
+
+void onPlayStart() { started = true; }
+void onPlayStop() { stopped = true; }
+
+}  // namespace
+
+Player& Player::instance() {
+  static Player player;
+  return player;
+}
+
+Player::Player() {
+  timer_.setInterval(30);
+  connect(&timer_, &QTimer::timeout, this, &Player::poll);
+}
+
+Player::~Player() {
+  stop();
+  CAudioOut::on_play_start = nullptr;
+  CAudioOut::on_play_stop = nullptr;
+}
+
+QString Player::deviceName() const { return output_ != nullptr ? QString::fromUtf8(output_->deviceName()) : QString(); }
+
+bool Player::openDevice(QString* error) {
+  if (output_ != nullptr) return true;
+  std::string reason;
+  device_ = openAudioDevice(nullptr, &reason);
+  if (device_ == nullptr) {
+    *error = tr("No audio output: %1").arg(QString::fromStdString(reason));
+    return false;
+  }
+  output_ = std::make_unique<CAudioOut>(device_.get());
+  CAudioOut::on_play_start = onPlayStart;
+  CAudioOut::on_play_stop = onPlayStop;
+  return true;
+}
+
+bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bool loop, QString* error) {
+  stop();
+  if (!openDevice(error)) return false;
+  started = false;
+  stopped = false;
+  CNoteMan& notes = document->notes();
+  std::string message;
+  const int32_t result = notes.playStart(fromTick, toTick, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos,
+                                         nullptr, &message);
+  if (result <= 0) {
+    *error = message.empty() ? tr("The render could not start") : coreText(message.c_str());
+    document->touch();  // the preparation changed the notes' curves
+    return false;
+  }
+  document_ = document;
+  fromTick_ = fromTick;
+  toTick_ = toTick > fromTick ? toTick : document->lengthTicks();
+  fromMs_ = notes.Ticks2MSec(fromTick);
+  loop_ = loop;
+  paused_ = false;
+  wasWaiting_ = false;
+  waits_ = 0;
+  timer_.start();
+  emit stateChanged();
+  return true;
+}
+
+void Player::pause() {
+  if (document_ == nullptr || paused_ || output_ == nullptr) return;
+  output_->play_pause();
+  paused_ = true;
+  emit stateChanged();
+}
+
+void Player::resume() {
+  if (document_ == nullptr || !paused_ || output_ == nullptr) return;
+  if (started) output_->play_start();
+  paused_ = false;
+  emit stateChanged();
+}
+
+void Player::rewind() {
+  if (document_ == nullptr || !started) return;
+  CAudioOut::PlayingPos = CAudioOut::offset.load();
+}
+
+void Player::stop() {
+  if (document_ == nullptr) return;
+  timer_.stop();
+  ctonm2& engine = document_->engine();
+  if (engine.renderState.load() != 0) engine.render_stop();
+  uint8_t* block = engine.render_thread_join(nullptr);
+  if (output_ != nullptr) output_->play_stop();
+  if (!started) free(block);  // never handed to the player, which frees what it was given
+  CAudioOut::reclaim();
+  EditorDocument* document = document_;
+  document_ = nullptr;
+  paused_ = false;
+  emit positionChanged(-1, -1, -1, -1);
+  emit stateChanged();
+  document->touch();  // the render freed the curves it drew from
+}
+
+void Player::finish() {
+  EditorDocument* document = document_;
+  const int64_t from = fromTick_, to = toTick_;
+  const bool loop = loop_;
+  stop();
+  if (loop && document != nullptr) {
+    QString error;
+    play(document, from, to, true, &error);
+  }
+}
+
+void Player::poll() {
+  if (document_ == nullptr) return;
+  CAudioOut::reclaim();
+  const bool waiting = output_ != nullptr && output_->waiting();
+  if (waiting && !wasWaiting_) ++waits_;
+  wasWaiting_ = waiting;
+  ctonm2& engine = document_->engine();
+  const bool rendering = engine.renderState.load() != 0;
+  if ((started && stopped) || (!rendering && !started)) {
+    finish();
+    return;
+  }
+  CNoteMan& notes = document_->notes();
+  int64_t tick = fromTick_;
+  if (started) {
+    const double ms = fromMs_ + (static_cast<double>(CAudioOut::PlayingPos.load()) - CAudioOut::offset.load()) / 44.1;
+    tick = notes.MSec2Ticks(ms);
+  }
+  int64_t renderedTo = toTick_;
+  if (rendering) {
+    const uint32_t at = CAudioOut::renderPos.load();
+    renderedTo = at > CAudioOut::offset.load()
+                     ? notes.MSec2Ticks(fromMs_ + (static_cast<double>(at) - CAudioOut::offset.load()) / 44.1)
+                     : fromTick_;
+  }
+  // The note being sung: the last sounding note that has started.
+  int singing = -1;
+  const ctonm2& e = engine;
+  int64_t position = 0;
+  for (int32_t i = 0; i < e.noteCount; ++i) {
+    position += e.notes[i].Delta;
+    if (position > tick) break;
+    if (!ctonm2::is_r(e.notes[i].Lyric) && position + e.notes[i].Length > tick) singing = i;
+  }
+  emit positionChanged(tick, singing, fromTick_, std::max(renderedTo, fromTick_));
+}

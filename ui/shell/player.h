@@ -1,0 +1,71 @@
+// Player: playback of one document while it renders, for the editor.
+//
+// The audio output is process-wide (one CAudioOut, on SDL's device, opened
+// the first time something plays), so there is one Player: playing a
+// document stops whatever played before. A timer on the main thread reads
+// the playback state and reports the play position, the note being sung
+// and the rendered part in ticks; a finished play ends or, looped, starts
+// again.
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QTimer>
+
+#include <cstdint>
+#include <memory>
+
+class AudioDevice;
+class CAudioOut;
+class EditorDocument;
+
+class Player : public QObject {
+  Q_OBJECT
+
+ public:
+  static Player& instance();
+  ~Player() override;
+
+  // Renders and plays fromTick..toTick (toTick <= fromTick: to the end).
+  // False with *error when nothing can play (no device, no notes, no
+  // voice bank: the core's own message).
+  bool play(EditorDocument* document, int64_t fromTick, int64_t toTick, bool loop, QString* error);
+  void pause();
+  void resume();
+  // Back to the start of the range, playing on.
+  void rewind();
+  // Stops playing and rendering; nothing happens when idle.
+  void stop();
+
+  bool active() const { return document_ != nullptr; }
+  bool paused() const { return paused_; }
+  bool looping() const { return loop_; }
+  void setLooping(bool loop) { loop_ = loop; }
+  EditorDocument* document() const { return document_; }
+  // Times playback had to wait for the render since play started.
+  int waits() const { return waits_; }
+  QString deviceName() const;
+
+ signals:
+  // tick -1: stopped.
+  void positionChanged(int64_t tick, int singing, int64_t renderedFrom, int64_t renderedTo);
+  void stateChanged();
+
+ private:
+  Player();
+  void poll();
+  void finish();
+  bool openDevice(QString* error);
+
+  std::unique_ptr<AudioDevice> device_;
+  std::unique_ptr<CAudioOut> output_;
+  QTimer timer_;
+  EditorDocument* document_ = nullptr;
+  int64_t fromTick_ = 0;
+  int64_t toTick_ = 0;
+  double fromMs_ = 0.0;
+  bool loop_ = false;
+  bool paused_ = false;
+  bool wasWaiting_ = false;
+  int waits_ = 0;
+};

@@ -1,0 +1,44 @@
+// RenderJob: renders a document to a WAV file on worker threads while the
+// window stays responsive. The caller polls progress() and calls finish()
+// once done() (or cancel() to stop: nothing is written then).
+#pragma once
+
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+class EditorDocument;
+
+class RenderJob {
+ public:
+  RenderJob() = default;
+  ~RenderJob();
+  RenderJob(const RenderJob&) = delete;
+  RenderJob& operator=(const RenderJob&) = delete;
+
+  // Starts rendering every note; false with *error when nothing sounds.
+  bool start(EditorDocument* document, const QString& output, int threads, QString* error);
+  bool done() const { return done_.load(); }
+  // Notes rendered and notes in all.
+  int rendered() const { return rendered_.load(); }
+  int total() const { return total_.load(); }
+  void cancel();
+  // Waits for the render and writes the file (to a temporary name, then
+  // renamed). False with *error when it could not be written or was stopped.
+  bool finish(QString* error);
+
+ private:
+  static void progress(void* context, int32_t done, int32_t total);
+
+  EditorDocument* document_ = nullptr;
+  QString output_;
+  std::thread worker_;
+  uint8_t* block_ = nullptr;
+  int32_t size_ = 0;
+  std::atomic<bool> done_{false};
+  std::atomic<bool> cancelled_{false};
+  std::atomic<int> rendered_{0};
+  std::atomic<int> total_{0};
+};

@@ -1,0 +1,412 @@
+#include "ui/views/pianoroll.h"
+
+#include <QApplication>
+#include <QFontMetrics>
+#include <QHelpEvent>
+#include <QKeyEvent>
+#include <QLineEdit>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPainterPath>
+#include <QToolTip>
+#include <QWheelEvent>
+
+#include <algorithm>
+#include <cmath>
+
+#include "editing/undoman.h"
+#include "ui/shell/document.h"
+#include "ui/views/beats.h"
+#include "ui/views/timescale.h"
+#include "ui/views/tools.h"
+#include "voicebank/voiceset.h"
+
+const char* PianoRoll::kPenLyric = "あ";
+
+namespace {
+
+bool isBlackKey(int note) {
+  const int k = note % 12;
+  return k == 1 || k == 3 || k == 6 || k == 8 || k == 10;
+}
+
+const QColor kRowWhite(250, 250, 252);
+const QColor kRowBlack(236, 238, 243);
+const QColor kOctaveLine(200, 204, 214);
+const QColor kGridLine(228, 230, 236);
+const QColor kBeatLine(206, 210, 220);
+const QColor kMeasureLine(150, 156, 170);
+const QColor kNoteFill(104, 160, 220);
+const QColor kNoteSelected(245, 166, 80);
+const QColor kNoteBorder(52, 92, 150);
+const QColor kPitchLine(200, 40, 60);
+const QColor kPlayCursor(220, 30, 30);
+const QColor kEditCursor(40, 40, 40);
+
+// Why a note would not sing, or "" when it would.
+QString silentReason(EditorDocument& document, const NoteData& note) {
+  if (document.voiceEntryCount() == 0) return PianoRoll::tr("No voice bank is loaded");
+  if (note.VoiceFile == nullptr) {
+    return PianoRoll::tr("The voice bank has no entry for \"%1\"").arg(QString::fromUtf8(note.Lyric));
+  }
+  return QString();
+}
+
+QString noteName(int number) {
+  static const char* const kNames[12] = {"C", "C#", "D", "D#", "E", "F", "F#", "G", "G#", "A", "A#", "B"};
+  return QString("%1%2").arg(kNames[((number % 12) + 12) % 12]).arg(number / 12 - 1);
+}
+
+}  // namespace
+
+PianoRoll::PianoRoll(EditorDocument* document, TimeScale* scale, QWidget* parent)
+    : QWidget(parent), document_(document), scale_(scale) {
+  setFocusPolicy(Qt::StrongFocus);
+  setMouseTracking(true);
+  setAttribute(Qt::WA_OpaquePaintEvent);
+  setMinimumSize(200, 120);
+  setTool(Tool::kSelect);
+  connect(document_, &EditorDocument::changed, this, qOverload<>(&QWidget::update));
+  connect(scale_, &TimeScale::changed, this, qOverload<>(&QWidget::update));
+}
+
+PianoRoll::~PianoRoll() = default;
+
+void PianoRoll::setTool(Tool tool) {
+  toolKind_ = tool;
+  switch (tool) {
+    case Tool::kSelect: tool_ = std::make_unique<SelectTool>(*this); break;
+    case Tool::kPen: tool_ = std::make_unique<PenTool>(*this); break;
+    case Tool::kEraser: tool_ = std::make_unique<EraserTool>(*this); break;
+  }
+  setCursor(tool_->cursorAt(QPoint(-1, -1)));
+}
+
+QRectF PianoRoll::noteRect(int index) {
+  const std::vector<int64_t>& starts = document_->starts();
+  const NoteData* note = document_->notes().getNote(index);
+  if (note == nullptr || static_cast<size_t>(index) >= starts.size()) return QRectF();
+  const double x = scale_->tickToX(static_cast<double>(starts[static_cast<size_t>(index)]));
+  const double width = std::max(2.0, note->Length * scale_->pixelsPerTick());
+  return QRectF(x, scale_->noteToY(note->NoteNum), width, scale_->rowHeight());
+}
+
+int PianoRoll::noteAt(const QPoint& point) {
+  const ctonm2& engine = document_->engine();
+  // The last drawn (topmost) box first.
+  for (int32_t i = engine.noteCount - 1; i >= 0; --i) {
+    if (ctonm2::is_r(engine.notes[i].Lyric)) continue;
+    if (noteRect(i).contains(point)) return i;
+  }
+  return -1;
+}
+
+void PianoRoll::setPlayCursor(int64_t tick, int singing) {
+  if (tick == playTick_ && singing == singing_) return;
+  playTick_ = tick;
+  singing_ = singing;
+  update();
+}
+
+void PianoRoll::setCursorTick(int64_t tick) {
+  cursorTick_ = std::max<int64_t>(tick, 0);
+  emit cursorMoved(cursorTick_);
+  update();
+}
+
+void PianoRoll::setRubberBand(const QRect& rect) {
+  rubberBand_ = rect;
+  update();
+}
+
+void PianoRoll::paintEvent(QPaintEvent*) {
+  QPainter p(this);
+  const int w = width(), h = height();
+
+  // Rows, darker for the black keys, a line under every C.
+  const int row = scale_->rowHeight();
+  const int top = std::min(TimeScale::kNotes - 1, scale_->yToNote(0));
+  const int bottom = std::max(0, scale_->yToNote(h));
+  for (int n = top; n >= bottom; --n) {
+    const int y = scale_->noteToY(n);
+    p.fillRect(0, y, w, row, isBlackKey(n) ? kRowBlack : kRowWhite);
+    if (n % 12 == 0) {
+      p.setPen(kOctaveLine);
+      p.drawLine(0, y + row - 1, w, y + row - 1);
+    }
+  }
+  const int below = scale_->noteToY(0) + row;
+  if (below < h) p.fillRect(0, below, w, h - below, kRowBlack.darker(110));
+
+  // Grid at the quantize step (when not too dense), beats and measures.
+  const int64_t from = std::max<int64_t>(0, scale_->xToTick(0));
+  const int64_t to = scale_->xToTick(w) + 1;
+  const int step = std::max(scale_->quantize(), 1);
+  if (step * scale_->pixelsPerTick() >= 5.0) {
+    p.setPen(kGridLine);
+    for (int64_t t = from - from % step; t <= to; t += step) {
+      const int x = static_cast<int>(std::floor(scale_->tickToX(static_cast<double>(t))));
+      p.drawLine(x, 0, x, h);
+    }
+  }
+  forEachBeat(document_->scale(), from, to, [&](int64_t tick, bool measure, int) {
+    const int x = static_cast<int>(std::floor(scale_->tickToX(static_cast<double>(tick))));
+    p.setPen(measure ? kMeasureLine : kBeatLine);
+    p.drawLine(x, 0, x, h);
+  });
+
+  // Notes: boxes, lyrics, vibrato spans and pitch curves.
+  EditorDocument& document = *document_;
+  if (!document.editing()) document.preparePitchCurves();
+  const ctonm2& engine = document.engine();
+  const std::vector<int64_t>& starts = document.starts();
+  QFont font = p.font();
+  font.setPixelSize(std::clamp(row - 3, 8, 18));
+  p.setFont(font);
+  const QFontMetrics metrics(font);
+  const bool dragging = document.editing();
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    const NoteData& note = engine.notes[i];
+    if (ctonm2::is_r(note.Lyric)) continue;
+    const double x = scale_->tickToX(static_cast<double>(starts[static_cast<size_t>(i)]));
+    const double width = std::max(2.0, note.Length * scale_->pixelsPerTick());
+    if (x > w || x + width < 0) continue;
+    const int y = scale_->noteToY(note.NoteNum);
+    if (y > h || y + row < 0) continue;
+    const QRectF box(x, y, width, row);
+    const bool silent = document.voiceEntryCount() == 0 || note.VoiceFile == nullptr;
+    QColor fill = note.selected != 0 ? kNoteSelected : kNoteFill;
+    if (silent && !dragging) fill.setAlpha(90);
+    p.setPen(i == singing_ ? QPen(kPlayCursor, 2) : QPen(kNoteBorder));
+    p.setBrush(fill);
+    p.drawRoundedRect(box.adjusted(0.5, 0.5, -0.5, -0.5), 2, 2);
+
+    if (note.VBR[2] != 0 && note.VBR[0] > 0) {
+      const double span = width * std::min<int>(note.VBR[0], 100) / 100.0;
+      p.setPen(QPen(kNoteBorder, 1, Qt::DotLine));
+      p.setBrush(Qt::NoBrush);
+      p.drawRect(QRectF(x + width - span, y + 1, span - 1, row - 2));
+    }
+    // The rendered curve, in cents about the note, across the note's own
+    // time (the tempo in force at the note throughout).
+    if (note._pitch != nullptr && note._pitchlen > 1 && !(dragging && note.selected != 0) && note._tempo > 0.0f) {
+      const double lead = static_cast<double>(note._preuttr) + note._stp + note.stptrim;
+      const double pixelsPerMs = note._tempo / 125.0 * scale_->pixelsPerTick();
+      const double centre = y + row / 2.0;
+      QPainterPath path;
+      bool started = false;
+      const int32_t kFirst = std::max(0, static_cast<int32_t>(std::floor(lead / ctonm2::kPitchStepMs)));
+      for (int32_t k = kFirst; k < note._pitchlen; ++k) {
+        const double ms = k * ctonm2::kPitchStepMs - lead;  // from the note's start
+        if (ms > note._notelen) break;
+        const QPointF point(x + ms * pixelsPerMs, centre - note._pitch[k] / 100.0 * row);
+        if (!started) {
+          path.moveTo(point);
+          started = true;
+        } else {
+          path.lineTo(point);
+        }
+      }
+      p.setPen(QPen(kPitchLine, 1.2));
+      p.setBrush(Qt::NoBrush);
+      p.drawPath(path);
+    }
+    // The lyric last, over the curve, on a light patch so that it stays legible.
+    if (width > 8) {
+      const QString lyric = metrics.elidedText(QString::fromUtf8(note.Lyric), Qt::ElideRight,
+                                               static_cast<int>(width) - 4);
+      const QRectF patch(x + 2, y + 1, std::min<double>(metrics.horizontalAdvance(lyric) + 2, width - 3), row - 2);
+      p.fillRect(patch, QColor(255, 255, 255, note.selected != 0 ? 90 : 140));
+      p.setPen(silent ? QColor(60, 60, 60, 140) : QColor(20, 20, 30));
+      p.drawText(box.adjusted(3, 0, -1, 0), Qt::AlignVCenter | Qt::AlignLeft, lyric);
+    }
+  }
+
+  // The edit cursor, the play cursor and the rubber band.
+  const double cursorX = scale_->tickToX(static_cast<double>(cursorTick_));
+  if (cursorX >= 0 && cursorX <= w) {
+    p.setPen(QPen(kEditCursor, 1, Qt::DashLine));
+    p.drawLine(QPointF(cursorX, 0), QPointF(cursorX, h));
+  }
+  if (playTick_ >= 0) {
+    const double playX = scale_->tickToX(static_cast<double>(playTick_));
+    p.setPen(QPen(kPlayCursor, 2));
+    p.drawLine(QPointF(playX, 0), QPointF(playX, h));
+  }
+  if (!rubberBand_.isNull()) {
+    p.setPen(QPen(QColor(60, 100, 200), 1));
+    p.setBrush(QColor(60, 100, 200, 40));
+    p.drawRect(rubberBand_);
+  }
+}
+
+void PianoRoll::mousePressEvent(QMouseEvent* event) {
+  setFocus();
+  if (editingLyric()) commitLyric(false);
+  tool_->press(event);
+}
+
+void PianoRoll::mouseMoveEvent(QMouseEvent* event) {
+  if ((event->buttons() & Qt::LeftButton) != 0) {
+    tool_->move(event);
+    // Near an edge the view scrolls on.
+    const QPoint point = event->position().toPoint();
+    const int dx = point.x() < 0 ? point.x() : (point.x() > width() ? point.x() - width() : 0);
+    const int dy = point.y() < 0 ? point.y() : (point.y() > height() ? point.y() - height() : 0);
+    if (dx != 0 || dy != 0) emit wantScroll(dx, dy);
+  } else {
+    setCursor(tool_->cursorAt(event->position().toPoint()));
+  }
+}
+
+void PianoRoll::mouseReleaseEvent(QMouseEvent* event) { tool_->release(event); }
+
+void PianoRoll::mouseDoubleClickEvent(QMouseEvent* event) {
+  const int index = noteAt(event->position().toPoint());
+  if (index >= 0 && toolKind_ == Tool::kSelect) editLyric(index);
+}
+
+void PianoRoll::moveSelectionByKey(int dTicks, int dNote) {
+  EditorDocument& document = *document_;
+  if (document.notes().getSelectCount() == 0) return;
+  document.beginEdit(undo::kMove);
+  if (dNote != 0) {
+    document.notes().addNoteNum(dNote, -1);
+  } else {
+    document.model().dragSelection(dTicks, 0, scale_->quantize());
+  }
+  document.endEdit(undo::kMove);
+}
+
+void PianoRoll::keyPressEvent(QKeyEvent* event) {
+  if (tool_->key(event)) return;
+  const int step = scale_->quantize();
+  switch (event->key()) {
+    case Qt::Key_Left: moveSelectionByKey(-step, 0); break;
+    case Qt::Key_Right: moveSelectionByKey(step, 0); break;
+    case Qt::Key_Up: moveSelectionByKey(0, 1); break;
+    case Qt::Key_Down: moveSelectionByKey(0, -1); break;
+    case Qt::Key_Return:
+    case Qt::Key_Enter: {
+      const int first = document_->notes().topOfSelection();
+      if (first >= 0) editLyric(first);
+      break;
+    }
+    default: QWidget::keyPressEvent(event);
+  }
+}
+
+void PianoRoll::wheelEvent(QWheelEvent* event) {
+  const QPoint delta = event->angleDelta();
+  const int amount = delta.y() != 0 ? delta.y() : delta.x();
+  if ((event->modifiers() & Qt::ControlModifier) != 0) {
+    const double factor = std::pow(1.0015, amount);
+    if ((event->modifiers() & Qt::ShiftModifier) != 0) {
+      scale_->zoomVertical(factor, event->position().y());
+    } else {
+      scale_->zoomHorizontal(factor, event->position().x());
+    }
+  } else if ((event->modifiers() & Qt::ShiftModifier) != 0 || delta.x() != 0) {
+    emit wantScroll(-amount / 2, 0);
+  } else {
+    emit wantScroll(0, -amount / 2);
+  }
+  event->accept();
+}
+
+bool PianoRoll::event(QEvent* event) {
+  if (event->type() == QEvent::ToolTip) {
+    auto* help = static_cast<QHelpEvent*>(event);
+    const int index = noteAt(help->pos());
+    if (index < 0) {
+      QToolTip::hideText();
+      return true;
+    }
+    const NoteData& note = *document_->notes().getNote(index);
+    QString text = QString("%1  %2  %3 ticks").arg(QString::fromUtf8(note.Lyric), noteName(note.NoteNum)).arg(note.Length);
+    const QString reason = silentReason(*document_, note);
+    if (!reason.isEmpty()) text += "\n" + reason;
+    QToolTip::showText(help->globalPos(), text, this);
+    return true;
+  }
+  if (event->type() == QEvent::KeyPress && static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
+    if (tool_->key(static_cast<QKeyEvent*>(event))) return true;
+  }
+  return QWidget::event(event);
+}
+
+// --- Lyrics in place ---------------------------------------------------------------
+
+namespace {
+
+// Takes Tab, Enter and Esc from the lyric editor before focus handling does.
+class LyricKeys : public QObject {
+ public:
+  LyricKeys(QObject* parent, std::function<void(int key)> onKey) : QObject(parent), onKey_(std::move(onKey)) {}
+
+ protected:
+  bool eventFilter(QObject* watched, QEvent* event) override {
+    if (event->type() == QEvent::KeyPress) {
+      const int key = static_cast<QKeyEvent*>(event)->key();
+      if (key == Qt::Key_Tab || key == Qt::Key_Return || key == Qt::Key_Enter || key == Qt::Key_Escape) {
+        onKey_(key);
+        return true;
+      }
+    }
+    return QObject::eventFilter(watched, event);
+  }
+
+ private:
+  std::function<void(int key)> onKey_;
+};
+
+}  // namespace
+
+bool PianoRoll::editingLyric() const { return lyricEditor_ != nullptr && lyricEditor_->isVisible(); }
+
+void PianoRoll::editLyric(int index) {
+  const NoteData* note = document_->notes().getNote(index);
+  if (note == nullptr) return;
+  if (lyricEditor_ == nullptr) {
+    lyricEditor_ = new QLineEdit(this);
+    lyricEditor_->setAttribute(Qt::WA_InputMethodEnabled, true);
+    lyricEditor_->installEventFilter(new LyricKeys(lyricEditor_, [this](int key) {
+      if (key == Qt::Key_Escape) {
+        lyricEditor_->hide();
+        setFocus();
+      } else {
+        commitLyric(key == Qt::Key_Tab);
+      }
+    }));
+  }
+  lyricIndex_ = index;
+  const QRectF box = noteRect(index);
+  lyricEditor_->setGeometry(QRect(static_cast<int>(box.x()), static_cast<int>(box.y()) - 4,
+                                  std::max(80, static_cast<int>(box.width())), scale_->rowHeight() + 8));
+  lyricEditor_->setText(QString::fromUtf8(note->Lyric));
+  lyricEditor_->selectAll();
+  lyricEditor_->show();
+  lyricEditor_->setFocus();
+}
+
+void PianoRoll::commitLyric(bool moveOn) {
+  if (!editingLyric()) return;
+  const int index = lyricIndex_;
+  const QByteArray text = lyricEditor_->text().trimmed().toUtf8();
+  lyricEditor_->hide();
+  setFocus();
+  CNoteMan& notes = document_->notes();
+  if (notes.getNote(index) != nullptr && text != QByteArray(notes.getLyric(index))) {
+    document_->beginNoteEdit(index, undo::kLyric);
+    notes.setLyric(index, text.constData());
+    document_->endNoteEdit(index, undo::kLyric);
+  }
+  if (moveOn) {
+    const int next = notes.nextNote(index);
+    if (next >= 0) {
+      notes.addSelect(next, 0);
+      document_->touch();
+      editLyric(next);
+    }
+  }
+}

@@ -1,0 +1,88 @@
+// PianoRoll: the notes of one project on a grid of note rows and beats.
+//
+// It paints only what is visible: the rows, the grid at the quantize step,
+// the notes as boxes with their lyrics, each note's rendered pitch curve
+// and vibrato span, the selection, the rubber band, the play cursor and
+// the note being sung. Mouse input goes to the active tool (select, pen,
+// eraser); keys edit the selection; a lyric is edited in place.
+#pragma once
+
+#include <QPointer>
+#include <QRect>
+#include <QWidget>
+
+#include <cstdint>
+#include <memory>
+
+class EditorDocument;
+class QLineEdit;
+class RollTool;
+class TimeScale;
+
+class PianoRoll : public QWidget {
+  Q_OBJECT
+
+ public:
+  enum class Tool { kSelect, kPen, kEraser };
+
+  PianoRoll(EditorDocument* document, TimeScale* scale, QWidget* parent = nullptr);
+  ~PianoRoll() override;
+
+  EditorDocument* document() const { return document_; }
+  TimeScale* timeScale() const { return scale_; }
+
+  void setTool(Tool tool);
+  Tool tool() const { return toolKind_; }
+
+  // The note whose box holds the point (sounding notes only), -1 if none.
+  int noteAt(const QPoint& point);
+  // The box of note i on screen.
+  QRectF noteRect(int index);
+
+  // The play cursor (-1: hidden) and the note being sung (-1: none).
+  void setPlayCursor(int64_t tick, int singing);
+  // The edit cursor: where Paste and Play from cursor start.
+  int64_t cursorTick() const { return cursorTick_; }
+  void setCursorTick(int64_t tick);
+
+  // The rubber band drawn while selecting, in widget coordinates.
+  void setRubberBand(const QRect& rect);
+
+  // Opens the in-place lyric editor over note i.
+  void editLyric(int index);
+  bool editingLyric() const;
+
+  // The default lyric of a note made with the pen.
+  static const char* kPenLyric;
+
+ signals:
+  // The user clicked an empty place: the edit cursor moved there.
+  void cursorMoved(int64_t tick);
+  // A drag went past the view's edge (the view scrolls).
+  void wantScroll(int dx, int dy);
+
+ protected:
+  void paintEvent(QPaintEvent* event) override;
+  void mousePressEvent(QMouseEvent* event) override;
+  void mouseMoveEvent(QMouseEvent* event) override;
+  void mouseReleaseEvent(QMouseEvent* event) override;
+  void mouseDoubleClickEvent(QMouseEvent* event) override;
+  void keyPressEvent(QKeyEvent* event) override;
+  void wheelEvent(QWheelEvent* event) override;
+  bool event(QEvent* event) override;
+
+ private:
+  void commitLyric(bool moveOn);
+  void moveSelectionByKey(int dTicks, int dNote);
+
+  EditorDocument* document_;
+  TimeScale* scale_;
+  Tool toolKind_ = Tool::kSelect;
+  std::unique_ptr<RollTool> tool_;
+  int64_t playTick_ = -1;
+  int singing_ = -1;
+  int64_t cursorTick_ = 0;
+  QRect rubberBand_;
+  QPointer<QLineEdit> lyricEditor_;
+  int lyricIndex_ = -1;
+};

@@ -1,0 +1,121 @@
+#include "ui/views/rolleditor.h"
+
+#include <QApplication>
+#include <QGridLayout>
+#include <QScrollBar>
+
+#include <algorithm>
+
+#include "ui/shell/document.h"
+#include "ui/views/pianoroll.h"
+#include "ui/views/rulers.h"
+#include "ui/views/timescale.h"
+
+RollEditor::RollEditor(EditorDocument* document, QWidget* parent)
+    : QWidget(parent), document_(document), scale_(new TimeScale) {
+  scale_->setParent(this);
+  roll_ = new PianoRoll(document, scale_, this);
+  ruler_ = new Ruler(document, scale_, this);
+  keyboard_ = new Keyboard(scale_, this);
+  horizontal_ = new QScrollBar(Qt::Horizontal, this);
+  vertical_ = new QScrollBar(Qt::Vertical, this);
+
+  auto* grid = new QGridLayout(this);
+  grid->setContentsMargins(0, 0, 0, 0);
+  grid->setSpacing(0);
+  auto* corner = new QWidget(this);
+  corner->setFixedSize(keyboard_->width(), ruler_->height());
+  grid->addWidget(corner, 0, 0);
+  grid->addWidget(ruler_, 0, 1);
+  grid->addWidget(keyboard_, 1, 0);
+  grid->addWidget(roll_, 1, 1);
+  grid->addWidget(vertical_, 1, 2);
+  grid->addWidget(horizontal_, 2, 1);
+
+  connect(horizontal_, &QScrollBar::valueChanged, this, [this](int value) {
+    if (!syncing_) scale_->setScrollX(value);
+  });
+  connect(vertical_, &QScrollBar::valueChanged, this, [this](int value) {
+    if (!syncing_) scale_->setScrollY(value);
+  });
+  connect(scale_, &TimeScale::changed, this, &RollEditor::updateScrollBars);
+  connect(document_, &EditorDocument::changed, this, &RollEditor::updateScrollBars);
+  connect(roll_, &PianoRoll::wantScroll, this, [this](int dx, int dy) {
+    horizontal_->setValue(horizontal_->value() + dx);
+    vertical_->setValue(vertical_->value() + dy);
+  });
+  connect(roll_, &PianoRoll::cursorMoved, ruler_, &Ruler::setCursorTick);
+  connect(ruler_, &Ruler::clicked, roll_, &PianoRoll::setCursorTick);
+
+  // Middle C a little below the middle of a first view.
+  scale_->setScrollY(std::max(0, scale_->noteToY(72)));
+  updateScrollBars();
+}
+
+void RollEditor::updateScrollBars() {
+  syncing_ = true;
+  // The song and four more measures, at least one screen.
+  const int64_t ticks = document_->lengthTicks() + 4 * 4 * 480;
+  const int contentWidth = static_cast<int>(std::min<double>(ticks * scale_->pixelsPerTick(), 1e9));
+  horizontal_->setRange(0, std::max(0, contentWidth - roll_->width()));
+  horizontal_->setPageStep(std::max(1, roll_->width()));
+  horizontal_->setSingleStep(std::max(1, roll_->width() / 20));
+  vertical_->setRange(0, std::max(0, scale_->contentHeight() - roll_->height()));
+  vertical_->setPageStep(std::max(1, roll_->height()));
+  vertical_->setSingleStep(scale_->rowHeight());
+  horizontal_->setValue(scale_->scrollX());
+  vertical_->setValue(scale_->scrollY());
+  syncing_ = false;
+  // The scroll bars clamp; the scale follows what they kept.
+  if (horizontal_->value() != scale_->scrollX()) scale_->setScrollX(horizontal_->value());
+  if (vertical_->value() != scale_->scrollY()) scale_->setScrollY(vertical_->value());
+}
+
+void RollEditor::resizeEvent(QResizeEvent* event) {
+  QWidget::resizeEvent(event);
+  updateScrollBars();
+}
+
+void RollEditor::showPlayback(int64_t tick, int singing, int64_t renderedFrom, int64_t renderedTo) {
+  roll_->setPlayCursor(tick, singing);
+  ruler_->setPlayTick(tick);
+  ruler_->setRenderedTicks(renderedFrom, renderedTo);
+  if (tick < 0 || follow_ == Follow::kOff) return;
+  // Never while the user holds a mouse button: the view is theirs then.
+  if (QApplication::mouseButtons() != Qt::NoButton || document_->editing()) return;
+  const double x = scale_->tickToX(static_cast<double>(tick));
+  const int w = roll_->width();
+  if (follow_ == Follow::kContinuous) {
+    horizontal_->setValue(static_cast<int>(x + scale_->scrollX() - w / 3));
+  } else if (x > w - 10 || x < 0) {
+    horizontal_->setValue(static_cast<int>(x + scale_->scrollX() - 10));
+  }
+}
+
+void RollEditor::ensureVisible(int64_t tick, int note) {
+  const double x = scale_->tickToX(static_cast<double>(tick));
+  if (x < 0 || x > roll_->width() - 20) horizontal_->setValue(static_cast<int>(x + scale_->scrollX() - 40));
+  const int y = scale_->noteToY(note);
+  if (y < 0 || y > roll_->height() - scale_->rowHeight()) {
+    vertical_->setValue(y + scale_->scrollY() - roll_->height() / 2);
+  }
+}
+
+void RollEditor::showSongStart() {
+  const ctonm2& engine = document_->engine();
+  int low = 127, high = 0;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    if (ctonm2::is_r(engine.notes[i].Lyric)) continue;
+    low = std::min<int>(low, engine.notes[i].NoteNum);
+    high = std::max<int>(high, engine.notes[i].NoteNum);
+  }
+  if (low > high) low = high = 60;
+  horizontal_->setValue(0);
+  const int middle = (scale_->noteToY(low) + scale_->noteToY(high) + scale_->rowHeight()) / 2 + scale_->scrollY();
+  vertical_->setValue(middle - roll_->height() / 2);
+}
+
+void RollEditor::zoomIn() { scale_->zoomHorizontal(1.25, roll_->width() / 2.0); }
+void RollEditor::zoomOut() { scale_->zoomHorizontal(0.8, roll_->width() / 2.0); }
+void RollEditor::zoomInVertical() { scale_->zoomVertical(1.25, roll_->height() / 2.0); }
+void RollEditor::zoomOutVertical() { scale_->zoomVertical(0.8, roll_->height() / 2.0); }

@@ -1,0 +1,61 @@
+// RollEditor: the roll with its ruler, keyboard and scroll bars, all on
+// one time scale. It keeps the scroll bars and the view in step, scrolls
+// to follow playback in the mode the user picks, and never while the user
+// drags.
+#pragma once
+
+#include <QWidget>
+
+#include <cstdint>
+
+class EditorDocument;
+class Keyboard;
+class PianoRoll;
+class QScrollBar;
+class Ruler;
+class TimeScale;
+
+class RollEditor : public QWidget {
+  Q_OBJECT
+
+ public:
+  enum class Follow { kPage, kContinuous, kOff };
+
+  RollEditor(EditorDocument* document, QWidget* parent = nullptr);
+
+  TimeScale* timeScale() const { return scale_; }
+  PianoRoll* roll() const { return roll_; }
+  Ruler* ruler() const { return ruler_; }
+
+  void setFollow(Follow follow) { follow_ = follow; }
+  Follow follow() const { return follow_; }
+  // The play position (-1: not playing), the note being sung and the
+  // rendered part of the song, in ticks.
+  void showPlayback(int64_t tick, int singing, int64_t renderedFrom, int64_t renderedTo);
+  // Shows the start of the song with its notes' range in the middle.
+  void showSongStart();
+  // Scrolls so that the note `note` at `tick` is in view.
+  void ensureVisible(int64_t tick, int note);
+
+ public slots:
+  void zoomIn();
+  void zoomOut();
+  void zoomInVertical();
+  void zoomOutVertical();
+
+ protected:
+  void resizeEvent(QResizeEvent* event) override;
+
+ private:
+  void updateScrollBars();
+
+  EditorDocument* document_;
+  TimeScale* scale_;
+  PianoRoll* roll_;
+  Ruler* ruler_;
+  Keyboard* keyboard_;
+  QScrollBar* horizontal_;
+  QScrollBar* vertical_;
+  Follow follow_ = Follow::kPage;
+  bool syncing_ = false;
+};

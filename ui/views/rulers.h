@@ -1,0 +1,53 @@
+// The panes beside the roll: the ruler above it (measures and beats, tempo
+// marks, the rendered part, the play and edit cursors) and the keyboard to
+// its left. Both follow the roll's time scale.
+#pragma once
+
+#include <QWidget>
+
+#include <cstdint>
+
+class EditorDocument;
+class TimeScale;
+
+class Ruler : public QWidget {
+  Q_OBJECT
+
+ public:
+  Ruler(EditorDocument* document, TimeScale* scale, QWidget* parent = nullptr);
+  QSize sizeHint() const override { return QSize(400, 34); }
+
+  // -1 hides a mark.
+  void setPlayTick(int64_t tick);
+  void setRenderedTicks(int64_t from, int64_t to);
+  void setCursorTick(int64_t tick);
+
+ signals:
+  void clicked(int64_t tick);
+
+ protected:
+  void paintEvent(QPaintEvent* event) override;
+  void mousePressEvent(QMouseEvent* event) override;
+
+ private:
+  EditorDocument* document_;
+  TimeScale* scale_;
+  int64_t playTick_ = -1;
+  int64_t renderedFrom_ = -1;
+  int64_t renderedTo_ = -1;
+  int64_t cursorTick_ = 0;
+};
+
+class Keyboard : public QWidget {
+  Q_OBJECT
+
+ public:
+  Keyboard(TimeScale* scale, QWidget* parent = nullptr);
+  QSize sizeHint() const override { return QSize(56, 400); }
+
+ protected:
+  void paintEvent(QPaintEvent* event) override;
+
+ private:
+  TimeScale* scale_;
+};
