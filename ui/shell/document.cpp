@@ -67,13 +67,15 @@ bool EditorDocument::open(const QString& path, QString* error, QString* warning)
   path_ = QFileInfo(path).absoluteFilePath();
   const std::string named = engine().voiceDir;
   bool elsewhere = false;
-  const std::string bank = resolveVoiceBank(file, named, &elsewhere);
+  // An empty VoiceDir= reads as "/": no bank named.
+  const bool none = named.empty() || named == "/";
+  const std::string bank = none ? std::string() : resolveVoiceBank(file, named, &elsewhere);
   engine().set_voiceDir(bank.c_str());
   if (!bank.empty()) notes().readVoiceset();
   if (warning != nullptr) {
     warning->clear();
     if (voiceEntryCount() == 0) {
-      *warning = named.empty() ? tr("The project names no voice bank: choose one under Project > Singer.")
+      *warning = none ? tr("The project names no voice bank: choose one under Project > Singer.")
                                : tr("No voice bank at %1: the notes stay silent.").arg(QString::fromStdString(bank));
     }
   }

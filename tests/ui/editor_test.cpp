@@ -1,0 +1,443 @@
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QComboBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTest>
+#include <QTimer>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "editing/noteman.h"
+#include "editing/scaleman.h"
+#include "editing/undoman.h"
+#include "tests/testutil.h"
+#include "tests/voicebank/bank.h"
+#include "ui/shell/document.h"
+#include "ui/shell/mainwindow.h"
+#include "ui/shell/player.h"
+#include "ui/shell/startup.h"
+#include "ui/shell/texts.h"
+#include "ui/views/pianoroll.h"
+#include "ui/views/rolleditor.h"
+#include "ui/views/timescale.h"
+
+// QString in failure messages as text.
+void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
+
+namespace {
+
+struct Note {
+  int delta;
+  int length;
+  const char* lyric;
+  int noteNum;
+};
+
+// A 2.0 project of the given notes, singing with `voiceDir`.
+std::string project(const std::vector<Note>& notes, const std::string& voiceDir = "") {
+  std::string text = "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120.00\nProjectName=test\nVoiceDir=" +
+                     voiceDir + "\nMode2=True\n";
+  char section[32];
+  for (size_t i = 0; i < notes.size(); ++i) {
+    snprintf(section, sizeof section, "[#%04zu]\n", i);
+    text += section;
+    text += "Delta=" + std::to_string(notes[i].delta) + "\nDuration=" + std::to_string(notes[i].length) +
+            "\nLyric=" + notes[i].lyric + "\nNoteNum=" + std::to_string(notes[i].noteNum) + "\nIntensity=100\n";
+  }
+  return text + "[#TRACKEND]\n";
+}
+
+struct Read {
+  int64_t start;
+  int length;
+  std::string lyric;
+  int noteNum;
+  bool operator==(const Read& o) const {
+    return start == o.start && length == o.length && lyric == o.lyric && noteNum == o.noteNum;
+  }
+};
+
+std::ostream& operator<<(std::ostream& out, const Read& r) {
+  return out << "{" << r.start << ", " << r.length << ", " << r.lyric << ", " << r.noteNum << "}";
+}
+
+// The sounding notes of the engine with their absolute starts.
+std::vector<Read> soundingNotes(ctonm2& engine) {
+  std::vector<Read> out;
+  int64_t position = 0;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    position += engine.notes[i].Delta;
+    if (!ctonm2::is_r(engine.notes[i].Lyric)) {
+      out.push_back({position, engine.notes[i].Length, engine.notes[i].Lyric, engine.notes[i].NoteNum});
+    }
+  }
+  return out;
+}
+
+// Runs `step` on the next modal dialog once it is up.
+void whenModal(std::function<void(QWidget*)> step) {
+  QTimer::singleShot(0, [step] {
+    QWidget* modal = QApplication::activeModalWidget();
+    if (modal == nullptr) {
+      whenModal(step);  // not up yet
+      return;
+    }
+    step(modal);
+  });
+}
+
+class Editor : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    removeCoreTexts();  // the texts as written
+    window_ = new MainWindow;
+    window_->resize(1000, 640);
+    window_->show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(window_));
+    roll_ = window_->editor()->roll();
+    scale_ = window_->editor()->timeScale();
+    scale_->setPixelsPerTick(0.1);
+    scale_->setRowHeight(14);
+    scale_->setScrollX(0);
+    scale_->setScrollY(scale_->noteToY(80) + scale_->scrollY());  // note 80 in the top row
+    window_->findChild<QComboBox*>("grid")->setCurrentIndex(3);        // 1/16: 120 ticks
+    window_->findChild<QComboBox*>("penLength")->setCurrentIndex(1);   // 1/4: 480 ticks
+  }
+  void TearDown() override {
+    Player::instance().stop();
+    delete window_;  // no close: a modified project would ask
+  }
+
+  EditorDocument& doc() { return *window_->document(); }
+  void open(const std::vector<Note>& notes, const std::string& voiceDir = "") {
+    const std::string path = dir_.file("song.snt");
+    ASSERT_TRUE(writeFile(path, project(notes, voiceDir)));
+    ASSERT_TRUE(window_->openProject(QString::fromStdString(path), true));
+    scale_->setScrollX(0);
+    scale_->setScrollY(scale_->noteToY(80) + scale_->scrollY());
+  }
+  // The middle of the place of `tick` on the row of `note`.
+  QPoint at(int64_t tick, int note) {
+    return QPoint(static_cast<int>(scale_->tickToX(static_cast<double>(tick))) + 2,
+                  scale_->noteToY(note) + scale_->rowHeight() / 2);
+  }
+  QPoint centreOf(int index) { return roll_->noteRect(index).center().toPoint(); }
+  void click(QPoint p, Qt::KeyboardModifiers mods = Qt::NoModifier) {
+    QTest::mouseClick(roll_, Qt::LeftButton, mods, p);
+  }
+  // A press, moves on the way and a release, as a hand drags.
+  void drag(QPoint from, QPoint to, Qt::KeyboardModifiers mods = Qt::NoModifier, bool release = true) {
+    QTest::mousePress(roll_, Qt::LeftButton, mods, from);
+    for (int k = 1; k <= 4; ++k) {
+      const QPoint p = from + (to - from) * k / 4;
+      QMouseEvent move(QEvent::MouseMove, p, roll_->mapToGlobal(p), Qt::NoButton, Qt::LeftButton, mods);
+      QApplication::sendEvent(roll_, &move);
+    }
+    if (release) QTest::mouseRelease(roll_, Qt::LeftButton, mods, to);
+  }
+  void trigger(const char* name) {
+    QAction* act = window_->action(name);
+    ASSERT_NE(act, nullptr) << name;
+    act->trigger();
+  }
+  QString title(const char* name) { return window_->action(name)->text(); }
+
+  FakeHome home_;
+  TempDir dir_;
+  MainWindow* window_ = nullptr;
+  PianoRoll* roll_ = nullptr;
+  TimeScale* scale_ = nullptr;
+};
+
+TEST_F(Editor, PenMakesSnappedNotesAndUndoRedoGoThroughTheMenu) {
+  window_->action("toolPen")->trigger();
+  EXPECT_EQ(title("undo"), "元に戻す");
+  click(at(500, 70));   // snapped down to 480
+  click(at(1000, 72));  // to 960
+  EXPECT_EQ(soundingNotes(doc().engine()),
+            (std::vector<Read>{{480, 480, "あ", 70}, {960, 480, "あ", 72}}));
+  EXPECT_EQ(title("undo"), "音符の追加を元に戻す");
+  EXPECT_FALSE(window_->action("redo")->isEnabled());
+  EXPECT_TRUE(window_->isWindowModified());
+
+  trigger("undo");
+  EXPECT_EQ(soundingNotes(doc().engine()), (std::vector<Read>{{480, 480, "あ", 70}}));
+  EXPECT_EQ(title("redo"), "音符の追加をやり直し");
+  trigger("undo");
+  EXPECT_TRUE(soundingNotes(doc().engine()).empty());
+  EXPECT_EQ(title("undo"), "元に戻す");
+  EXPECT_FALSE(window_->isWindowModified());  // back at the saved state
+  trigger("redo");
+  trigger("redo");
+  EXPECT_EQ(soundingNotes(doc().engine()).size(), 2u);
+
+  // Dragging with the pen draws a longer note, snapped to the grid.
+  drag(at(2400, 65), at(2400 + 1100, 65));
+  EXPECT_EQ(soundingNotes(doc().engine()).back(), (Read{2400, 1080, "あ", 65}));
+}
+
+TEST_F(Editor, RubberBandSelectsAndADragMovesTheSelectionSnapped) {
+  open({{480, 480, "さ", 70}, {480, 480, "く", 72}, {480, 480, "ら", 74}});
+  // A band over the first two boxes.
+  drag(at(300, 73) - QPoint(0, 8), at(1100, 69) + QPoint(0, 8));
+  EXPECT_TRUE(doc().notes().isSelected(0));
+  EXPECT_TRUE(doc().notes().isSelected(1));
+  EXPECT_FALSE(doc().notes().isSelected(2));
+
+  // Drag the second box right by about 1.4 steps of 120 and up two rows:
+  // both selected notes go one step right and two up.
+  const QPoint from = centreOf(1);
+  drag(from, from + QPoint(static_cast<int>(170 * scale_->pixelsPerTick()), -2 * scale_->rowHeight()));
+  EXPECT_EQ(soundingNotes(doc().engine()),
+            (std::vector<Read>{{600, 480, "さ", 72}, {1080, 480, "く", 74}, {1440, 480, "ら", 74}}));
+  // Past a neighbour: the notes are put back in time order.
+  drag(centreOf(1), centreOf(1) + QPoint(static_cast<int>(600 * scale_->pixelsPerTick()), 0));
+  EXPECT_EQ(soundingNotes(doc().engine()),
+            (std::vector<Read>{{1200, 480, "さ", 72}, {1440, 480, "ら", 74}, {1680, 480, "く", 74}}));
+  trigger("undo");
+  EXPECT_EQ(title("undo"), "音符の移動を元に戻す");
+  trigger("undo");
+  EXPECT_EQ(soundingNotes(doc().engine()),
+            (std::vector<Read>{{480, 480, "さ", 70}, {960, 480, "く", 72}, {1440, 480, "ら", 74}}));
+
+  // Esc in the middle of a drag puts everything back and records nothing.
+  const int steps = doc().history().steps();
+  const QPoint start = centreOf(0);
+  drag(start, start + QPoint(200, 0), Qt::NoModifier, false);
+  EXPECT_NE(soundingNotes(doc().engine())[0].start, 480);  // it follows the mouse
+  QTest::keyClick(roll_, Qt::Key_Escape);
+  QTest::mouseRelease(roll_, Qt::LeftButton, Qt::NoModifier, start + QPoint(200, 0));
+  EXPECT_EQ(soundingNotes(doc().engine()),
+            (std::vector<Read>{{480, 480, "さ", 70}, {960, 480, "く", 72}, {1440, 480, "ら", 74}}));
+  EXPECT_EQ(doc().history().steps(), steps);
+}
+
+TEST_F(Editor, ClicksSelectOneARangeOrToggleAndTheRightEdgeResizes) {
+  open({{480, 480, "さ", 70}, {480, 480, "く", 70}, {480, 480, "ら", 70}});
+  click(centreOf(0));
+  click(centreOf(2), Qt::ShiftModifier);
+  EXPECT_EQ(doc().notes().getSelectCount(), 3);
+  click(centreOf(1), Qt::ControlModifier);
+  EXPECT_FALSE(doc().notes().isSelected(1));
+  EXPECT_EQ(doc().notes().getSelectCount(), 2);
+  click(centreOf(1));
+  EXPECT_EQ(doc().notes().getSelectCount(), 1);
+
+  // The right edge of the third box, dragged by 310 ticks: its end goes to
+  // the nearest grid line, 360 ticks on.
+  const QRectF box = roll_->noteRect(2);
+  const QPoint edge(static_cast<int>(box.right()) - 2, static_cast<int>(box.center().y()));
+  drag(edge, edge + QPoint(static_cast<int>(310 * scale_->pixelsPerTick()), 0));
+  EXPECT_EQ(soundingNotes(doc().engine())[2], (Read{1440, 840, "ら", 70}));
+  EXPECT_EQ(title("undo"), "長さの変更を元に戻す");
+}
+
+TEST_F(Editor, LyricsAreTypedInPlaceAndTabMovesToTheNextNote) {
+  open({{480, 480, "あ", 70}, {480, 480, "あ", 70}, {480, 480, "あ", 70}});
+  QTest::mouseDClick(roll_, Qt::LeftButton, Qt::NoModifier, centreOf(0));
+  ASSERT_TRUE(roll_->editingLyric());
+  auto* editor = roll_->findChild<QLineEdit*>();
+  ASSERT_NE(editor, nullptr);
+  editor->setText("か");  // as an input method commits it
+  QTest::keyClick(editor, Qt::Key_Tab);
+  ASSERT_TRUE(roll_->editingLyric());
+  editor->setText("き");
+  QTest::keyClick(editor, Qt::Key_Return);
+  EXPECT_FALSE(roll_->editingLyric());
+  const std::vector<Read> notes = soundingNotes(doc().engine());
+  EXPECT_EQ(notes[0].lyric, "か");
+  EXPECT_EQ(notes[1].lyric, "き");
+  EXPECT_EQ(notes[2].lyric, "あ");
+  EXPECT_EQ(title("undo"), "歌詞の変更を元に戻す");
+  EXPECT_EQ(doc().history().steps(), 2);  // one step per note
+
+  // Esc leaves the lyric as it was.
+  click(centreOf(2));
+  QTest::keyClick(roll_, Qt::Key_Return);
+  roll_->findChild<QLineEdit*>()->setText("く");
+  QTest::keyClick(roll_->findChild<QLineEdit*>(), Qt::Key_Escape);
+  EXPECT_EQ(soundingNotes(doc().engine())[2].lyric, "あ");
+}
+
+TEST_F(Editor, LyricsFlowInFromTheDialogAndShowWhatIsLeft) {
+  open({{480, 480, "あ", 70}, {480, 480, "あ", 70}, {480, 480, "あ", 70}});
+  click(centreOf(1));
+  QString left, status;
+  whenModal([&](QWidget* dialog) {
+    dialog->findChild<QPlainTextEdit*>("lyricsText")->setPlainText("さ くら さくら");
+    dialog->findChild<QPushButton*>("flowIn")->click();
+    left = dialog->findChild<QPlainTextEdit*>("lyricsText")->toPlainText();
+    status = dialog->findChild<QLabel*>("lyricsStatus")->text();
+    static_cast<QDialog*>(dialog)->reject();
+  });
+  trigger("lyrics");
+  const std::vector<Read> notes = soundingNotes(doc().engine());
+  EXPECT_EQ(notes[0].lyric, "あ");
+  EXPECT_EQ(notes[1].lyric, "さ");
+  EXPECT_EQ(notes[2].lyric, "く");
+  EXPECT_EQ(left.trimmed(), "ら さくら");
+  EXPECT_EQ(status, "2 note(s) given a lyric");
+  EXPECT_EQ(title("undo"), "歌詞の変更を元に戻す");
+  trigger("undo");
+  EXPECT_EQ(soundingNotes(doc().engine())[1].lyric, "あ");
+}
+
+TEST_F(Editor, TransposeCutPasteAndKeysEditTheSelection) {
+  open({{480, 480, "さ", 70}, {480, 480, "く", 72}});
+  click(centreOf(0));
+  trigger("transposeUp");
+  trigger("transposeUp");
+  EXPECT_EQ(soundingNotes(doc().engine())[0].noteNum, 72);
+  QTest::keyClick(roll_, Qt::Key_Down);
+  EXPECT_EQ(soundingNotes(doc().engine())[0].noteNum, 71);
+  QTest::keyClick(roll_, Qt::Key_Right);
+  EXPECT_EQ(soundingNotes(doc().engine())[0].start, 600);
+
+  trigger("cut");
+  EXPECT_EQ(soundingNotes(doc().engine()), (std::vector<Read>{{960, 480, "く", 72}}));
+  EXPECT_EQ(title("undo"), "音符の削除を元に戻す");
+  roll_->setCursorTick(1920);
+  trigger("paste");
+  EXPECT_EQ(soundingNotes(doc().engine()), (std::vector<Read>{{960, 480, "く", 72}, {1920, 480, "さ", 71}}));
+  EXPECT_EQ(title("undo"), "音符の追加を元に戻す");
+  trigger("delete");
+  EXPECT_EQ(soundingNotes(doc().engine()).size(), 1u);
+  trigger("undo");
+  trigger("undo");
+  trigger("undo");
+  EXPECT_EQ(soundingNotes(doc().engine()),
+            (std::vector<Read>{{600, 480, "さ", 71}, {960, 480, "く", 72}}));
+
+  // The eraser takes the note it touches.
+  window_->action("toolEraser")->trigger();
+  click(centreOf(1));
+  EXPECT_EQ(soundingNotes(doc().engine()), (std::vector<Read>{{600, 480, "さ", 71}}));
+}
+
+TEST_F(Editor, SavesInBothFormsAndTheCoreReadsTheSameSong) {
+  window_->action("toolPen")->trigger();
+  click(at(480, 70));
+  click(at(1200, 67));
+  roll_->editLyric(1);
+  roll_->findChild<QLineEdit*>()->setText("ら");
+  QTest::keyClick(roll_->findChild<QLineEdit*>(), Qt::Key_Return);
+  const std::vector<Read> written = soundingNotes(doc().engine());
+  for (int version : {200, 120}) {
+    SCOPED_TRACE(version);
+    const std::string path = dir_.file("saved" + std::to_string(version) + ".snt");
+    ASSERT_TRUE(window_->saveAs(QString::fromStdString(path), version));
+    EXPECT_FALSE(window_->isWindowModified());
+    EXPECT_EQ(doc().path().toStdString(), path);
+    CScaleMan scale;
+    CNoteMan reader(&scale);
+    ASSERT_GE(reader.openSnt(path.c_str(), nullptr), 0);
+    EXPECT_EQ(reader.engine()->sntVersion, version);
+    EXPECT_EQ(soundingNotes(*reader.engine()), written);
+  }
+  // Saving put the history at its save point: the recovery file is gone.
+  EXPECT_FALSE(fileExists(recoveryFilePath()));
+}
+
+TEST_F(Editor, TheRecoveryFileFollowsTheModifiedStateAndIsOfferedAtStartUp) {
+  window_->action("toolPen")->trigger();
+  click(at(480, 70));
+  ASSERT_TRUE(fileExists(recoveryFilePath()));  // written after the edit
+
+  // A new window, as after a crash: the question, then Load.
+  MainWindow* next = new MainWindow;
+  QString question;
+  whenModal([&](QWidget* box) {
+    question = static_cast<QMessageBox*>(box)->text();
+    box->findChild<QPushButton*>("recoveryLoad")->click();
+  });
+  EXPECT_TRUE(offerRecovery(next, QString::fromStdString(recoveryFilePath())));
+  EXPECT_EQ(question, "前回異常終了したプロジェクトがあります。");
+  EXPECT_EQ(soundingNotes(next->document()->engine()), (std::vector<Read>{{480, 480, "あ", 70}}));
+  EXPECT_TRUE(next->document()->modified());
+  EXPECT_TRUE(next->document()->path().isEmpty());
+  delete next;
+
+  // Discard removes it.
+  MainWindow* other = new MainWindow;
+  whenModal([](QWidget* box) { box->findChild<QPushButton*>("recoveryDiscard")->click(); });
+  EXPECT_FALSE(offerRecovery(other, QString::fromStdString(recoveryFilePath())));
+  EXPECT_FALSE(fileExists(recoveryFilePath()));
+  EXPECT_FALSE(offerRecovery(other, QString::fromStdString(recoveryFilePath())));  // nothing to ask
+  delete other;
+}
+
+TEST_F(Editor, ClosingAModifiedProjectAsksToSave) {
+  window_->action("toolPen")->trigger();
+  click(at(480, 70));
+  whenModal([](QWidget* box) { static_cast<QMessageBox*>(box)->button(QMessageBox::Cancel)->click(); });
+  EXPECT_FALSE(window_->close());
+  whenModal([](QWidget* box) { static_cast<QMessageBox*>(box)->button(QMessageBox::Discard)->click(); });
+  window_->setAttribute(Qt::WA_DeleteOnClose, false);
+  EXPECT_TRUE(window_->close());
+}
+
+TEST_F(Editor, AnEditDuringPlaybackStopsItFirst) {
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  std::vector<Note> notes;
+  for (int i = 0; i < 40; ++i) notes.push_back({i == 0 ? 480 : 480, 480, "a", 60 + i % 5});
+  open(notes, bank.folder());
+  ASSERT_GT(doc().voiceEntryCount(), 0);
+  trigger("play");
+  ASSERT_TRUE(Player::instance().active()) << window_->lastMessage().toStdString();
+  EXPECT_EQ(Player::instance().document(), &doc());
+  click(centreOf(0));  // a selection is not an edit
+  EXPECT_TRUE(Player::instance().active());
+  QTest::keyClick(roll_, Qt::Key_Up);  // an edit is
+  EXPECT_FALSE(Player::instance().active());
+  EXPECT_EQ(doc().engine().renderState.load(), 0);
+  EXPECT_EQ(soundingNotes(doc().engine())[0].noteNum, 61);
+}
+
+TEST_F(Editor, PlayingWithoutAVoiceBankSaysWhy) {
+  open({{480, 480, "a", 60}});
+  trigger("play");
+  EXPECT_FALSE(Player::instance().active());
+  EXPECT_EQ(window_->lastMessage(), "原音パスを設定してください");
+  installCoreTexts(QLocale(QLocale::English));
+  trigger("play");
+  EXPECT_EQ(window_->lastMessage(), "Set the voice bank folder");
+  window_->action("toolPen")->trigger();
+  click(at(1920, 70));
+  EXPECT_EQ(title("undo"), "Undo Add Notes");
+  trigger("undo");
+  EXPECT_EQ(title("redo"), "Redo Add Notes");
+  removeCoreTexts();
+}
+
+TEST_F(Editor, TheRollDrawsEachNoteAtItsPlace) {
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  open({{480, 480, "a", 70}, {960, 240, "a", 66}, {480, 480, "zz", 60}}, bank.folder());
+  click(centreOf(1));
+  const QImage image = roll_->grab().toImage();
+  auto colour = [&](QPoint p) { return image.pixelColor(p * image.devicePixelRatio()); };
+  // Inside the boxes, away from lyric and curve: the note colours.
+  const QPoint first(static_cast<int>(scale_->tickToX(480 + 420)), scale_->noteToY(70) + 3);
+  const QPoint second(static_cast<int>(scale_->tickToX(1440 + 200)), scale_->noteToY(66) + 3);
+  EXPECT_EQ(colour(first), QColor(104, 160, 220));
+  EXPECT_EQ(colour(second), QColor(245, 166, 80));  // selected
+  // Just after the first box ends and above the second: no note.
+  EXPECT_NE(colour(first + QPoint(static_cast<int>(100 * scale_->pixelsPerTick()), 0)), QColor(104, 160, 220));
+  EXPECT_NE(colour(second - QPoint(0, scale_->rowHeight())), QColor(245, 166, 80));
+  // A note the bank cannot sing is drawn faded.
+  const QPoint third(static_cast<int>(scale_->tickToX(1920 + 420)), scale_->noteToY(60) + 3);
+  const QColor faded = colour(third);
+  EXPECT_NE(faded, QColor(104, 160, 220));
+  EXPECT_GT(faded.lightness(), QColor(104, 160, 220).lightness());
+}
+
+}  // namespace
