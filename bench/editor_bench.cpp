@@ -1,0 +1,121 @@
+// The editor at the size of a long song: 10,000 notes with pitch lines
+// and vibratos. One frame of the visible roll, opening the project up to
+// its first painted frame, and one mouse-move step of a drag of 500
+// selected notes with its repaint. Off screen, as the tests run.
+#include <benchmark/benchmark.h>
+
+#include <QApplication>
+#include <QImage>
+#include <QMouseEvent>
+#include <QPainter>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "tests/testutil.h"
+#include "ui/shell/document.h"
+#include "ui/shell/mainwindow.h"
+#include "ui/views/pianoroll.h"
+#include "ui/views/rolleditor.h"
+#include "ui/views/timescale.h"
+
+namespace {
+
+// 10,000 notes of an eighth each, a melody over an octave, every fourth
+// note with a vibrato, every note with a pitch line.
+std::string bigProject(const TempDir& dir) {
+  std::string text = "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120.00\nProjectName=big\nMode2=True\n";
+  static const char* const kLyrics[] = {"さ", "く", "ら", "あ", "い", "う"};
+  char section[256];
+  for (int i = 0; i < 10000; ++i) {
+    snprintf(section, sizeof section,
+             "[#%04d]\nDelta=240\nDuration=240\nLyric=%s\nNoteNum=%d\nIntensity=100\nPBS=-40;-20\nPBW=40,60\n"
+             "PBY=0,\n%s",
+             i, kLyrics[i % 6], 60 + (i * 7) % 12, i % 4 == 0 ? "VBR=65,180,35,20,20,0,0\n" : "");
+    text += section;
+  }
+  text += "[#TRACKEND]\n";
+  const std::string path = dir.file("big.snt");
+  writeFile(path, text);
+  return path;
+}
+
+struct Fixture {
+  Fixture() : path(bigProject(dir)) {
+    window = new MainWindow;
+    window->resize(1280, 800);
+    window->show();
+    QApplication::processEvents();
+    window->openProject(QString::fromStdString(path), true);
+    roll = window->editor()->roll();
+    frame = QImage(roll->size(), QImage::Format_ARGB32_Premultiplied);
+    // A bar or so past the start, at the default zoom.
+    window->editor()->timeScale()->setScrollX(static_cast<int>(200000 * window->editor()->timeScale()->pixelsPerTick()));
+  }
+  ~Fixture() { delete window; }
+  void paint() {
+    QPainter painter(&frame);
+    roll->render(&painter);
+  }
+
+  TempDir dir;
+  std::string path;
+  MainWindow* window = nullptr;
+  PianoRoll* roll = nullptr;
+  QImage frame;
+};
+
+void BM_PaintVisibleRoll(benchmark::State& state) {
+  Fixture f;
+  f.paint();  // the curves, made once per change
+  for (auto _ : state) f.paint();
+}
+BENCHMARK(BM_PaintVisibleRoll)->Unit(benchmark::kMillisecond);
+
+void BM_OpenToFirstFrame(benchmark::State& state) {
+  Fixture f;
+  for (auto _ : state) {
+    f.window->openProject(QString::fromStdString(f.path), true);
+    f.paint();
+  }
+}
+BENCHMARK(BM_OpenToFirstFrame)->Unit(benchmark::kMillisecond);
+
+// Every 20th note selected; the mouse moves the drag a step right and back.
+void BM_DragStepOf500Notes(benchmark::State& state) {
+  Fixture f;
+  EditorDocument& document = *f.window->document();
+  for (int i = 0; i < document.engine().noteCount; i += 20) document.notes().addSelect(i, 2);
+  const QPointF start = f.roll->noteRect(document.notes().topOfSelection() + 20 * 8).center();
+  QMouseEvent press(QEvent::MouseButtonPress, start, f.roll->mapToGlobal(start), Qt::LeftButton, Qt::LeftButton,
+                    Qt::NoModifier);
+  QApplication::sendEvent(f.roll, &press);
+  double dx = 30;
+  for (auto _ : state) {
+    const QPointF at = start + QPointF(dx, 0);
+    QMouseEvent move(QEvent::MouseMove, at, f.roll->mapToGlobal(at), Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(f.roll, &move);
+    f.paint();
+    dx = dx > 30 ? 30 : 60;
+  }
+  QMouseEvent release(QEvent::MouseButtonRelease, start, f.roll->mapToGlobal(start), Qt::LeftButton, Qt::NoButton,
+                      Qt::NoModifier);
+  QApplication::sendEvent(f.roll, &release);
+  state.counters["notes"] = document.notes().getSelectCount();
+}
+BENCHMARK(BM_DragStepOf500Notes)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  setenv("QT_QPA_PLATFORM", "offscreen", 1);
+  TempDir config;
+  setenv("XDG_CONFIG_HOME", config.path().c_str(), 1);
+  FakeHome home;
+  QApplication app(argc, argv);
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
