@@ -99,7 +99,8 @@ int main(int argc, char** argv) {
   }
 
   window->show();
-  const bool recovered = offerRecovery(window, QString::fromStdString(recoveryFilePath()));
-  if (!recovered && !project.empty()) window->openProject(QFileInfo(QString::fromLocal8Bit(project.c_str())).absoluteFilePath(), true);
+  offerRecovery(window, QString::fromStdString(recoveryFilePath()));
+  // The project asked for gets a window of its own beside a recovered one.
+  if (!project.empty()) window->openElsewhere(QString::fromLocal8Bit(project.c_str()));
   return app.exec();
 }

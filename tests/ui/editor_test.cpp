@@ -11,6 +11,10 @@
 #include <QTest>
 #include <QTimer>
 
+#include <sys/wait.h>
+
+#include <QImage>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -438,6 +442,70 @@ TEST_F(Editor, TheRollDrawsEachNoteAtItsPlace) {
   const QColor faded = colour(third);
   EXPECT_NE(faded, QColor(104, 160, 220));
   EXPECT_GT(faded.lightness(), QColor(104, 160, 220).lightness());
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(Editor, OneWindowPerProjectAndRenderToWaveWritesTheSong) {
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  open({{480, 480, "a", 60}, {480, 480, "a", 62}}, bank.folder());
+  // The window holds a project: another one opens beside it.
+  const std::string other = dir_.file("other.snt");
+  ASSERT_TRUE(writeFile(other, project({{0, 480, "a", 64}})));
+  const int windows = QApplication::topLevelWidgets().size();
+  window_->openElsewhere(QString::fromStdString(other));
+  MainWindow* second = nullptr;
+  for (QWidget* widget : QApplication::topLevelWidgets()) {
+    auto* candidate = qobject_cast<MainWindow*>(widget);
+    if (candidate != nullptr && candidate != window_) second = candidate;
+  }
+  ASSERT_NE(second, nullptr);
+  EXPECT_GT(QApplication::topLevelWidgets().size(), windows);
+  EXPECT_EQ(second->document()->path().toStdString(), other);
+  EXPECT_EQ(soundingNotes(doc().engine()).size(), 2u);  // this one is untouched
+  delete second;
+
+  const std::string wave = dir_.file("out.wav");
+  ASSERT_TRUE(window_->renderToWave(QString::fromStdString(wave))) << window_->lastMessage().toStdString();
+  const std::string bytes = readFile(wave);
+  ASSERT_GT(bytes.size(), 44u);
+  EXPECT_EQ(bytes.substr(0, 4), "RIFF");
+  // Two quarters at 120 after a quarter's lead: at least a second of sound.
+  EXPECT_GT((bytes.size() - 44) / 2, 44100u);
+}
+
+}  // namespace
+
+namespace {
+
+// The program itself: help, a bad option, and a picture of a project.
+TEST(EditorProgram, HelpBadOptionsAndAScreenshot) {
+  TempDir dir;
+  const std::string out = dir.file("out.txt");
+  const std::string program = TONA_EDITOR_BINARY;
+  auto run = [&](const std::string& args) {
+    const int status = system((program + " " + args + " >" + out + " 2>&1").c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  EXPECT_EQ(run("--help"), 0);
+  EXPECT_NE(readFile(out).find("usage: tona-editor"), std::string::npos);
+  EXPECT_EQ(run("--bogus"), 2);
+  EXPECT_NE(readFile(out).find("unknown option '--bogus'"), std::string::npos);
+  EXPECT_EQ(run("--screenshot"), 2);
+  EXPECT_EQ(run("--screenshot x.png --size 10x10"), 2);
+
+  const std::string song = dir.file("song.snt");
+  ASSERT_TRUE(writeFile(song, project({{480, 480, "さ", 70}, {480, 960, "く", 72}})));
+  const std::string picture = dir.file("song.png");
+  ASSERT_EQ(run("--screenshot " + picture + " --size 640x400 " + song), 0) << readFile(out);
+  QImage image(QString::fromStdString(picture));
+  EXPECT_EQ(image.size(), QSize(640, 400));
+  // Not a project: one line and a failure.
+  EXPECT_EQ(run("--screenshot " + picture + " " + dir.path()), 1);
+  EXPECT_NE(readFile(out).find("Not a project"), std::string::npos);
 }
 
 }  // namespace

@@ -282,12 +282,18 @@ bool MainWindow::maybeSave() {
   return true;
 }
 
-void MainWindow::newProject() {
-  if (!maybeSave()) return;
-  document_->newProject();
-  editor_->roll()->setCursorTick(0);
-  updateTitle();
+bool MainWindow::isBlank() {
+  return document_->path().isEmpty() && document_->engine().noteCount == 0 && !document_->modified();
 }
+
+MainWindow* MainWindow::windowFor() {
+  if (isBlank()) return this;
+  auto* window = new MainWindow;
+  window->show();
+  return window;
+}
+
+void MainWindow::newProject() { windowFor(); }
 
 bool MainWindow::openProject(const QString& path, bool quiet) {
   if (!quiet && !maybeSave()) return false;
@@ -306,6 +312,21 @@ bool MainWindow::openProject(const QString& path, bool quiet) {
   return true;
 }
 
+void MainWindow::openElsewhere(const QString& path) {
+  // A project already open here is raised rather than read twice.
+  const QString absolute = QFileInfo(path).absoluteFilePath();
+  for (QWidget* widget : QApplication::topLevelWidgets()) {
+    auto* window = qobject_cast<MainWindow*>(widget);
+    if (window != nullptr && window->document()->path() == absolute) {
+      window->raise();
+      window->activateWindow();
+      return;
+    }
+  }
+  MainWindow* window = windowFor();
+  if (!window->openProject(absolute, false) && window != this) window->close();
+}
+
 bool MainWindow::openRecovery(const QString& path) {
   QString error;
   if (!document_->openRecovery(path, &error)) {
@@ -319,7 +340,7 @@ bool MainWindow::openRecovery(const QString& path) {
 void MainWindow::openDialog() {
   const QString dir = document_->path().isEmpty() ? QString() : QFileInfo(document_->path()).absolutePath();
   const QString path = QFileDialog::getOpenFileName(this, tr("Open Project"), dir, tr("Projects (*.snt);;All files (*)"));
-  if (!path.isEmpty()) openProject(path);
+  if (!path.isEmpty()) openElsewhere(path);
 }
 
 bool MainWindow::save() {
@@ -632,7 +653,7 @@ void MainWindow::updateRecentMenu() {
   for (const QString& path : recent) {
     QAction* act = recentMenu_->addAction(QFileInfo(path).fileName());
     act->setToolTip(path);
-    connect(act, &QAction::triggered, this, [this, path] { openProject(path); });
+    connect(act, &QAction::triggered, this, [this, path] { openElsewhere(path); });
   }
   recentMenu_->setEnabled(!recent.isEmpty());
 }

@@ -26,8 +26,11 @@ class MainWindow : public QMainWindow {
   RollEditor* editor() const { return editor_; }
 
   // Opens a project into this window (asking to save a modified one
-  // first unless `force`). False with a message shown when it fails.
+  // first unless `quiet`). False with a message shown when it fails.
   bool openProject(const QString& path, bool quiet = false);
+  // Opens a project in a window of its own: this one while it holds a
+  // blank project, else a new one; a project open already is raised.
+  void openElsewhere(const QString& path);
   // Loads the recovery file as an unsaved, modified project.
   bool openRecovery(const QString& path);
   // Saves to the project's own path, or asks for one.
@@ -61,7 +64,10 @@ class MainWindow : public QMainWindow {
   bool maybeSave();
   void showMessage(const QString& text, bool error = false);
 
+  // One window per project: New opens a new window unless this one is blank.
   void newProject();
+  bool isBlank();
+  MainWindow* windowFor();
   void openDialog();
   void saveAsDialog();
   void renderDialog();

@@ -212,9 +212,12 @@ void PianoRoll::paintEvent(QPaintEvent*) {
       p.drawPath(path);
     }
     // The lyric last, over the curve, on a light patch so that it stays legible.
-    if (width > 8) {
-      const QString lyric = metrics.elidedText(QString::fromUtf8(note.Lyric), Qt::ElideRight,
-                                               static_cast<int>(width) - 4);
+    // A lyric that does not fit is cut short with an ellipsis, and left out
+    // where not even its first character fits, so neighbours never overlap.
+    const QString full = QString::fromUtf8(note.Lyric);
+    const int room = static_cast<int>(width) - 4;
+    const QString lyric = metrics.horizontalAdvance(full) <= room ? full : metrics.elidedText(full, Qt::ElideRight, room);
+    if (!lyric.isEmpty() && lyric != QStringLiteral("…")) {
       const QRectF patch(x + 2, y + 1, std::min<double>(metrics.horizontalAdvance(lyric) + 2, width - 3), row - 2);
       p.fillRect(patch, QColor(255, 255, 255, note.selected != 0 ? 90 : 140));
       p.setPen(silent ? QColor(60, 60, 60, 140) : QColor(20, 20, 30));

@@ -55,7 +55,7 @@ class TimeScale : public QObject {
   void changed();
 
  private:
-  double pixelsPerTick_ = 0.1;
+  double pixelsPerTick_ = 0.12;  // a quarter note is 58 pixels
   int rowHeight_ = 14;
   int scrollX_ = 0;
   int scrollY_ = 0;
