@@ -186,6 +186,10 @@ class ctonm2 {
   // Builds _pitch/_pitchlen and Exprs/ExprsCount of every sounding note;
   // needs _pos, _preuttr, _stp and _truelen from the note preparation.
   void makePitchMode2();
+  // The same for notes first..last only (clamped to the list): after an
+  // edit of one note's pitch line or vibrato, that note and its sounding
+  // neighbours are all that change.
+  void makePitchMode2(int32_t first, int32_t last);
   // Adds one note's mode-2 pitch line over [0, end] msec of the grid into
   // buffer (allocated or grown as needed; *length is its value count).
   // Mode 0 draws the line from the previous note's pitch to 0, mode 1 from

@@ -185,8 +185,12 @@ float* ctonm2::genVibrato(double start, double end, const NoteData* note, float*
   return buffer;
 }
 
-void ctonm2::makePitchMode2() {
-  for (int32_t i = 0; i < noteCount; ++i) {
+void ctonm2::makePitchMode2() { makePitchMode2(0, noteCount - 1); }
+
+void ctonm2::makePitchMode2(int32_t first, int32_t last) {
+  first = first < 0 ? 0 : first;
+  last = last >= noteCount ? noteCount - 1 : last;
+  for (int32_t i = first; i <= last; ++i) {
     NoteData* note = &notes[i];
     if (is_r(note->Lyric)) continue;
     const int32_t prevIndex = getprenote(i, note->layer);

@@ -4,7 +4,9 @@
 #include <QActionGroup>
 #include <QApplication>
 #include <QCloseEvent>
+#include <QCheckBox>
 #include <QComboBox>
+#include <QDockWidget>
 #include <QDialog>
 #include <QDialogButtonBox>
 #include <QDoubleSpinBox>
@@ -37,6 +39,8 @@
 #include "ui/views/pianoroll.h"
 #include "ui/views/rolleditor.h"
 #include "ui/views/timescale.h"
+#include "ui/views/valuepane.h"
+#include "ui/shell/notedialogs.h"
 
 namespace {
 
@@ -84,10 +88,13 @@ MainWindow::MainWindow(QWidget* parent)
             if (tick >= 0) positionLabel_->setText(clock(document_->notes().Ticks2MSec(tick)));
           });
   connect(&player, &Player::stateChanged, this, &MainWindow::updateActions);
+  connect(editor_->roll(), &PianoRoll::propertiesRequested, this, &MainWindow::notePropertiesDialog);
+  connect(editor_->roll(), &PianoRoll::detailsRequested, this, &MainWindow::noteDetailDialog);
   connect(editor_->roll(), &PianoRoll::cursorMoved, this, [this](int64_t tick) {
     positionLabel_->setText(clock(document_->notes().Ticks2MSec(tick)));
   });
 
+  buildLayerPanel();
   restoreSettings();
   updateTitle();
   updateActions();
@@ -145,6 +152,14 @@ void MainWindow::buildMenus() {
   edit->addAction(makeAction("transposeDown", tr("Transpose Do&wn"), QKeySequence(Qt::CTRL | Qt::Key_Down),
                              &MainWindow::transposeDown));
   edit->addAction(makeAction("quantize", tr("&Quantize to Grid"), QKeySequence(Qt::Key_Q), &MainWindow::quantize));
+  edit->addSeparator();
+  edit->addAction(makeAction("noteProperties", tr("Note &Properties…"), QKeySequence(Qt::CTRL | Qt::Key_E),
+                             &MainWindow::notePropertiesDialog));
+  edit->addAction(makeAction("noteDetails", tr("Note D&etails…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_E),
+                             nullptr));
+  connect(action("noteDetails"), &QAction::triggered, this,
+          [this] { noteDetailDialog(document_->notes().topOfSelection()); });
+  edit->addAction(makeAction("assistant", tr("Pitch and Vibrato &Assistant…"), QKeySequence(), &MainWindow::assistantDialog));
 
   QMenu* view = menuBar()->addMenu(tr("&View"));
   view->addAction(makeAction("zoomIn", tr("Zoom &In"), QKeySequence::ZoomIn, nullptr));
@@ -186,6 +201,14 @@ void MainWindow::buildMenus() {
   loop->setCheckable(true);
   connect(loop, &QAction::toggled, this, [](bool on) { Player::instance().setLooping(on); });
   play->addAction(loop);
+
+  view->addSeparator();
+  QAction* lane = makeAction("showIntensity", tr("&Intensity Lane"), QKeySequence(Qt::CTRL | Qt::Key_I), nullptr);
+  lane->setCheckable(true);
+  view->addAction(lane);
+  connect(lane, &QAction::toggled, this, [this](bool on) {
+    editor_->valuePane()->setMode(on ? ValuePane::Mode::kIntensity : ValuePane::Mode::kEnvelope);
+  });
 
   QMenu* project = menuBar()->addMenu(tr("P&roject"));
   project->addAction(makeAction("properties", tr("&Properties…"), QKeySequence(), &MainWindow::propertiesDialog));
@@ -238,6 +261,17 @@ void MainWindow::buildToolBar() {
   connect(penBox_, &QComboBox::currentIndexChanged, this,
           [this](int) { document_->model().setNotelength(penBox_->currentData().toInt()); });
   document_->model().setNotelength(480);
+  bar->addWidget(new QLabel(tr(" Layer "), bar));
+  layerBox_ = new QComboBox(bar);
+  layerBox_->setObjectName("layer");
+  layerBox_->addItem(tr("All"), -1);
+  for (int k = 0; k < ctonm2::kLayerCount; ++k) layerBox_->addItem(QString::number(k + 1), k);
+  layerBox_->setToolTip(tr("The layer new notes go on and selections take notes from"));
+  bar->addWidget(layerBox_);
+  connect(layerBox_, &QComboBox::currentIndexChanged, this, [this](int) {
+    document_->notes().setTargetLayer(layerBox_->currentData().toInt());
+    document_->touch();
+  });
   bar->addSeparator();
   bar->addAction(action("play"));
   bar->addAction(action("stop"));
@@ -256,7 +290,7 @@ void MainWindow::updateActions() {
   action("redo")->setText(document_->redoTitle());
   action("undo")->setEnabled(document_->history().isCanUndo());
   action("redo")->setEnabled(document_->history().isCanRedo());
-  for (const char* name : {"cut", "copy", "delete", "transposeUp", "transposeDown", "quantize", "playSelection"}) {
+  for (const char* name : {"cut", "copy", "delete", "transposeUp", "transposeDown", "quantize", "playSelection", "noteProperties", "noteDetails", "assistant"}) {
     action(name)->setEnabled(selection);
   }
   Player& player = Player::instance();
@@ -706,4 +740,52 @@ void MainWindow::closeEvent(QCloseEvent* event) {
   if (Player::instance().document() == document_) Player::instance().stop();
   saveSettings();
   event->accept();
+}
+
+// --- Notes as numbers, layers -------------------------------------------------------
+
+void MainWindow::notePropertiesDialog() {
+  if (document_->notes().getSelectCount() == 0) return;
+  NotePropertiesDialog dialog(document_, this);
+  dialog.exec();
+}
+
+void MainWindow::noteDetailDialog(int index) {
+  if (document_->notes().getNote(index) == nullptr) return;
+  NoteDetailDialog dialog(document_, index, this);
+  dialog.exec();
+}
+
+void MainWindow::assistantDialog() {
+  if (document_->notes().getSelectCount() == 0) return;
+  AssistantDialog dialog(document_, this);
+  dialog.exec();
+}
+
+void MainWindow::buildLayerPanel() {
+  auto* dock = new QDockWidget(tr("Layers"), this);
+  dock->setObjectName("layers");
+  auto* panel = new QWidget(dock);
+  auto* grid = new QGridLayout(panel);
+  grid->addWidget(new QLabel(tr("Heard in playback and renders:"), panel), 0, 0, 1, 4);
+  for (int k = 0; k < ctonm2::kLayerCount; ++k) {
+    auto* box = new QCheckBox(tr("Layer %1").arg(k + 1), panel);
+    box->setObjectName(QString("layerOn%1").arg(k));
+    box->setChecked(document_->engine().layerEnabled[k] != 0);
+    grid->addWidget(box, 1 + k / 4, k % 4);
+    connect(box, &QCheckBox::toggled, this, [this, k](bool on) {
+      Player::instance().stop();
+      document_->engine().layerEnabled[k] = on ? 1 : 0;
+      document_->touch();
+    });
+  }
+  dock->setWidget(panel);
+  addDockWidget(Qt::BottomDockWidgetArea, dock);
+  dock->hide();
+  QAction* toggle = dock->toggleViewAction();
+  toggle->setObjectName("showLayers");
+  toggle->setText(tr("&Layers Panel"));
+  for (QAction* act : menuBar()->actions()) {
+    if (act->menu() != nullptr && act->menu()->title() == tr("&View")) act->menu()->addAction(toggle);
+  }
 }

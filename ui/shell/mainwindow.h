@@ -86,6 +86,10 @@ class MainWindow : public QMainWindow {
   void playFromCursor();
   void playSelection();
   void propertiesDialog();
+  void notePropertiesDialog();
+  void noteDetailDialog(int index);
+  void assistantDialog();
+  void buildLayerPanel();
   void chooseSinger();
   void transpose(int dNote);
 
@@ -95,6 +99,7 @@ class MainWindow : public QMainWindow {
   QMenu* singerMenu_ = nullptr;
   QComboBox* gridBox_ = nullptr;
   QComboBox* penBox_ = nullptr;
+  QComboBox* layerBox_ = nullptr;
   QActionGroup* toolGroup_ = nullptr;
   QLabel* positionLabel_ = nullptr;
   QString lastMessage_;

@@ -1,6 +1,8 @@
 #include "ui/views/pianoroll.h"
 
 #include <QApplication>
+#include <QContextMenuEvent>
+#include <QMenu>
 #include <QFontMetrics>
 #include <QHelpEvent>
 #include <QKeyEvent>
@@ -17,6 +19,7 @@
 #include "editing/undoman.h"
 #include "ui/shell/document.h"
 #include "ui/views/beats.h"
+#include "ui/views/handles.h"
 #include "ui/views/timescale.h"
 #include "ui/views/tools.h"
 #include "voicebank/voiceset.h"
@@ -177,6 +180,8 @@ void PianoRoll::paintEvent(QPaintEvent*) {
     const bool silent = document.voiceEntryCount() == 0 || note.VoiceFile == nullptr;
     QColor fill = note.selected != 0 ? kNoteSelected : kNoteFill;
     if (silent && !dragging) fill.setAlpha(90);
+    // Notes off the target layer stay in view, greyed.
+    if (engine.currentLayer >= 0 && note.layer != engine.currentLayer) fill = QColor(190, 194, 204, 140);
     p.setPen(i == singing_ ? QPen(kPlayCursor, 2) : QPen(kNoteBorder));
     p.setBrush(fill);
     p.drawRoundedRect(box.adjusted(0.5, 0.5, -0.5, -0.5), 2, 2);
@@ -189,7 +194,8 @@ void PianoRoll::paintEvent(QPaintEvent*) {
     }
     // The rendered curve, in cents about the note, across the note's own
     // time (the tempo in force at the note throughout).
-    if (note._pitch != nullptr && note._pitchlen > 1 && !(dragging && note.selected != 0) && note._tempo > 0.0f) {
+    if (note._pitch != nullptr && note._pitchlen > 1 && !(hideSelectedCurves_ && note.selected != 0) &&
+        note._tempo > 0.0f) {
       const double lead = static_cast<double>(note._preuttr) + note._stp + note.stptrim;
       const double pixelsPerMs = note._tempo / 125.0 * scale_->pixelsPerTick();
       const double centre = y + row / 2.0;
@@ -224,6 +230,8 @@ void PianoRoll::paintEvent(QPaintEvent*) {
       p.drawText(box.adjusted(3, 0, -1, 0), Qt::AlignVCenter | Qt::AlignLeft, lyric);
     }
   }
+
+  paintHandles(p);
 
   // The edit cursor, the play cursor and the rubber band.
   const double cursorX = scale_->tickToX(static_cast<double>(cursorTick_));
@@ -412,4 +420,187 @@ void PianoRoll::commitLyric(bool moveOn) {
       editLyric(next);
     }
   }
+}
+
+// --- Expression handles ----------------------------------------------------------
+
+void PianoRoll::setHideSelectedCurves(bool hide) {
+  hideSelectedCurves_ = hide;
+  update();
+}
+
+QPointF PianoRoll::pitchPointPosition(int index, int point) {
+  ctonm2& engine = document_->engine();
+  const std::vector<CurvePoint> points = pitchPoints(engine, index);
+  if (point < 0 || static_cast<size_t>(point) >= points.size()) return QPointF();
+  const QRectF box = noteRect(index);
+  const double ppm = pixelsPerMs(engine, index, *scale_);
+  return QPointF(box.x() + points[static_cast<size_t>(point)].ms * ppm,
+                 box.center().y() - points[static_cast<size_t>(point)].value / 100.0 * scale_->rowHeight());
+}
+
+namespace {
+
+bool near(const QPointF& a, const QPointF& b) {
+  return std::abs(a.x() - b.x()) <= PianoRoll::kHandleRadius + 1 && std::abs(a.y() - b.y()) <= PianoRoll::kHandleRadius + 1;
+}
+
+}  // namespace
+
+PianoRoll::Handle PianoRoll::handleAt(const QPointF& point) {
+  // The nearest handle within reach, so that handles drawn close together
+  // can each be taken.
+  Handle found;
+  double best = 1e9;
+  auto consider = [&](const QPointF& at, HandleKind kind, int note, int index) {
+    if (!near(point, at)) return;
+    const double distance = std::hypot(point.x() - at.x(), point.y() - at.y());
+    if (distance < best) {
+      best = distance;
+      found = {kind, note, index};
+    }
+  };
+  CNoteMan& notes = document_->notes();
+  if (notes.getSelectCount() > kMaxHandleNotes) return found;
+  ctonm2& engine = document_->engine();
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    if (engine.notes[i].selected == 0 || ctonm2::is_r(engine.notes[i].Lyric)) continue;
+    const QRectF box = noteRect(i);
+    const VibratoBox v = vibratoBox(engine, i, box, *scale_);
+    if (!v.box.isNull()) {
+      consider(v.fadeIn, kVibratoFadeIn, i, -1);
+      consider(v.fadeOut, kVibratoFadeOut, i, -1);
+      consider(v.depth, kVibratoDepth, i, -1);
+      consider(v.length, kVibratoLength, i, -1);
+    }
+    const size_t count = pitchPoints(engine, i).size();
+    for (size_t k = 0; k < count; ++k) consider(pitchPointPosition(i, static_cast<int>(k)), kPitchPoint, i, static_cast<int>(k));
+  }
+  return found;
+}
+
+void PianoRoll::paintHandles(QPainter& p) {
+  CNoteMan& notes = document_->notes();
+  if (notes.getSelectCount() == 0 || notes.getSelectCount() > kMaxHandleNotes || hideSelectedCurves_) return;
+  ctonm2& engine = document_->engine();
+  p.setRenderHint(QPainter::Antialiasing, true);
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    if (engine.notes[i].selected == 0 || ctonm2::is_r(engine.notes[i].Lyric)) continue;
+    const QRectF box = noteRect(i);
+    if (box.right() < -50 || box.left() > width() + 50) continue;
+    const VibratoBox v = vibratoBox(engine, i, box, *scale_);
+    if (!v.box.isNull()) {
+      p.setPen(QPen(QColor(120, 60, 160), 1, Qt::DashLine));
+      p.setBrush(QColor(120, 60, 160, 30));
+      p.drawRect(v.box);
+      p.setPen(QPen(QColor(120, 60, 160), 1));
+      p.setBrush(Qt::white);
+      for (const QPointF& h : {v.length, v.depth, v.fadeIn, v.fadeOut}) {
+        p.drawRect(QRectF(h.x() - 3.5, h.y() - 3.5, 7, 7));
+      }
+    }
+    const size_t count = pitchPoints(engine, i).size();
+    p.setPen(QPen(QColor(200, 40, 60), 1.2));
+    p.setBrush(Qt::white);
+    for (size_t k = 0; k < count; ++k) {
+      p.drawEllipse(pitchPointPosition(i, static_cast<int>(k)), kHandleRadius, kHandleRadius);
+    }
+  }
+  p.setRenderHint(QPainter::Antialiasing, false);
+}
+
+void PianoRoll::editNote(int index, uint32_t cmd, const std::function<void()>& edit) {
+  document_->beginNoteEdit(index, cmd);
+  edit();
+  document_->endNoteEdit(index, cmd);
+}
+
+void PianoRoll::editSelection(uint32_t cmd, const std::function<void()>& edit) {
+  document_->beginEdit(cmd);
+  edit();
+  document_->endEdit(cmd);
+}
+
+void PianoRoll::contextMenuEvent(QContextMenuEvent* event) {
+  CNoteMan& notes = document_->notes();
+  CCNoteMan& model = document_->model();
+  const Handle handle = handleAt(event->pos());
+  const int index = handle.note >= 0 ? handle.note : noteAt(event->pos());
+  if (index < 0) return;
+  if (!notes.isSelected(index)) {
+    notes.addSelect(index, 0);
+    document_->touch();
+  }
+  QMenu menu(this);
+  // The pitch line of this note.
+  QMenu* pitch = menu.addMenu(tr("&Pitch Line"));
+  const std::vector<CurvePoint> points = pitchPoints(document_->engine(), index);
+  // The point left of the mouse: new points go after it; its segment is
+  // the one whose shape changes.
+  const double ms = (event->pos().x() - noteRect(index).x()) / pixelsPerMs(document_->engine(), index, *scale_);
+  int before = -1;
+  for (size_t k = 0; k < points.size(); ++k) {
+    if (points[k].ms <= ms) before = static_cast<int>(k);
+  }
+  const int segment = std::clamp(before + 1, 1, std::max(1, static_cast<int>(points.size()) - 1));
+  QAction* add = pitch->addAction(tr("&Add Point Here"), this, [=] {
+    editNote(index, undo::kPitch, [=] { document_->notes().addPitchPoint(index, std::max(before, 0)); });
+  });
+  add->setEnabled(!points.empty());
+  QAction* remove = pitch->addAction(tr("&Delete Point"), this, [=] {
+    editNote(index, undo::kPitch, [=] { document_->notes().delPitchPoint(index, handle.point); });
+  });
+  remove->setEnabled(handle.kind == kPitchPoint && points.size() > 2);
+  QMenu* shape = pitch->addMenu(tr("Segment &Shape"));
+  const std::pair<QString, int> shapes[] = {{tr("S-Curve"), 0}, {tr("Linear"), 's'}, {tr("R (Fast Start)"), 'r'},
+                                            {tr("J (Slow Start)"), 'j'}};
+  const int current = notes.getPitchKind(index, segment);
+  for (const auto& [name, code] : shapes) {
+    QAction* act = shape->addAction(name, this, [=, shapeCode = code] {
+      editNote(index, undo::kPitch, [=] { document_->notes().setPitchKind(index, segment, shapeCode); });
+    });
+    act->setCheckable(true);
+    act->setChecked(current == code || (code == 0 && current != 's' && current != 'r' && current != 'j'));
+  }
+  shape->setEnabled(points.size() > 1);
+  pitch->addAction(tr("&Reset to Default"), this, [=] {
+    editSelection(undo::kPitch, [=] {
+      for (int32_t i = 0; i < document_->engine().noteCount; ++i) {
+        if (document_->notes().isSelected(i)) document_->notes().defaultPitch(i);
+      }
+    });
+  });
+  pitch->addAction(tr("&Copy Pitch Line"), this, [=] { document_->model().copyPB(document_->notes().getNote(index)); });
+  QAction* pastePitch = pitch->addAction(tr("&Paste Pitch Line"), this, [=] {
+    editSelection(undo::kPitch, [=] {
+      for (int32_t i = 0; i < document_->engine().noteCount; ++i) {
+        if (document_->notes().isSelected(i)) document_->model().pastePB(document_->notes().getNote(i));
+      }
+    });
+  });
+  pastePitch->setEnabled(model.isClipPB());
+
+  QMenu* vibrato = menu.addMenu(tr("&Vibrato"));
+  vibrato->addAction(tr("&Add Default"), this,
+                     [=] { editSelection(undo::kVibrato, [=] { document_->notes().defaultVibratoToSelected(); }); });
+  vibrato->addAction(tr("&Clear"), this,
+                     [=] { editSelection(undo::kVibrato, [=] { document_->notes().clearVibratoToSelected(); }); });
+  vibrato->addAction(tr("C&opy Vibrato"), this, [=] {
+    memcpy(document_->model().clipVBR(), document_->notes().getNote(index)->VBR, sizeof(int16_t) * 10);
+  });
+  QAction* pasteVibrato = vibrato->addAction(tr("&Paste Vibrato"), this, [=] {
+    editSelection(undo::kVibrato, [=] {
+      for (int32_t i = 0; i < document_->engine().noteCount; ++i) {
+        if (document_->notes().isSelected(i)) {
+          memcpy(document_->notes().getNote(i)->VBR, document_->model().clipVBR(), sizeof(int16_t) * 10);
+        }
+      }
+    });
+  });
+  pasteVibrato->setEnabled(model.clipVBR()[0] != 0 || model.clipVBR()[2] != 0);
+
+  menu.addSeparator();
+  menu.addAction(tr("Note &Properties…"), this, [this] { emit propertiesRequested(); });
+  menu.addAction(tr("Note &Details…"), this, [this, index] { emit detailsRequested(index); });
+  menu.exec(event->globalPos());
 }

@@ -12,6 +12,7 @@
 #include <QWidget>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 class EditorDocument;
@@ -24,6 +25,17 @@ class PianoRoll : public QWidget {
 
  public:
   enum class Tool { kSelect, kPen, kEraser };
+
+  // What can be grabbed on a selected note besides its box.
+  enum HandleKind { kNoHandle, kPitchPoint, kVibratoLength, kVibratoDepth, kVibratoFadeIn, kVibratoFadeOut };
+  struct Handle {
+    HandleKind kind = kNoHandle;
+    int note = -1;
+    int point = -1;  // pitch points: 0 is the start point
+  };
+  // Handles are shown on at most this many selected notes.
+  static constexpr int kMaxHandleNotes = 64;
+  static constexpr double kHandleRadius = 4.5;
 
   PianoRoll(EditorDocument* document, TimeScale* scale, QWidget* parent = nullptr);
   ~PianoRoll() override;
@@ -48,6 +60,12 @@ class PianoRoll : public QWidget {
   // The rubber band drawn while selecting, in widget coordinates.
   void setRubberBand(const QRect& rect);
 
+  // The handle under a point, and a pitch point on screen.
+  Handle handleAt(const QPointF& point);
+  QPointF pitchPointPosition(int index, int point);
+  // While notes are dragged their old curves are not drawn.
+  void setHideSelectedCurves(bool hide);
+
   // Opens the in-place lyric editor over note i.
   void editLyric(int index);
   bool editingLyric() const;
@@ -60,6 +78,10 @@ class PianoRoll : public QWidget {
   void cursorMoved(int64_t tick);
   // A drag went past the view's edge (the view scrolls).
   void wantScroll(int dx, int dy);
+  // The note menu asked for the property dialog (the selection) or the
+  // detail dialog (one note).
+  void propertiesRequested();
+  void detailsRequested(int index);
 
  protected:
   void paintEvent(QPaintEvent* event) override;
@@ -70,9 +92,15 @@ class PianoRoll : public QWidget {
   void keyPressEvent(QKeyEvent* event) override;
   void wheelEvent(QWheelEvent* event) override;
   bool event(QEvent* event) override;
+  void contextMenuEvent(QContextMenuEvent* event) override;
 
  private:
   void commitLyric(bool moveOn);
+  void paintHandles(QPainter& painter);
+  // Runs `edit` on note `index` as one session of `cmd`.
+  void editNote(int index, uint32_t cmd, const std::function<void()>& edit);
+  // Runs `edit` on the selection as one session of `cmd`.
+  void editSelection(uint32_t cmd, const std::function<void()>& edit);
   void moveSelectionByKey(int dTicks, int dNote);
 
   EditorDocument* document_;
@@ -83,6 +111,7 @@ class PianoRoll : public QWidget {
   int singing_ = -1;
   int64_t cursorTick_ = 0;
   QRect rubberBand_;
+  bool hideSelectedCurves_ = false;
   QPointer<QLineEdit> lyricEditor_;
   int lyricIndex_ = -1;
 };

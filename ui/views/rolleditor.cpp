@@ -1,6 +1,7 @@
 #include "ui/views/rolleditor.h"
 
 #include <QApplication>
+#include <QComboBox>
 #include <QGridLayout>
 #include <QScrollBar>
 
@@ -10,6 +11,7 @@
 #include "ui/views/pianoroll.h"
 #include "ui/views/rulers.h"
 #include "ui/views/timescale.h"
+#include "ui/views/valuepane.h"
 
 RollEditor::RollEditor(EditorDocument* document, QWidget* parent)
     : QWidget(parent), document_(document), scale_(new TimeScale) {
@@ -17,6 +19,17 @@ RollEditor::RollEditor(EditorDocument* document, QWidget* parent)
   roll_ = new PianoRoll(document, scale_, this);
   ruler_ = new Ruler(document, scale_, this);
   keyboard_ = new Keyboard(scale_, this);
+  valuePane_ = new ValuePane(document, scale_, this);
+  valuePane_->setFixedHeight(110);
+  paneMode_ = new QComboBox(this);
+  paneMode_->setObjectName("paneMode");
+  paneMode_->addItem(tr("Env"));
+  paneMode_->addItem(tr("Int"));
+  paneMode_->setToolTip(tr("The lane below the roll: envelope or intensity"));
+  paneMode_->setFixedWidth(keyboard_->width());
+  connect(paneMode_, &QComboBox::currentIndexChanged, this, [this](int mode) {
+    valuePane_->setMode(mode == 0 ? ValuePane::Mode::kEnvelope : ValuePane::Mode::kIntensity);
+  });
   horizontal_ = new QScrollBar(Qt::Horizontal, this);
   vertical_ = new QScrollBar(Qt::Vertical, this);
 
@@ -30,7 +43,9 @@ RollEditor::RollEditor(EditorDocument* document, QWidget* parent)
   grid->addWidget(keyboard_, 1, 0);
   grid->addWidget(roll_, 1, 1);
   grid->addWidget(vertical_, 1, 2);
-  grid->addWidget(horizontal_, 2, 1);
+  grid->addWidget(paneMode_, 2, 0, Qt::AlignTop);
+  grid->addWidget(valuePane_, 2, 1);
+  grid->addWidget(horizontal_, 3, 1);
 
   connect(horizontal_, &QScrollBar::valueChanged, this, [this](int value) {
     if (!syncing_) scale_->setScrollX(value);

@@ -12,8 +12,10 @@ class EditorDocument;
 class Keyboard;
 class PianoRoll;
 class QScrollBar;
+class QComboBox;
 class Ruler;
 class TimeScale;
+class ValuePane;
 
 class RollEditor : public QWidget {
   Q_OBJECT
@@ -26,6 +28,7 @@ class RollEditor : public QWidget {
   TimeScale* timeScale() const { return scale_; }
   PianoRoll* roll() const { return roll_; }
   Ruler* ruler() const { return ruler_; }
+  ValuePane* valuePane() const { return valuePane_; }
 
   void setFollow(Follow follow) { follow_ = follow; }
   Follow follow() const { return follow_; }
@@ -54,6 +57,8 @@ class RollEditor : public QWidget {
   PianoRoll* roll_;
   Ruler* ruler_;
   Keyboard* keyboard_;
+  ValuePane* valuePane_;
+  QComboBox* paneMode_;
   QScrollBar* horizontal_;
   QScrollBar* vertical_;
   Follow follow_ = Follow::kPage;

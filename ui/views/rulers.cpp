@@ -1,11 +1,16 @@
 #include "ui/views/rulers.h"
 
+#include <QContextMenuEvent>
+#include <QLineEdit>
+#include <QInputDialog>
+#include <QMenu>
 #include <QMouseEvent>
 #include <QPainter>
 
 #include <algorithm>
 #include <cmath>
 
+#include "editing/undoman.h"
 #include "ui/shell/document.h"
 #include "ui/views/beats.h"
 #include "ui/views/timescale.h"
@@ -79,6 +84,21 @@ void Ruler::paintEvent(QPaintEvent*) {
     p.drawText(QPointF(x + 3, 26), QString("♩=%1").arg(static_cast<double>(engine.notes[i].Tempo)));
   }
 
+  // Time signatures at the measures where they start.
+  CScaleMan& signatures = document_->scale();
+  int startMeasure = 0;
+  p.setPen(QColor(20, 90, 60));
+  for (int k = 0; k < signatures.count(); ++k) {
+    const double x = scale_->tickToX(static_cast<double>(measureStart(startMeasure)));
+    if (x > -40 && x < w) {
+      p.drawText(QPointF(x + 3 + (k == 0 ? 10 : 0), 26),
+                 QString("%1/%2").arg(signatures.getBeat(k)).arg(signatures.getNote(k)));
+    }
+    const int32_t measures = signatures.entries()[k].measures;
+    if (measures <= 0) break;
+    startMeasure += measures;
+  }
+
   const double cursorX = scale_->tickToX(static_cast<double>(cursorTick_));
   p.setPen(Qt::NoPen);
   p.setBrush(QColor(40, 40, 40));
@@ -127,4 +147,100 @@ void Keyboard::paintEvent(QPaintEvent*) {
       p.drawText(QRect(2, y, w - 6, row), Qt::AlignVCenter | Qt::AlignRight, QString("C%1").arg(n / 12 - 1));
     }
   }
+}
+
+int Ruler::measureAt(int64_t tick) {
+  int measure = 0;
+  forEachBeat(document_->scale(), 0, tick + 1, [&](int64_t, bool isMeasure, int number) {
+    if (isMeasure) measure = number - 1;
+  });
+  return measure;
+}
+
+int64_t Ruler::measureStart(int measure) {
+  if (measure <= 0) return 0;
+  int64_t found = -1;
+  // Measures are at least a beat of a 1/32 long: a walk this far reaches it.
+  const int64_t limit = (static_cast<int64_t>(measure) + 1) * 64 * 480;
+  forEachBeat(document_->scale(), 0, limit, [&](int64_t tick, bool isMeasure, int number) {
+    if (found < 0 && isMeasure && number - 1 == measure) found = tick;
+  });
+  return std::max<int64_t>(found, 0);
+}
+
+int Ruler::tempoNoteAt(int64_t tick) {
+  const ctonm2& engine = document_->engine();
+  const std::vector<int64_t>& starts = document_->starts();
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    if (starts[static_cast<size_t>(i)] >= tick && !ctonm2::is_r(engine.notes[i].Lyric)) return i;
+  }
+  return engine.noteCount - 1;
+}
+
+void Ruler::setTempoAt(int index, float tempo) {
+  if (document_->notes().getNote(index) == nullptr) return;
+  document_->beginNoteEdit(index, undo::kTempo);
+  document_->notes().setTempo(index, tempo);
+  document_->endNoteEdit(index, undo::kTempo);
+}
+
+void Ruler::setTimeSignature(int measure, int beats, int note) {
+  document_->beginNoteEdit(0, undo::kTimeSignature);
+  document_->scale().addTimeSignature(measure, beats, note);
+  document_->endNoteEdit(0, undo::kTimeSignature);
+}
+
+void Ruler::removeTimeSignature(int measure) {
+  document_->beginNoteEdit(0, undo::kTimeSignature);
+  document_->scale().removeTimeSignature(measure);
+  document_->endNoteEdit(0, undo::kTimeSignature);
+}
+
+void Ruler::contextMenuEvent(QContextMenuEvent* event) {
+  const int64_t tick = std::max<int64_t>(0, scale_->xToTick(event->pos().x()));
+  const int measure = measureAt(tick);
+  const int note = tempoNoteAt(tick);
+  QMenu menu(this);
+  if (note >= 0) {
+    const float current = document_->engine().notes[note].Tempo;
+    menu.addAction(tr("Set &Tempo at \"%1\"…").arg(QString::fromUtf8(document_->engine().notes[note].Lyric)), this,
+                   [this, note] {
+                     bool ok = false;
+                     const double tempo = QInputDialog::getDouble(this, tr("Tempo"), tr("Quarter notes per minute:"),
+                                                                  document_->engine().get_tempo(note), 10.0, 512.0, 2,
+                                                                  &ok);
+                     if (ok) setTempoAt(note, static_cast<float>(tempo));
+                   });
+    QAction* remove = menu.addAction(tr("&Remove Tempo Change"), this, [this, note] { setTempoAt(note, 0.0f); });
+    remove->setEnabled(current > 0.0f);
+  }
+  menu.addSeparator();
+  menu.addAction(tr("Time &Signature at Measure %1…").arg(measure + 1), this, [this, measure] {
+    bool ok = false;
+    const QString text = QInputDialog::getText(this, tr("Time Signature"), tr("Beats/note (for example 3/4):"),
+                                               QLineEdit::Normal, "3/4", &ok);
+    if (!ok) return;
+    const QStringList parts = text.split('/');
+    const int beats = parts.value(0).trimmed().toInt();
+    const int value = parts.value(1).trimmed().toInt();
+    // The note value is a power of two a beat can be written in.
+    if (beats < 1 || beats > 32 || (value != 1 && value != 2 && value != 4 && value != 8 && value != 16 && value != 32)) {
+      return;
+    }
+    setTimeSignature(measure, beats, value);
+  });
+  QAction* removeSignature =
+      menu.addAction(tr("Remove Time Signature at Measure %1").arg(measure + 1), this,
+                     [this, measure] { removeTimeSignature(measure); });
+  // Only a change that starts exactly at this measure can go (never the first).
+  int start = 0;
+  bool startsHere = false;
+  const CScaleMan& signatures = document_->scale();
+  for (int k = 0; k < signatures.count(); ++k) {
+    if (k > 0 && start == measure) startsHere = true;
+    if (signatures.entries()[k].measures <= 0) break;
+    start += signatures.entries()[k].measures;
+  }
+  removeSignature->setEnabled(startsHere);
+  menu.exec(event->globalPos());
 }

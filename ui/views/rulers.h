@@ -28,6 +28,19 @@ class Ruler : public QWidget {
  protected:
   void paintEvent(QPaintEvent* event) override;
   void mousePressEvent(QMouseEvent* event) override;
+  void contextMenuEvent(QContextMenuEvent* event) override;
+
+ public:
+  // The measure (from 0) that holds a tick, and the tick where measure m starts.
+  int measureAt(int64_t tick);
+  int64_t measureStart(int measure);
+  // The note a tempo change at a tick goes on: the first sounding note
+  // starting at or after it (the last note when none), -1 without notes.
+  int tempoNoteAt(int64_t tick);
+  // As the ruler's menu does them, each one undo step.
+  void setTempoAt(int index, float tempo);
+  void setTimeSignature(int measure, int beats, int note);
+  void removeTimeSignature(int measure);
 
  private:
   EditorDocument* document_;

@@ -5,9 +5,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 
 #include "editing/undoman.h"
 #include "ui/shell/document.h"
+#include "ui/views/handles.h"
 #include "ui/views/pianoroll.h"
 #include "ui/views/timescale.h"
 
@@ -29,6 +32,7 @@ bool SelectTool::onRightEdge(int index, const QPoint& point) {
 }
 
 Qt::CursorShape SelectTool::cursorAt(const QPoint& point) {
+  if (roll_.handleAt(point).kind != PianoRoll::kNoHandle) return Qt::PointingHandCursor;
   const int index = roll_.noteAt(point);
   if (index < 0) return Qt::ArrowCursor;
   return onRightEdge(index, point) ? Qt::SizeHorCursor : Qt::SizeAllCursor;
@@ -42,6 +46,14 @@ void SelectTool::press(QMouseEvent* event) {
   pressed_ = roll_.noteAt(point);
   const Qt::KeyboardModifiers mods = event->modifiers();
   additive_ = (mods & Qt::ControlModifier) != 0;
+  const PianoRoll::Handle handle = roll_.handleAt(point);
+  if (handle.kind != PianoRoll::kNoHandle && mods == Qt::NoModifier) {
+    handleKind_ = handle.kind;
+    handleNote_ = handle.note;
+    handlePoint_ = handle.point;
+    startHandle(point);
+    return;
+  }
   if (pressed_ < 0) {
     if (!additive_ && (mods & Qt::ShiftModifier) == 0) notes.ReleaseAll();
     roll_.setCursorTick(std::max<int64_t>(0, roll_.timeScale()->snapDown(roll_.timeScale()->xToTick(point.x()))));
@@ -64,7 +76,9 @@ void SelectTool::press(QMouseEvent* event) {
 
 void SelectTool::startDrag() {
   EditorDocument& document = *roll_.document();
-  document.beginEdit(resizing_ ? undo::kLength : undo::kMove);
+  // A resize also stretches the pitch lines: the session keeps whole notes.
+  document.beginEdit(resizing_ ? undo::kSet : undo::kMove);
+  roll_.setHideSelectedCurves(true);
   const ctonm2& engine = document.engine();
   saved_.resize(static_cast<size_t>(engine.noteCount));
   for (int32_t i = 0; i < engine.noteCount; ++i) {
@@ -93,6 +107,10 @@ void SelectTool::move(QMouseEvent* event) {
     roll_.setRubberBand(QRect(origin_, point).normalized());
     return;
   }
+  if (mode_ == Mode::kHandle) {
+    applyHandle(point);
+    return;
+  }
   if (mode_ == Mode::kPending && (point - origin_).manhattanLength() >= 3) startDrag();
   if (mode_ == Mode::kMove || mode_ == Mode::kResize) apply(point);
 }
@@ -118,9 +136,16 @@ void SelectTool::release(QMouseEvent* event) {
     document.endEdit(undo::kMove);
   } else if (mode_ == Mode::kResize) {
     apply(event->position().toPoint());
+    for (int32_t i = 0; i < document.engine().noteCount; ++i) {
+      if (document.notes().isSelected(i)) document.notes().stretchPitchLen(i);
+    }
     document.notes().synchronizeNotes();
-    document.endEdit(undo::kLength);
+    document.endEdit(undo::kSet);
+  } else if (mode_ == Mode::kHandle) {
+    applyHandle(event->position().toPoint());
+    document.endNoteEdit(handleNote_, handleKind_ == PianoRoll::kPitchPoint ? undo::kPitch : undo::kVibrato);
   }
+  roll_.setHideSelectedCurves(false);
   mode_ = Mode::kNone;
 }
 
@@ -135,13 +160,17 @@ void SelectTool::cancel() {
   }
   document.notes().synchronizeNotes();
   // Nothing changed: the session records no step.
-  document.endEdit(mode_ == Mode::kResize ? undo::kLength : undo::kMove);
+  document.endEdit(mode_ == Mode::kResize ? undo::kSet : undo::kMove);
+  roll_.setHideSelectedCurves(false);
 }
 
 bool SelectTool::key(QKeyEvent* event) {
   if (event->key() != Qt::Key_Escape) return false;
   if (mode_ == Mode::kMove || mode_ == Mode::kResize) {
     cancel();
+  } else if (mode_ == Mode::kHandle) {
+    restoreHandle();
+    roll_.document()->endNoteEdit(handleNote_, handleKind_ == PianoRoll::kPitchPoint ? undo::kPitch : undo::kVibrato);
   } else if (mode_ == Mode::kBand) {
     roll_.setRubberBand(QRect());
   } else {
@@ -149,6 +178,119 @@ bool SelectTool::key(QKeyEvent* event) {
   }
   mode_ = Mode::kNone;
   return true;
+}
+
+// --- Expression handles ----------------------------------------------------------
+
+namespace {
+
+std::vector<float> copyList(const float* list) {
+  return list != nullptr ? std::vector<float>(list, list + floatListCount(list) + 1) : std::vector<float>();
+}
+
+// Makes a count-first list hold at least `count` values (new ones 0).
+bool growList(float** list, int32_t count) {
+  const int32_t old = floatListCount(*list);
+  if (old >= count) return true;
+  auto* grown = static_cast<float*>(realloc(*list, sizeof(float) * static_cast<size_t>(count + 1)));
+  if (grown == nullptr) return false;
+  for (int32_t k = old + 1; k <= count; ++k) grown[k] = 0.0f;
+  grown[0] = static_cast<float>(count);
+  *list = grown;
+  return true;
+}
+
+}  // namespace
+
+void SelectTool::startHandle(const QPoint&) {
+  EditorDocument& document = *roll_.document();
+  const bool pitch = handleKind_ == PianoRoll::kPitchPoint;
+  document.beginNoteEdit(handleNote_, pitch ? undo::kPitch : undo::kVibrato);
+  const NoteData* note = document.notes().getNote(handleNote_);
+  pbs_ = copyList(note->PBS);
+  pbw_ = copyList(note->PBW);
+  pby_ = copyList(note->PBY);
+  memcpy(vbr_, note->VBR, sizeof vbr_);
+  mode_ = Mode::kHandle;
+}
+
+void SelectTool::restoreHandle() {
+  NoteData* note = roll_.document()->notes().getNote(handleNote_);
+  if (note == nullptr) return;
+  auto put = [](float* list, const std::vector<float>& saved) {
+    if (list == nullptr || saved.empty()) return;
+    const size_t n = std::min<size_t>(saved.size(), static_cast<size_t>(floatListCount(list)) + 1);
+    std::copy(saved.begin() + 1, saved.begin() + static_cast<long>(n), list + 1);
+  };
+  put(note->PBS, pbs_);
+  put(note->PBW, pbw_);
+  put(note->PBY, pby_);
+  memcpy(note->VBR, vbr_, sizeof vbr_);
+}
+
+void SelectTool::applyHandle(const QPoint& point) {
+  EditorDocument& document = *roll_.document();
+  ctonm2& engine = document.engine();
+  NoteData* note = document.notes().getNote(handleNote_);
+  if (note == nullptr) return;
+  restoreHandle();
+  const TimeScale& scale = *roll_.timeScale();
+  const double ppm = pixelsPerMs(engine, handleNote_, scale);
+  const double dMs = (point.x() - origin_.x()) / ppm;
+  const double dCents = -(point.y() - origin_.y()) * 100.0 / scale.rowHeight();
+  const QRectF box = roll_.noteRect(handleNote_);
+  if (handleKind_ == PianoRoll::kPitchPoint) {
+    // A point moves in time between its neighbours (the points after it stay
+    // where they are) and, where it has a height of its own, in height.
+    const int n = floatListCount(note->PBW);
+    const int k = handlePoint_;
+    if (k == 0) {
+      const double dt = n >= 1 ? std::min(dMs, static_cast<double>(pbw_[1])) : dMs;
+      note->PBS[1] = static_cast<float>(pbs_[1] + dt);
+      if (n >= 1) note->PBW[1] = static_cast<float>(pbw_[1] - dt);
+      if (floatListCount(note->PBS) >= 2 && engine.getprenote(handleNote_, note->layer) < 0) {
+        note->PBS[2] = static_cast<float>(std::lround((pbs_[2] * 10.0 + dCents)) / 10.0);
+      }
+    } else if (k <= n) {
+      const double low = -pbw_[static_cast<size_t>(k)];
+      const double high = k < n ? pbw_[static_cast<size_t>(k + 1)] : 1e9;
+      const double dt = std::clamp(dMs, low, high);
+      note->PBW[k] = static_cast<float>(pbw_[static_cast<size_t>(k)] + dt);
+      if (k < n) {
+        note->PBW[k + 1] = static_cast<float>(pbw_[static_cast<size_t>(k + 1)] - dt);
+        if (growList(&note->PBY, k)) {
+          const float old = static_cast<size_t>(k) < pby_.size() ? pby_[static_cast<size_t>(k)] : 0.0f;
+          note->PBY[k] = static_cast<float>(std::lround(old * 10.0 + dCents) / 10.0);
+        }
+      }
+    }
+  } else {
+    const double noteWidth = std::max(1.0, box.width());
+    const double vibratoWidth = noteWidth * std::min<int>(vbr_[0], 100) / 100.0;
+    const double x = point.x();
+    switch (handleKind_) {
+      case PianoRoll::kVibratoLength:
+        note->VBR[0] = static_cast<int16_t>(std::clamp<long>(std::lround((box.right() - x) / noteWidth * 100.0), 1, 100));
+        break;
+      case PianoRoll::kVibratoDepth:
+        note->VBR[2] = static_cast<int16_t>(std::clamp<long>(std::lround(vbr_[2] + dCents), 0, 2000));
+        break;
+      case PianoRoll::kVibratoFadeIn:
+        note->VBR[3] = static_cast<int16_t>(
+            std::clamp<long>(std::lround((x - (box.right() - vibratoWidth)) / std::max(1.0, vibratoWidth) * 100.0), 0, 100));
+        break;
+      case PianoRoll::kVibratoFadeOut:
+        note->VBR[4] = static_cast<int16_t>(
+            std::clamp<long>(std::lround((box.right() - x) / std::max(1.0, vibratoWidth) * 100.0), 0, 100));
+        break;
+      default: break;
+    }
+  }
+  // The curve follows the hand: this note and its neighbours are rebuilt.
+  const int first = std::max(0, engine.getprenote(handleNote_, note->layer));
+  const int next = engine.getnextnote(handleNote_, note->layer);
+  engine.makePitchMode2(first, next >= 0 ? next : handleNote_);
+  document.touch();
 }
 
 // --- Pen -------------------------------------------------------------------------

@@ -46,11 +46,16 @@ class SelectTool : public RollTool {
   static constexpr int kEdgeGrab = 5;
 
  private:
-  enum class Mode { kNone, kPending, kMove, kResize, kBand };
+  enum class Mode { kNone, kPending, kMove, kResize, kBand, kHandle };
   bool onRightEdge(int index, const QPoint& point);
   void startDrag();
   void apply(const QPoint& point);
   void cancel();
+  // Dragging a pitch point or a vibrato handle of one note: one "ptch" or
+  // "vbrt" session, each movement applied to the values taken at the press.
+  void startHandle(const QPoint& point);
+  void applyHandle(const QPoint& point);
+  void restoreHandle();
 
   struct Saved {
     int32_t delta;
@@ -63,6 +68,12 @@ class SelectTool : public RollTool {
   int pressed_ = -1;
   bool additive_ = false;
   std::vector<Saved> saved_;
+  // The handle held, and the note's pitch line and vibrato at the press.
+  int handleKind_ = 0;
+  int handleNote_ = -1;
+  int handlePoint_ = -1;
+  std::vector<float> pbs_, pbw_, pby_;
+  int16_t vbr_[10] = {};
 };
 
 class PenTool : public RollTool {

@@ -1,0 +1,320 @@
+// Editing a note's expression in the editor: pitch points, vibrato,
+// envelope and intensity, the note dialogs, tempo and time signatures on
+// the ruler, layers. Every gesture is checked against the core's state,
+// undone and redone.
+#include <gtest/gtest.h>
+
+#include <QCheckBox>
+#include <QDoubleSpinBox>
+#include <QLineEdit>
+#include <QSpinBox>
+#include <QTableWidget>
+
+#include <cmath>
+#include <functional>
+
+#include "editing/scaleman.h"
+#include "editing/undoman.h"
+#include "tests/ui/editor_fixture.h"
+#include "tests/voicebank/bank.h"
+#include "ui/shell/notedialogs.h"
+#include "ui/views/handles.h"
+#include "ui/views/rulers.h"
+#include "ui/views/valuepane.h"
+
+using namespace editortest;
+
+namespace {
+
+const std::string kPitchLine = "PBS=-40;-20\nPBW=40,60\nPBY=5,\n";
+const std::string kVibrato = "VBR=50,180,40,20,20,0,0\n";
+
+std::vector<float> list(const float* values) {
+  return values != nullptr ? std::vector<float>(values + 1, values + 1 + floatListCount(values)) : std::vector<float>();
+}
+
+class Expression : public Editor {
+ protected:
+  NoteData& note(int i) { return *doc().notes().getNote(i); }
+  // Press at one point, move and release at another (in a widget).
+  void dragIn(QWidget* widget, QPointF from, QPointF to) {
+    QTest::mousePress(widget, Qt::LeftButton, Qt::NoModifier, from.toPoint());
+    for (int k = 1; k <= 3; ++k) {
+      const QPointF p = from + (to - from) * k / 3.0;
+      QMouseEvent move(QEvent::MouseMove, p, widget->mapToGlobal(p), Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
+      QApplication::sendEvent(widget, &move);
+    }
+    QTest::mouseRelease(widget, Qt::LeftButton, Qt::NoModifier, to.toPoint());
+  }
+  double msPerPixel() { return 125.0 / doc().engine().get_tempo(0) / scale_->pixelsPerTick(); }
+  // Undo, check, redo, check: the step replays exactly.
+  void undoRedo(const std::function<void()>& after, const std::function<void()>& before) {
+    trigger("undo");
+    before();
+    trigger("redo");
+    after();
+  }
+  // Opens the note menu over a point and triggers the item named `text`.
+  void noteMenu(QPoint at, const QString& text) {
+    bool found = false;
+    whenPopup([&](QMenu* menu) {
+      QAction* act = findAction(menu, text);
+      found = act != nullptr && act->isEnabled();
+      if (found) act->trigger();
+    });
+    QContextMenuEvent event(QContextMenuEvent::Mouse, at, roll_->mapToGlobal(at));
+    QApplication::sendEvent(roll_, &event);
+    EXPECT_TRUE(found) << text.toStdString();
+  }
+};
+
+TEST_F(Expression, APitchHandleMovesItsPointInTimeAndHeight) {
+  TestBank bank;  // the curve is built over what the notes sing
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  open({{480, 480, "a", 70, kPitchLine}, {480, 480, "a", 72, kPitchLine}}, bank.folder());
+  click(centreOf(0));
+  roll_->grab();  // a paint: the curves are built
+  // Point 1 (the end of the first segment) sits 0 ms after the start at
+  // 50 cents; dragged 4 pixels right and a row up.
+  const QPointF handle = roll_->pitchPointPosition(0, 1);
+  ASSERT_EQ(roll_->handleAt(handle).kind, PianoRoll::kPitchPoint);
+  dragIn(roll_, handle, handle + QPointF(4, -scale_->rowHeight()));
+  const double dMs = 4 * msPerPixel();
+  auto after = [&] {
+    EXPECT_NEAR(note(0).PBW[1], 40 + dMs, 0.01);
+    EXPECT_NEAR(note(0).PBW[2], 60 - dMs, 0.01);  // the next point stays where it was
+    EXPECT_FLOAT_EQ(note(0).PBY[1], 15.0f);       // 100 cents more, in tens of cents
+    EXPECT_EQ(list(note(0).PBS), (std::vector<float>{-40, -20}));
+  };
+  auto before = [&] {
+    EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 60}));
+    EXPECT_FLOAT_EQ(note(0).PBY[1], 5.0f);  // (the history keeps a height per segment)
+  };
+  after();
+  EXPECT_EQ(title("undo"), "ピッチの変更を元に戻す");
+  EXPECT_EQ(doc().history().steps(), 1);
+  undoRedo(after, before);
+
+  // The curve drawn follows: its value at the moved point is about 150 cents.
+  roll_->grab();
+  const NoteData& n = note(0);
+  ASSERT_NE(n._pitch, nullptr);
+  const double lead = n._preuttr + n._stp + n.stptrim;
+  const int at = static_cast<int>(std::lround((lead + dMs) / ctonm2::kPitchStepMs));  // point 1, dMs after the start
+  ASSERT_LT(at, n._pitchlen);
+  EXPECT_NEAR(n._pitch[at], 150.0, 20.0);
+}
+
+TEST_F(Expression, PointsAreAddedDeletedAndShapedFromTheMenu) {
+  open({{480, 480, "さ", 70, kPitchLine}});
+  scale_->setPixelsPerTick(1.0);  // a millisecond is about a pixel
+  scale_->setScrollX(300);
+  click(centreOf(0));
+  // Right of point 1: a point goes in the middle of the second segment.
+  noteMenu((roll_->pitchPointPosition(0, 1) + QPointF(2, 0)).toPoint(), "Add Point Here");
+  EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 30, 30}));
+  EXPECT_EQ(pitchPoints(doc().engine(), 0).size(), 4u);
+  EXPECT_EQ(title("undo"), "ピッチの変更を元に戻す");
+  noteMenu(roll_->pitchPointPosition(0, 2).toPoint(), "Delete Point");
+  EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 60}));
+  noteMenu((roll_->pitchPointPosition(0, 1) + QPointF(2, 0)).toPoint(), "Linear");
+  EXPECT_EQ(doc().notes().getPitchKind(0, 2), 's');
+  trigger("undo");
+  EXPECT_NE(doc().notes().getPitchKind(0, 2), 's');
+  noteMenu(centreOf(0), "Reset to Default");
+  EXPECT_EQ(list(note(0).PBS), (std::vector<float>{-40}));
+  EXPECT_EQ(list(note(0).PBW), (std::vector<float>{80}));
+}
+
+TEST_F(Expression, PitchLinesAndVibratosAreCopiedBetweenNotes) {
+  open({{480, 480, "さ", 70, kPitchLine + kVibrato}, {480, 480, "く", 72}});
+  click(centreOf(0));
+  noteMenu(centreOf(0), "Copy Pitch Line");
+  noteMenu(centreOf(0), "Copy Vibrato");
+  click(centreOf(1));
+  noteMenu(centreOf(1), "Paste Pitch Line");
+  EXPECT_EQ(list(note(1).PBW), (std::vector<float>{40, 60}));
+  noteMenu(centreOf(1), "Paste Vibrato");
+  EXPECT_EQ(note(1).VBR[2], 40);
+  EXPECT_EQ(title("undo"), "ビブラートの変更を元に戻す");
+  noteMenu(centreOf(1), "Clear");
+  EXPECT_EQ(note(1).VBR[0], 0);
+  noteMenu(centreOf(1), "Add Default");
+  EXPECT_EQ(note(1).VBR[0], 70);  // the default
+}
+
+TEST_F(Expression, VibratoHandlesChangeLengthDepthAndFades) {
+  open({{480, 960, "さ", 70, kVibrato}});
+  click(centreOf(0));
+  const QRectF box = roll_->noteRect(0);
+  VibratoBox v = vibratoBox(doc().engine(), 0, box, *scale_);
+  ASSERT_FALSE(v.box.isNull());
+  // Depth: one row up is 100 cents more.
+  dragIn(roll_, v.depth, v.depth - QPointF(0, scale_->rowHeight()));
+  EXPECT_EQ(note(0).VBR[2], 140);
+  EXPECT_EQ(title("undo"), "ビブラートの変更を元に戻す");
+  // Length: the left edge to the middle of the note.
+  v = vibratoBox(doc().engine(), 0, box, *scale_);
+  dragIn(roll_, v.length, QPointF(box.left() + box.width() * 0.75, v.length.y()));
+  EXPECT_NEAR(note(0).VBR[0], 25, 1);
+  v = vibratoBox(doc().engine(), 0, box, *scale_);
+  dragIn(roll_, v.fadeIn, QPointF(v.box.center().x(), v.fadeIn.y()));
+  EXPECT_NEAR(note(0).VBR[3], 50, 2);
+  EXPECT_EQ(doc().history().steps(), 3);
+  trigger("undo");
+  trigger("undo");
+  trigger("undo");
+  EXPECT_EQ(note(0).VBR[2], 40);
+  EXPECT_EQ(note(0).VBR[0], 50);
+  EXPECT_EQ(note(0).VBR[3], 20);
+}
+
+TEST_F(Expression, EnvelopePointsAndIntensityBarsAreDraggedInTheLane) {
+  open({{480, 960, "さ", 70}, {960, 960, "く", 70}});
+  scale_->setPixelsPerTick(1.0);
+  scale_->setScrollX(300);
+  ValuePane* pane = window_->editor()->valuePane();
+  click(centreOf(0));
+  // Point 2 (p2, v2) of the default envelope: 5 + 1 ms in, at 100 %.
+  const QPointF point = pane->envelopePointPosition(0, 2);
+  const double ppm = 1.0 / msPerPixel();
+  dragIn(pane, point, point + QPointF(20 * ppm, pane->levelToY(50) - pane->levelToY(100)));
+  EXPECT_NEAR(note(0).Envelope[1], 21.0, 1.1);  // p2 grew by 20 ms (to a pixel)
+  EXPECT_NEAR(note(0).Envelope[4], 50.0, 1.0);  // v2 down to 50 %
+  EXPECT_EQ(title("undo"), "エンベロープの変更を元に戻す");
+  trigger("undo");
+  EXPECT_FLOAT_EQ(note(0).Envelope[1], 1.0f);
+  EXPECT_FLOAT_EQ(note(0).Envelope[4], 100.0f);
+
+  // Intensity: both notes selected, one bar dragged to 150 %.
+  window_->action("showIntensity")->trigger();
+  click(centreOf(1), Qt::ShiftModifier);
+  const QPointF top = pane->intensityTop(1);
+  dragIn(pane, top, QPointF(top.x(), pane->levelToY(150)));
+  EXPECT_NEAR(note(0).Intensity, 150, 1);
+  EXPECT_NEAR(note(1).Intensity, 150, 1);
+  EXPECT_EQ(title("undo"), "ボリュームの変更を元に戻す");
+  trigger("undo");
+  EXPECT_EQ(note(0).Intensity, 100);
+  EXPECT_EQ(note(1).Intensity, 100);
+}
+
+TEST_F(Expression, ThePropertyDialogLeavesFieldsThatDifferAlone) {
+  open({{480, 480, "さ", 70}, {480, 480, "く", 72}});
+  click(centreOf(0));
+  click(centreOf(1), Qt::ShiftModifier);
+  {
+    NotePropertiesDialog dialog(&doc());
+    EXPECT_EQ(dialog.field("lyric")->text(), "");  // differs
+    EXPECT_EQ(dialog.field("note")->text(), "");
+    EXPECT_EQ(dialog.field("intensity")->text(), "100");
+    EXPECT_EQ(dialog.field("preutterance")->text(), "not set");
+    dialog.field("intensity")->setText("80");
+    dialog.field("preutterance")->setText("45.5");
+    dialog.field("tempo")->setText("none");
+    QString error;
+    ASSERT_TRUE(dialog.apply(&error)) << error.toStdString();
+  }
+  auto after = [&] {
+    EXPECT_EQ(note(0).Intensity, 80);
+    EXPECT_EQ(note(1).Intensity, 80);
+    EXPECT_FLOAT_EQ(note(0).PreUtterance, 45.5f);
+    EXPECT_STREQ(note(0).Lyric, "さ");  // left alone
+    EXPECT_STREQ(note(1).Lyric, "く");
+    EXPECT_EQ(note(1).NoteNum, 72);
+  };
+  after();
+  EXPECT_EQ(title("undo"), "音符の変更を元に戻す");
+  undoRedo(after, [&] {
+    EXPECT_EQ(note(0).Intensity, 100);
+    EXPECT_TRUE(std::isnan(note(1).PreUtterance));
+  });
+
+  // Values out of range are refused with the range, and nothing changes.
+  NotePropertiesDialog dialog(&doc());
+  dialog.field("length")->setText("20");
+  QString error;
+  EXPECT_FALSE(dialog.apply(&error));
+  EXPECT_NE(error.indexOf("from 30 to 7680"), -1) << error.toStdString();
+  dialog.field("length")->setText("960");
+  dialog.field("note")->setText("A4");
+  ASSERT_TRUE(dialog.apply(&error));
+  EXPECT_EQ(soundingNotes(doc().engine()), (std::vector<Read>{{480, 960, "さ", 69}, {960, 960, "く", 69}}));
+}
+
+TEST_F(Expression, TheDetailDialogEditsOneNotesNumbersInOneStep) {
+  open({{480, 480, "さ", 70, kPitchLine + kVibrato}});
+  NoteDetailDialog dialog(&doc(), 0);
+  ASSERT_EQ(dialog.pitchTable()->rowCount(), 2);
+  EXPECT_EQ(dialog.pitchTable()->item(0, 1)->text(), "50");  // 5 tens of cents
+  dialog.pitchTable()->item(1, 0)->setText("75");
+  dialog.vibrato(2)->setValue(65);
+  dialog.envelope(8)->setValue(50.0);  // p4, the fall at the end
+  dialog.apply();
+  EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 75}));
+  EXPECT_EQ(note(0).VBR[2], 65);
+  EXPECT_FLOAT_EQ(note(0).Envelope[8], 50.0f);
+  EXPECT_EQ(doc().history().steps(), 1);
+  trigger("undo");
+  EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 60}));
+  EXPECT_EQ(note(0).VBR[2], 40);
+  EXPECT_FLOAT_EQ(note(0).Envelope[8], 35.0f);
+}
+
+TEST_F(Expression, TheAssistantGivesLinesAndVibratosToLongEnoughNotes) {
+  open({{480, 960, "さ", 70}, {960, 240, "く", 72}, {240, 960, "ら", 74}});
+  trigger("selectAll");
+  AssistantDialog dialog(&doc());
+  dialog.depth()->setValue(55);
+  dialog.share()->setValue(60);
+  dialog.shortest()->setValue(480);
+  EXPECT_EQ(dialog.apply(), 2);
+  EXPECT_EQ(note(0).VBR[2], 55);
+  EXPECT_EQ(note(0).VBR[0], 60);
+  EXPECT_EQ(note(1).VBR[0], 0);  // shorter than 480 ticks
+  EXPECT_EQ(list(note(2).PBW), (std::vector<float>{80}));
+  EXPECT_EQ(doc().history().steps(), 1);
+  trigger("undo");
+  EXPECT_EQ(note(0).VBR[0], 0);
+  EXPECT_EQ(note(2).PBW, nullptr);
+}
+
+TEST_F(Expression, TemposAndTimeSignaturesAreSetOnTheRuler) {
+  open({{480, 480, "さ", 70}, {480, 480, "く", 72}, {480, 480, "ら", 74}});
+  Ruler* ruler = window_->editor()->ruler();
+  const int index = ruler->tempoNoteAt(900);
+  EXPECT_EQ(index, 1);  // the note starting at 960
+  ruler->setTempoAt(index, 90.0f);
+  EXPECT_FLOAT_EQ(note(1).Tempo, 90.0f);
+  EXPECT_EQ(title("undo"), "テンポの変更を元に戻す");
+  EXPECT_NEAR(doc().notes().Ticks2MSec(1440), 960 * 125.0 / 120 + 480 * 125.0 / 90, 0.01);
+  trigger("undo");
+  EXPECT_FLOAT_EQ(note(1).Tempo, 0.0f);
+
+  ruler->setTimeSignature(2, 3, 4);
+  EXPECT_EQ(doc().scale().count(), 2);
+  EXPECT_EQ(ruler->measureStart(3), 2 * 1920 + 1440);  // two 4/4 bars, then 3/4
+  EXPECT_EQ(ruler->measureAt(2 * 1920 + 1500), 3);
+  EXPECT_EQ(title("undo"), "拍子記号を元に戻す");
+  ruler->removeTimeSignature(2);
+  EXPECT_EQ(doc().scale().count(), 1);
+  trigger("undo");
+  EXPECT_EQ(doc().scale().count(), 2);
+  trigger("undo");
+  EXPECT_EQ(doc().scale().count(), 1);
+}
+
+TEST_F(Expression, NewNotesGoOnTheTargetLayerAndMutedLayersStaySilent) {
+  window_->findChild<QComboBox*>("layer")->setCurrentIndex(3);  // layer 3 (index 2)
+  window_->action("toolPen")->trigger();
+  click(at(480, 70));
+  EXPECT_EQ(note(0).layer, 2);
+  auto* mute = window_->findChild<QCheckBox*>("layerOn2");
+  ASSERT_NE(mute, nullptr);
+  mute->setChecked(false);
+  EXPECT_EQ(doc().engine().layerEnabled[2], 0);
+  mute->setChecked(true);
+  EXPECT_EQ(doc().engine().layerEnabled[2], 1);
+}
+
+}  // namespace
