@@ -106,6 +106,42 @@ void BM_DragStepOf500Notes(benchmark::State& state) {
 }
 BENCHMARK(BM_DragStepOf500Notes)->Unit(benchmark::kMillisecond);
 
+// One note of the 10,000 selected; its second pitch point dragged a few
+// pixels back and forth: the line changed, its curve and its neighbours'
+// rebuilt, the roll repainted.
+void BM_PitchHandleStep(benchmark::State& state) {
+  Fixture f;
+  EditorDocument& document = *f.window->document();
+  f.paint();
+  // A note in view.
+  int index = -1;
+  for (int32_t i = 0; i < document.engine().noteCount && index < 0; ++i) {
+    if (f.roll->noteRect(i).left() > 200) index = i;
+  }
+  document.notes().addSelect(index, 0);
+  f.paint();
+  const QPointF start = f.roll->pitchPointPosition(index, 1);
+  QMouseEvent press(QEvent::MouseButtonPress, start, f.roll->mapToGlobal(start), Qt::LeftButton, Qt::LeftButton,
+                    Qt::NoModifier);
+  QApplication::sendEvent(f.roll, &press);
+  double dy = -6;
+  for (auto _ : state) {
+    const QPointF at = start + QPointF(2, dy);
+    QMouseEvent move(QEvent::MouseMove, at, f.roll->mapToGlobal(at), Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(f.roll, &move);
+    f.paint();
+    dy = -dy;
+  }
+  // Released away from where it was taken: one step in the history, which
+  // shows that the handle was held.
+  const QPointF end = start + QPointF(2, -6);
+  QMouseEvent release(QEvent::MouseButtonRelease, end, f.roll->mapToGlobal(end), Qt::LeftButton, Qt::NoButton,
+                      Qt::NoModifier);
+  QApplication::sendEvent(f.roll, &release);
+  state.counters["steps"] = document.history().steps();
+}
+BENCHMARK(BM_PitchHandleStep)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {

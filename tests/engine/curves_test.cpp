@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <vector>
 
 #include "engine/ctonm2.h"
 #include "tests/engine/notes.h"
@@ -342,4 +343,33 @@ TEST(Envelope, EqualSpacingOfTheInnerPoints) {
   ctonm2::default_env(tight);
   ctonm2::equalSpaceEnv(tight, 30.0);  // no room left: falls back to correction
   EXPECT_NEAR(tight[0] + tight[1] + tight[2] + tight[8] + tight[9], 29.0f, 1e-4);
+}
+
+// After one note's line changes, rebuilding that note and its neighbours
+// gives what a whole rebuild gives, and leaves the other notes alone.
+TEST(PitchLine, ARangeRebuildMatchesTheWholeRebuild) {
+  ctonm2 engine;
+  for (int i = 0; i < 4; ++i) {
+    NoteData note = makeNote("a", 60 + 2 * i);
+    note._pos = i * 60 * kStep;
+    note._truelen = justUnder(60);
+    note.PBS = floatList({-7 * kGrid});
+    note.PBW = floatList({14 * kGrid});
+    engine.insert_note(i, &note);
+  }
+  engine.makePitchMode2();
+  const float* untouched = engine.notes[0]._pitch;
+  engine.notes[2].PBW[1] = 30 * kGrid;
+  engine.makePitchMode2(1, 3);
+  EXPECT_EQ(engine.notes[0]._pitch, untouched);
+  std::vector<std::vector<float>> ranged;
+  for (int i = 1; i < 4; ++i) ranged.emplace_back(engine.notes[i]._pitch, engine.notes[i]._pitch + engine.notes[i]._pitchlen);
+  engine.makePitchMode2();
+  for (int i = 1; i < 4; ++i) {
+    EXPECT_EQ(ranged[static_cast<size_t>(i - 1)],
+              std::vector<float>(engine.notes[i]._pitch, engine.notes[i]._pitch + engine.notes[i]._pitchlen))
+        << i;
+  }
+  engine.makePitchMode2(-5, 99);  // clamped to the list
+  EXPECT_NE(engine.notes[3]._pitch, nullptr);
 }
