@@ -14,7 +14,9 @@
 #include <cstring>
 #include <string>
 
+#include "editing/noteman.h"
 #include "editing/undoman.h"
+#include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/startup.h"
 #include "ui/shell/texts.h"
@@ -24,11 +26,12 @@ namespace {
 
 const char kUsage[] =
     "usage: tona-editor [PROJECT]\n"
-    "       tona-editor --screenshot OUT.png [--size WIDTHxHEIGHT] [PROJECT]\n"
+    "       tona-editor --screenshot OUT.png [--size WIDTHxHEIGHT] [--select FIRST[-LAST]] [PROJECT]\n"
     "\n"
     "Opens PROJECT (an .snt file) in the desktop editor, or a new project.\n"
     "With --screenshot, lays out the window off screen, writes it as a PNG\n"
-    "picture (1280x800 unless --size says otherwise) and exits.\n";
+    "picture (1280x800 unless --size says otherwise) and exits; --select\n"
+    "selects notes FIRST to LAST (counted from 0) first, to show their handles.\n";
 
 int fail(const char* message) {
   fprintf(stderr, "tona-editor: %s\n", message);
@@ -40,6 +43,7 @@ int fail(const char* message) {
 int main(int argc, char** argv) {
   std::string screenshot, project;
   int width = 1280, height = 800;
+  int selectFirst = -1, selectLast = -1;
   for (int i = 1; i < argc; ++i) {
     const char* arg = argv[i];
     if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
@@ -58,6 +62,13 @@ int main(int argc, char** argv) {
           width > 8000 || height > 8000) {
         return fail("--size takes WIDTHxHEIGHT, from 200x150 to 8000x8000");
       }
+    } else if (strcmp(arg, "--select") == 0) {
+      if (++i >= argc) return fail("--select takes FIRST or FIRST-LAST");
+      const int n = sscanf(argv[i], "%d-%d", &selectFirst, &selectLast);
+      if (n < 1 || selectFirst < 0 || (n == 2 && selectLast < selectFirst)) {
+        return fail("--select takes FIRST or FIRST-LAST, counted from 0");
+      }
+      if (n == 1) selectLast = selectFirst;
     } else if (arg[0] == '-' && arg[1] != '\0') {
       fprintf(stderr, "tona-editor: unknown option '%s'\n%s", arg, kUsage);
       return 2;
@@ -88,6 +99,12 @@ int main(int argc, char** argv) {
     window->show();
     QApplication::processEvents();
     window->editor()->showSongStart();
+    if (selectFirst >= 0) {
+      CNoteMan& notes = window->document()->notes();
+      notes.addSelect(selectFirst, 0);
+      if (selectLast > selectFirst) notes.addSelect(selectLast, 1);
+      window->document()->touch();
+    }
     QApplication::processEvents();
     const bool saved = window->grab().save(QString::fromLocal8Bit(screenshot.c_str()), "PNG");
     delete window;

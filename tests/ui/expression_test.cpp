@@ -318,3 +318,21 @@ TEST_F(Expression, NewNotesGoOnTheTargetLayerAndMutedLayersStaySilent) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(Expression, ResizingANoteStretchesItsPitchLineInOneStep) {
+  open({{480, 480, "さ", 70, kPitchLine}});
+  click(centreOf(0));
+  const QRectF box = roll_->noteRect(0);
+  const QPoint edge(static_cast<int>(box.right()) - 2, static_cast<int>(box.center().y()) + 4);
+  dragIn(roll_, edge, edge + QPoint(static_cast<int>(480 * scale_->pixelsPerTick()), 0));
+  EXPECT_EQ(note(0).Length, 960);
+  // Only the part after the note's start is stretched: the second segment.
+  EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 120}));
+  trigger("undo");
+  EXPECT_EQ(note(0).Length, 480);
+  EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 60}));
+}
+
+}  // namespace

@@ -201,7 +201,10 @@ void PianoRoll::paintEvent(QPaintEvent*) {
       const double centre = y + row / 2.0;
       QPainterPath path;
       bool started = false;
-      const int32_t kFirst = std::max(0, static_cast<int32_t>(std::floor(lead / ctonm2::kPitchStepMs)));
+      // From the note's start, or earlier where its own line begins earlier
+      // (the glide into the note).
+      const double glide = floatListCount(note.PBS) >= 1 ? std::min(0.0, static_cast<double>(note.PBS[1])) : 0.0;
+      const int32_t kFirst = std::max(0, static_cast<int32_t>(std::floor((lead + glide) / ctonm2::kPitchStepMs)));
       for (int32_t k = kFirst; k < note._pitchlen; ++k) {
         const double ms = k * ctonm2::kPitchStepMs - lead;  // from the note's start
         if (ms > note._notelen) break;
