@@ -39,7 +39,8 @@ QString Player::deviceName() const { return output_ != nullptr ? QString::fromUt
 bool Player::openDevice(QString* error) {
   if (output_ != nullptr) return true;
   std::string reason;
-  device_ = openAudioDevice(nullptr, &reason);
+  const QByteArray name = deviceWanted_.toUtf8();
+  device_ = openAudioDevice(name.isEmpty() ? nullptr : name.constData(), &reason);
   if (device_ == nullptr) {
     *error = tr("No audio output: %1").arg(QString::fromStdString(reason));
     return false;
@@ -75,6 +76,35 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
   timer_.start();
   emit stateChanged();
   return true;
+}
+
+bool Player::playClip(const std::vector<int16_t>& samples, QString* error) {
+  stop();
+  if (!openDevice(error)) return false;
+  // The player's block: a head of 48 bytes, then the samples.
+  constexpr size_t kHeadWords = 24;
+  auto* block = static_cast<int16_t*>(calloc(kHeadWords + samples.size(), sizeof(int16_t)));
+  if (block == nullptr) {
+    *error = tr("Out of memory");
+    return false;
+  }
+  std::copy(samples.begin(), samples.end(), block + kHeadWords);
+  started = false;
+  stopped = false;
+  CAudioOut::renderPos = 0;  // nothing left to render: it never waits
+  CAudioOut::play_trigger(nullptr, reinterpret_cast<uint8_t*>(block), static_cast<int32_t>(kHeadWords * 2),
+                          static_cast<int32_t>((kHeadWords + samples.size()) * 2), 0);
+  return true;
+}
+
+bool Player::setDevice(const QString& name, QString* error) {
+  if (name == deviceWanted_ && output_ != nullptr) return true;
+  stop();
+  if (output_ != nullptr) output_->play_stop();
+  output_.reset();
+  device_.reset();
+  deviceWanted_ = name;
+  return openDevice(error);
 }
 
 void Player::pause() {

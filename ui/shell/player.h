@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 class AudioDevice;
 class CAudioOut;
@@ -36,6 +37,11 @@ class Player : public QObject {
   void rewind();
   // Stops playing and rendering; nothing happens when idle.
   void stop();
+  // Plays a finished stretch of 16-bit samples at 44100 Hz (an entry as it
+  // is cut, a note rendered alone, a test tone); whatever played stops.
+  bool playClip(const std::vector<int16_t>& samples, QString* error);
+  // Plays on the named device from now on (empty: the default one).
+  bool setDevice(const QString& name, QString* error);
 
   bool active() const { return document_ != nullptr; }
   bool paused() const { return paused_; }
@@ -57,6 +63,7 @@ class Player : public QObject {
   void finish();
   bool openDevice(QString* error);
 
+  QString deviceWanted_;
   std::unique_ptr<AudioDevice> device_;
   std::unique_ptr<CAudioOut> output_;
   QTimer timer_;
