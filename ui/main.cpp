@@ -7,6 +7,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QLocale>
+#include <QSettings>
 #include <QTimer>
 
 #include <cstdio>
@@ -18,6 +19,7 @@
 #include "editing/undoman.h"
 #include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
+#include "ui/shell/preferences.h"
 #include "ui/shell/startup.h"
 #include "ui/shell/texts.h"
 #include "ui/views/rolleditor.h"
@@ -28,7 +30,8 @@ const char kUsage[] =
     "usage: tona-editor [PROJECT]\n"
     "       tona-editor --screenshot OUT.png [--size WIDTHxHEIGHT] [--select FIRST[-LAST]] [PROJECT]\n"
     "\n"
-    "Opens PROJECT (an .snt file) in the desktop editor, or a new project.\n"
+    "Opens PROJECT (an .snt file) in the desktop editor, or a new project; a\n"
+    "MIDI (.mid) or VSQ (.vsq) file is imported as a new project.\n"
     "With --screenshot, lays out the window off screen, writes it as a PNG\n"
     "picture (1280x800 unless --size says otherwise) and exits; --select\n"
     "selects notes FIRST to LAST (counted from 0) first, to show their handles.\n";
@@ -87,6 +90,9 @@ int main(int argc, char** argv) {
   QApplication::setApplicationDisplayName("TONA");
   QApplication::setDesktopFileName("tona-editor");
   installCoreTexts(QLocale::system());
+  // Logging as the preferences say, once the user has chosen something
+  // (until then the environment decides).
+  if (QSettings().contains("log/level")) EditorPreferences::load().applyLogging();
 
   auto* window = new MainWindow;
   if (!screenshot.empty()) {

@@ -28,20 +28,18 @@
 #include <cstring>
 
 #include "render/resampler.h"
-#include "support/multibyte.h"
 #include "support/safe_output.h"
 #include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/player.h"
 #include "ui/views/waveview.h"
+#include "voicebank/connective.h"
 #include "voicebank/freqtable.h"
 
 // --- The table ------------------------------------------------------------------------
 
 EntryModel::EntryModel(cvoiceset* set, const QString& folder, QObject* parent)
     : QAbstractTableModel(parent), set_(set), folder_(folder) {
-  const QString charset = QString::fromUtf8(set_->charset()).toLower();
-  utf8_ = charset.contains("utf");
   missing_.resize(static_cast<size_t>(set_->count()));
   for (int row = 0; row < set_->count(); ++row) {
     const QString sample = folder_ + text(set_->get_filename(row));
@@ -55,13 +53,7 @@ EntryModel::EntryModel(cvoiceset* set, const QString& folder, QObject* parent)
   }
 }
 
-QString EntryModel::text(const char* bytes) const {
-  if (bytes == nullptr) return QString();
-  if (utf8_) return QString::fromUtf8(bytes);
-  CMultiByte converter;
-  const char* converted = converter.sjisToUtf8OrSame(bytes);
-  return QString::fromUtf8(converted != nullptr ? converted : bytes);
-}
+QString EntryModel::text(const char* bytes) const { return bytes != nullptr ? QString::fromUtf8(bytes) : QString(); }
 
 int EntryModel::rowCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : set_->count(); }
 int EntryModel::columnCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : kColumns; }
@@ -249,6 +241,8 @@ bool BankEditor::open(const QString& folder, QString* error) {
     *error = tr("No voice bank entries at %1").arg(folder_);
     return false;
   }
+  // Texts as UTF-8 from here on; oto_ini.txt is written in UTF-8.
+  convertVoicesetTexts(set_.get());
   model_ = new EntryModel(set_.get(), folder_, this);
   proxy_->setSourceModel(model_);
   table_->resizeColumnsToContents();

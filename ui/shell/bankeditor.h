@@ -40,13 +40,12 @@ class EntryModel : public QAbstractTableModel {
   QString missing(int row) const;
   // After the entry of row r changed.
   void rowChanged(int row);
-  // A text of the bank as UTF-8 (the bank's own charset converted).
+  // A text of the bank (converted to UTF-8 when the bank was read).
   QString text(const char* bytes) const;
 
  private:
   cvoiceset* set_;
   QString folder_;
-  bool utf8_;
   std::vector<QString> missing_;
 };
 

@@ -41,6 +41,13 @@
 #include "ui/views/timescale.h"
 #include "ui/views/valuepane.h"
 #include "ui/shell/notedialogs.h"
+#include "ui/shell/bankdialogs.h"
+#include "ui/shell/bankeditor.h"
+#include "ui/shell/preferences.h"
+#include "editing/scaleman.h"
+#include "midi/midiman.h"
+#include "support/userdirs.h"
+#include <QInputDialog>
 
 namespace {
 
@@ -96,6 +103,7 @@ MainWindow::MainWindow(QWidget* parent)
 
   buildLayerPanel();
   restoreSettings();
+  applyShortcuts();
   updateTitle();
   updateActions();
 }
@@ -129,6 +137,9 @@ void MainWindow::buildMenus() {
   file->addAction(makeAction("render", tr("&Render to WAV…"), QKeySequence(Qt::CTRL | Qt::Key_R),
                              &MainWindow::renderDialog));
   file->addSeparator();
+  file->addAction(makeAction("import", tr("&Import MIDI or VSQ…"), QKeySequence(), &MainWindow::importDialog));
+  file->addAction(makeAction("export", tr("E&xport as VSQ or MIDI…"), QKeySequence(), &MainWindow::exportDialog));
+  file->addSeparator();
   file->addAction(makeAction("quit", tr("&Quit"), QKeySequence::Quit, nullptr));
   connect(action("quit"), &QAction::triggered, this, &QWidget::close);
 
@@ -160,6 +171,9 @@ void MainWindow::buildMenus() {
   connect(action("noteDetails"), &QAction::triggered, this,
           [this] { noteDetailDialog(document_->notes().topOfSelection()); });
   edit->addAction(makeAction("assistant", tr("Pitch and Vibrato &Assistant…"), QKeySequence(), &MainWindow::assistantDialog));
+  edit->addSeparator();
+  edit->addAction(makeAction("preferences", tr("Pr&eferences…"), QKeySequence(Qt::CTRL | Qt::Key_Comma),
+                             &MainWindow::preferencesDialog));
 
   QMenu* view = menuBar()->addMenu(tr("&View"));
   view->addAction(makeAction("zoomIn", tr("Zoom &In"), QKeySequence::ZoomIn, nullptr));
@@ -212,7 +226,10 @@ void MainWindow::buildMenus() {
 
   QMenu* project = menuBar()->addMenu(tr("P&roject"));
   project->addAction(makeAction("properties", tr("&Properties…"), QKeySequence(), &MainWindow::propertiesDialog));
-  singerMenu_ = project->addMenu(tr("&Singer"));
+  project->addAction(makeAction("singer", tr("S&inger…"), QKeySequence(), &MainWindow::singerDialog));
+  singerMenu_ = project->addMenu(tr("&Recent Singers"));
+  project->addAction(makeAction("entries", tr("Voice Bank &Entries…"), QKeySequence(), &MainWindow::entriesWindow));
+  project->addAction(makeAction("prefixMap", tr("Prefix &Map…"), QKeySequence(), &MainWindow::prefixMapDialog));
   updateRecentMenu();
   updateSingerMenu();
 }
@@ -347,6 +364,11 @@ bool MainWindow::openProject(const QString& path, bool quiet) {
 }
 
 void MainWindow::openElsewhere(const QString& path) {
+  const QString suffix = QFileInfo(path).suffix().toLower();
+  if (suffix == "mid" || suffix == "midi" || suffix == "smf" || suffix == "vsq") {
+    importSequence(path, -1, -1);
+    return;
+  }
   // A project already open here is raised rather than read twice.
   const QString absolute = QFileInfo(path).absoluteFilePath();
   for (QWidget* widget : QApplication::topLevelWidgets()) {
@@ -427,7 +449,7 @@ bool MainWindow::renderToWave(const QString& path) {
   Player::instance().stop();
   RenderJob job;
   QString error;
-  if (!job.start(document_, path, std::max(1, QThread::idealThreadCount()), &error)) {
+  if (!job.start(document_, path, EditorPreferences::load().renderThreads, &error)) {
     showMessage(error, true);
     return false;
   }
@@ -788,4 +810,152 @@ void MainWindow::buildLayerPanel() {
   for (QAction* act : menuBar()->actions()) {
     if (act->menu() != nullptr && act->menu()->title() == tr("&View")) act->menu()->addAction(toggle);
   }
+}
+
+// --- Shortcuts, banks, preferences, exchange ---------------------------------------
+
+void MainWindow::applyShortcuts() {
+  QSettings settings;
+  settings.beginGroup("shortcuts");
+  for (const QString& name : settings.childKeys()) {
+    if (QAction* act = action(name)) act->setShortcut(QKeySequence(settings.value(name).toString()));
+  }
+}
+
+void MainWindow::preferencesDialog() {
+  PreferencesDialog dialog(this);
+  if (dialog.exec() != QDialog::Accepted) return;
+  const EditorPreferences prefs = EditorPreferences::load();
+  const int pen = penBox_->findData(prefs.noteLength);
+  if (pen >= 0) penBox_->setCurrentIndex(pen);
+  const int grid = gridBox_->findData(prefs.grid);
+  if (grid >= 0) gridBox_->setCurrentIndex(grid);
+}
+
+void MainWindow::singerDialog() {
+  SingerDialog dialog(document_, this);
+  connect(&dialog, &SingerDialog::singerChanged, this, [this](const QString& folder) {
+    rememberSinger(folder);
+    showMessage(tr("Singing with %1").arg(folder));
+  });
+  dialog.exec();
+}
+
+void MainWindow::entriesWindow() {
+  const QString folder = document_->voiceFolder();
+  if (folder.isEmpty()) {
+    singerDialog();
+    return;
+  }
+  auto* editor = new BankEditor;
+  QString error;
+  if (!editor->open(folder, &error)) {
+    delete editor;
+    showMessage(error, true);
+    return;
+  }
+  editor->show();
+}
+
+void MainWindow::prefixMapDialog() {
+  if (document_->voiceEntryCount() == 0) {
+    showMessage(tr("The project sings with no voice bank"), true);
+    return;
+  }
+  PrefixMapDialog dialog(document_, this);
+  dialog.exec();
+}
+
+bool MainWindow::importSequence(const QString& path, int track, int channel) {
+  const bool vsq = path.endsWith(".vsq", Qt::CaseInsensitive);
+  CMIDIMan midi;
+  const QByteArray file = path.toLocal8Bit();
+  if (!vsq && track < 0) {
+    // The first track with notes, one with lyrics first.
+    const std::vector<std::string> tracks = midi.getTrackList(file.constData());
+    for (int pass = 0; pass < 2 && track < 0; ++pass) {
+      for (size_t k = 0; k < tracks.size() && track < 0; ++k) {
+        const bool notes = tracks[k].find(" (0 notes") == std::string::npos;
+        if (notes && (pass == 1 || tracks[k].find(", lyrics)") != std::string::npos)) track = static_cast<int>(k);
+      }
+    }
+    if (track < 0) track = 0;
+  }
+  MainWindow* window = windowFor();
+  EditorDocument* document = window->document();
+  document->newProject();
+  std::string signatures;
+  const int32_t notes = vsq ? midi.importVSQFile(file.constData(), &document->notes())
+                            : midi.importMIDIFile(file.constData(), track, channel, &document->notes(), &signatures);
+  if (notes < 0) {
+    const QString error = tr("Cannot import %1: %2").arg(path, QString::fromStdString(midi.error()));
+    document->newProject();
+    window->showMessage(error, true);
+    if (window != this) window->close();
+    QMessageBox::warning(this, tr("Import"), error);
+    return false;
+  }
+  if (!signatures.empty()) document->scale().unserializeText(signatures.c_str());
+  document->engine().set_projectName(QFileInfo(path).completeBaseName().toUtf8().constData());
+  document->engine().set_charset("UTF-8");
+  document->notes().synchronizeNotes();
+  document->markOtherModified();  // a new project, not saved yet
+  window->editor()->showSongStart();
+  window->updateTitle();
+  window->showMessage(tr("Imported %n note(s) from %1", nullptr, notes).arg(QFileInfo(path).fileName()));
+  return true;
+}
+
+void MainWindow::importDialog() {
+  const QString path = QFileDialog::getOpenFileName(this, tr("Import"), QString(),
+                                                    tr("Sequences (*.mid *.midi *.smf *.vsq);;All files (*)"));
+  if (path.isEmpty()) return;
+  int track = -1, channel = -1;
+  if (!path.endsWith(".vsq", Qt::CaseInsensitive)) {
+    CMIDIMan midi;
+    const QByteArray file = path.toLocal8Bit();
+    const std::vector<std::string> tracks = midi.getTrackList(file.constData());
+    if (tracks.empty()) {
+      QMessageBox::warning(this, tr("Import"), tr("Cannot import %1: %2").arg(path, QString::fromStdString(midi.error())));
+      return;
+    }
+    QStringList names;
+    for (const std::string& t : tracks) names << QString::fromStdString(t);
+    bool ok = false;
+    const QString chosen = QInputDialog::getItem(this, tr("Import MIDI"), tr("Track:"), names, 0, false, &ok);
+    if (!ok) return;
+    track = static_cast<int>(names.indexOf(chosen));
+    QStringList channels = {tr("All channels")};
+    for (const std::string& c : midi.getChannelList(file.constData(), track)) channels << QString::fromStdString(c);
+    if (channels.size() > 2) {
+      const QString pick = QInputDialog::getItem(this, tr("Import MIDI"), tr("Channel:"), channels, 0, false, &ok);
+      if (!ok) return;
+      // "chNN:(...)": the channel's number.
+      channel = pick == channels.first() ? -1 : pick.mid(2, 2).toInt();
+    }
+  }
+  importSequence(path, track, channel);
+}
+
+bool MainWindow::exportSequence(const QString& path) {
+  CMIDIMan midi;
+  const QByteArray file = path.toLocal8Bit();
+  const bool vsq = path.endsWith(".vsq", Qt::CaseInsensitive);
+  const bool written = vsq ? midi.writeVSQFile(file.constData(), &document_->notes())
+                           : midi.writeSMFFile(file.constData(), &document_->notes());
+  if (!written) {
+    showMessage(tr("Cannot write %1").arg(path), true);
+    return false;
+  }
+  showMessage(tr("Exported %1").arg(path));
+  return true;
+}
+
+void MainWindow::exportDialog() {
+  QString filter;
+  const QString start = (document_->path().isEmpty() ? document_->displayName() : QFileInfo(document_->path()).completeBaseName()) + ".vsq";
+  QString path = QFileDialog::getSaveFileName(this, tr("Export"), start, tr("VSQ (*.vsq);;Standard MIDI file (*.mid)"), &filter);
+  if (path.isEmpty()) return;
+  if (QFileInfo(path).suffix().isEmpty()) path += filter.startsWith("VSQ") ? ".vsq" : ".mid";
+  exportSequence(path);
 }

@@ -41,6 +41,14 @@ class MainWindow : public QMainWindow {
 
   // Actions by name, for the tests and the shortcuts ("undo", "play", ...).
   QAction* action(const QString& name) const;
+  // The shortcuts the user chose in the preferences, over the defaults.
+  void applyShortcuts();
+  // Reads a MIDI file's track (-1: the first with lyrics) and channel (-1:
+  // all), or a VSQ file's voice tracks, as a new unsaved project in this
+  // window (which must be blank) or a new one. False with a message.
+  bool importSequence(const QString& path, int track, int channel);
+  // Writes the project's notes as a VSQ or a standard MIDI file, by extension.
+  bool exportSequence(const QString& path);
 
   // The last error or notice shown in the status bar.
   QString lastMessage() const { return lastMessage_; }
@@ -90,6 +98,12 @@ class MainWindow : public QMainWindow {
   void noteDetailDialog(int index);
   void assistantDialog();
   void buildLayerPanel();
+  void importDialog();
+  void exportDialog();
+  void preferencesDialog();
+  void singerDialog();
+  void prefixMapDialog();
+  void entriesWindow();
   void chooseSinger();
   void transpose(int dNote);
 

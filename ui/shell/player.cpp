@@ -1,11 +1,13 @@
 #include "ui/shell/player.h"
 
 #include <atomic>
+#include <cmath>
 #include <cstdlib>
 
 #include "playback/audioout.h"
 #include "playback/sdl_output.h"
 #include "ui/shell/document.h"
+#include "ui/shell/preferences.h"
 #include "ui/shell/texts.h"
 
 namespace {
@@ -57,6 +59,11 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
   started = false;
   stopped = false;
   CNoteMan& notes = document->notes();
+  // Played only once everything is rendered, when the user asks so: it
+  // never waits then.
+  const bool renderFirst = EditorPreferences::load().renderFirst;
+  document->engine().earlyStartScale = renderFirst ? HUGE_VAL : 1.0;
+  CAudioOut::pauseAtDelay = renderFirst ? 1 : 0;
   std::string message;
   const int32_t result = notes.playStart(fromTick, toTick, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos,
                                          nullptr, &message);
