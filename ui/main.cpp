@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QLocale>
 #include <QSettings>
+#include <QTableView>
 #include <QTimer>
 
 #include <cstdio>
@@ -18,6 +19,7 @@
 #include "editing/noteman.h"
 #include "editing/undoman.h"
 #include "ui/shell/document.h"
+#include "ui/shell/bankeditor.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/preferences.h"
 #include "ui/shell/startup.h"
@@ -29,12 +31,15 @@ namespace {
 const char kUsage[] =
     "usage: tona-editor [PROJECT]\n"
     "       tona-editor --screenshot OUT.png [--size WIDTHxHEIGHT] [--select FIRST[-LAST]] [PROJECT]\n"
+    "       tona-editor --entries BANK [--screenshot OUT.png [--size WIDTHxHEIGHT] [--select ROW]]\n"
     "\n"
     "Opens PROJECT (an .snt file) in the desktop editor, or a new project; a\n"
     "MIDI (.mid) or VSQ (.vsq) file is imported as a new project.\n"
     "With --screenshot, lays out the window off screen, writes it as a PNG\n"
     "picture (1280x800 unless --size says otherwise) and exits; --select\n"
-    "selects notes FIRST to LAST (counted from 0) first, to show their handles.\n";
+    "selects notes FIRST to LAST (counted from 0) first, to show their handles.\n"
+    "With --entries, opens the entry editor of the voice bank folder BANK\n"
+    "(--select: the entry shown).\n";
 
 int fail(const char* message) {
   fprintf(stderr, "tona-editor: %s\n", message);
@@ -44,7 +49,7 @@ int fail(const char* message) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string screenshot, project;
+  std::string screenshot, project, entries;
   int width = 1280, height = 800;
   int selectFirst = -1, selectLast = -1;
   for (int i = 1; i < argc; ++i) {
@@ -65,6 +70,9 @@ int main(int argc, char** argv) {
           width > 8000 || height > 8000) {
         return fail("--size takes WIDTHxHEIGHT, from 200x150 to 8000x8000");
       }
+    } else if (strcmp(arg, "--entries") == 0) {
+      if (++i >= argc) return fail("--entries needs a voice bank folder");
+      entries = argv[i];
     } else if (strcmp(arg, "--select") == 0) {
       if (++i >= argc) return fail("--select takes FIRST or FIRST-LAST");
       const int n = sscanf(argv[i], "%d-%d", &selectFirst, &selectLast);
@@ -93,6 +101,34 @@ int main(int argc, char** argv) {
   // Logging as the preferences say, once the user has chosen something
   // (until then the environment decides).
   if (QSettings().contains("log/level")) EditorPreferences::load().applyLogging();
+
+  if (!entries.empty()) {
+    auto* editor = new BankEditor;
+    QString error;
+    if (!editor->open(QString::fromLocal8Bit(entries.c_str()), &error)) {
+      fprintf(stderr, "tona-editor: %s\n", error.toLocal8Bit().constData());
+      delete editor;
+      return 1;
+    }
+    if (selectFirst >= 0) {
+      editor->table()->selectRow(selectFirst);
+      editor->choose(selectFirst);
+    }
+    if (screenshot.empty()) {
+      editor->show();
+      return app.exec();
+    }
+    editor->resize(width, height);
+    editor->show();
+    QApplication::processEvents();
+    const bool saved = editor->grab().save(QString::fromLocal8Bit(screenshot.c_str()), "PNG");
+    delete editor;
+    if (!saved) {
+      fprintf(stderr, "tona-editor: cannot write '%s'\n", screenshot.c_str());
+      return 1;
+    }
+    return 0;
+  }
 
   auto* window = new MainWindow;
   if (!screenshot.empty()) {

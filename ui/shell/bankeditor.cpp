@@ -156,7 +156,7 @@ BankEditor::BankEditor(QWidget* parent) : QMainWindow(parent), set_(std::make_un
   table_->setSelectionMode(QAbstractItemView::SingleSelection);
   table_->verticalHeader()->setDefaultSectionSize(20);
   table_->verticalHeader()->hide();
-  table_->horizontalHeader()->setStretchLastSection(true);
+  table_->horizontalHeader()->setStretchLastSection(false);
   topLayout->addWidget(table_);
 
   auto* bottom = new QWidget(central);
@@ -246,6 +246,8 @@ bool BankEditor::open(const QString& folder, QString* error) {
   model_ = new EntryModel(set_.get(), folder_, this);
   proxy_->setSourceModel(model_);
   table_->resizeColumnsToContents();
+  table_->horizontalHeader()->setSectionResizeMode(EntryModel::kFile, QHeaderView::Stretch);
+  table_->setColumnWidth(EntryModel::kAlias, std::max(table_->columnWidth(EntryModel::kAlias), 140));
   setWindowTitle(tr("%1[*] — Voice Bank Entries").arg(QFileInfo(folder_.chopped(1)).fileName()));
   statusBar()->showMessage(tr("%n entries", nullptr, set_->count()));
   undo_->clear();

@@ -52,9 +52,9 @@ QImage computeSpectrogram(const std::vector<float>& samples, int rate) {
     for (int b = 0; b < bins; ++b) {
       const double power = re[static_cast<size_t>(b)] * re[static_cast<size_t>(b)] +
                            im[static_cast<size_t>(b)] * im[static_cast<size_t>(b)];
-      // -90 dB to 0 dB of a full-scale sine.
+      // -80 dB to -10 dB of a full-scale sine: the range where voices lie.
       const double db = 10.0 * std::log10(power / (kFftSize * kFftSize / 16.0) + 1e-12);
-      image.setPixel(f, bins - 1 - b, rampColour((db + 90.0) / 90.0));
+      image.setPixel(f, bins - 1 - b, rampColour((db + 80.0) / 70.0));
     }
   }
   return image;
