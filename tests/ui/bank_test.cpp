@@ -63,6 +63,7 @@ class Bank : public Editor {
 
 TEST_F(Bank, MarkersAreDraggedAndTypedUndoneAndSavedToOtoIniTxt) {
   const std::string otoBefore = readFile(bank_.folder() + "oto.ini");
+  open({{480, 480, "a", 60}}, bank_.folder());  // a project singing with the bank
   BankEditor* editor = openEditor();
   ASSERT_EQ(editor->voiceSet().count(), 2);
   editor->choose(0);
@@ -117,6 +118,9 @@ TEST_F(Bank, MarkersAreDraggedAndTypedUndoneAndSavedToOtoIniTxt) {
     EXPECT_NEAR(a.blank, b.blank, 0.05);
   }
   EXPECT_FLOAT_EQ(reread.getVoiceEntry(0)->overlap, 25.0f);
+  // The open project sings with the entries as saved.
+  ASSERT_NE(doc().engine().voiceset, nullptr);
+  EXPECT_FLOAT_EQ(doc().engine().voiceset->search_voicedata("a")->overlap, 25.0f);
   delete editor;
 }
 
