@@ -103,17 +103,7 @@ int runImport(int argc, char** argv) {
     fprintf(stderr, "tona import: %s\n", problem.c_str());
     return kExitUsage;
   }
-  if (track < 0 && !vsq) {
-    // The first track with notes, one with lyrics first.
-    const std::vector<std::string> tracks = midi.getTrackList(input.c_str());
-    for (int pass = 0; pass < 2 && track < 0; ++pass) {
-      for (size_t k = 0; k < tracks.size() && track < 0; ++k) {
-        const bool notes = tracks[k].find(" (0 notes") == std::string::npos;
-        if (notes && (pass == 1 || tracks[k].find(", lyrics)") != std::string::npos)) track = static_cast<long>(k);
-      }
-    }
-    if (track < 0) track = 0;
-  }
+  if (track < 0 && !vsq) track = CMIDIMan::defaultTrack(midi.getTrackList(input.c_str()));
 
   CScaleMan scale;
   CNoteMan manager(&scale);

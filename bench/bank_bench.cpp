@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "bench/qt_bench_main.h"
 #include "tests/testutil.h"
 #include "tests/voicebank/voice_signal.h"
 #include "ui/shell/bankeditor.h"
@@ -81,12 +82,4 @@ BENCHMARK(BM_RedrawSpectrogramOf3s)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  setenv("QT_QPA_PLATFORM", "offscreen", 1);
-  FakeHome home;
-  QApplication app(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return runQtBenchmarks(argc, argv); }

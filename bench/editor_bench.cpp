@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "bench/qt_bench_main.h"
 #include "tests/testutil.h"
 #include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
@@ -144,14 +145,4 @@ BENCHMARK(BM_PitchHandleStep)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  setenv("QT_QPA_PLATFORM", "offscreen", 1);
-  TempDir config;
-  setenv("XDG_CONFIG_HOME", config.path().c_str(), 1);
-  FakeHome home;
-  QApplication app(argc, argv);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
-}
+int main(int argc, char** argv) { return runQtBenchmarks(argc, argv); }

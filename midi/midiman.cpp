@@ -788,3 +788,13 @@ bool CMIDIMan::writeVSQFile(const char* path, CNoteMan* man) {
   }
   return out.close();
 }
+
+int32_t CMIDIMan::defaultTrack(const std::vector<std::string>& trackList) {
+  for (int pass = 0; pass < 2; ++pass) {
+    for (size_t k = 0; k < trackList.size(); ++k) {
+      const bool notes = trackList[k].find(" (0 notes") == std::string::npos;
+      if (notes && (pass == 1 || trackList[k].find(", lyrics)") != std::string::npos)) return static_cast<int32_t>(k);
+    }
+  }
+  return 0;
+}

@@ -51,6 +51,9 @@ class CMIDIMan {
   // a track as "ch%02d:(%d notes)"; empty with error() on a bad file.
   std::vector<std::string> getTrackList(const char* path);
   std::vector<std::string> getChannelList(const char* path, int32_t track);
+  // The track an import takes when none is named: the first with notes and
+  // lyrics, else the first with notes, else 0 (from getTrackList's lines).
+  static int32_t defaultTrack(const std::vector<std::string>& trackList);
 
   // --- VSQ -----------------------------------------------------------------------
   // One voice track of a layer's notes: the sequence text in "DM:" text

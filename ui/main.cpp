@@ -46,6 +46,13 @@ int fail(const char* message) {
   return 2;
 }
 
+// The widget as laid out, as a PNG file; the exit status.
+int savePicture(QWidget* widget, const std::string& path) {
+  if (widget->grab().save(QString::fromLocal8Bit(path.c_str()), "PNG")) return 0;
+  fprintf(stderr, "tona-editor: cannot write '%s'\n", path.c_str());
+  return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -121,13 +128,9 @@ int main(int argc, char** argv) {
     editor->resize(width, height);
     editor->show();
     QApplication::processEvents();
-    const bool saved = editor->grab().save(QString::fromLocal8Bit(screenshot.c_str()), "PNG");
+    const int status = savePicture(editor, screenshot);
     delete editor;
-    if (!saved) {
-      fprintf(stderr, "tona-editor: cannot write '%s'\n", screenshot.c_str());
-      return 1;
-    }
-    return 0;
+    return status;
   }
 
   auto* window = new MainWindow;
@@ -148,13 +151,9 @@ int main(int argc, char** argv) {
       window->document()->touch();
     }
     QApplication::processEvents();
-    const bool saved = window->grab().save(QString::fromLocal8Bit(screenshot.c_str()), "PNG");
+    const int status = savePicture(window, screenshot);
     delete window;
-    if (!saved) {
-      fprintf(stderr, "tona-editor: cannot write '%s'\n", screenshot.c_str());
-      return 1;
-    }
-    return 0;
+    return status;
   }
 
   window->show();

@@ -27,6 +27,7 @@
 #include "support/userdirs.h"
 #include "ui/shell/bankeditor.h"
 #include "ui/shell/document.h"
+#include "ui/shell/mainwindow.h"
 #include "voicebank/voiceprofile.h"
 #include "voicebank/voiceset.h"
 
@@ -208,12 +209,7 @@ bool SingerDialog::singWithChosen(QString* error) {
     return false;
   }
   if (!document_->setVoiceFolder(folder, error)) return false;
-  QSettings settings;
-  QStringList history = settings.value("singerHistory").toStringList();
-  history.removeAll(folder);
-  history.prepend(folder);
-  while (history.size() > 10) history.removeLast();
-  settings.setValue("singerHistory", history);
+  rememberInList("singerHistory", folder, 10);
   emit singerChanged(folder);
   return true;
 }

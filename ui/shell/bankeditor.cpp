@@ -233,7 +233,12 @@ BankEditor::BankEditor(QWidget* parent) : QMainWindow(parent), set_(std::make_un
   resize(1000, 720);
 }
 
-BankEditor::~BankEditor() = default;
+BankEditor::~BankEditor() {
+  // The table reads the voice set until it goes: it goes first.
+  proxy_->setSourceModel(nullptr);
+  delete model_;
+  model_ = nullptr;
+}
 
 bool BankEditor::open(const QString& folder, QString* error) {
   folder_ = folder.endsWith('/') ? folder : folder + "/";

@@ -681,25 +681,23 @@ void MainWindow::chooseSinger() {
 
 // --- Settings -------------------------------------------------------------------------
 
-void MainWindow::rememberRecent(const QString& path) {
-  if (path.isEmpty()) return;
+void rememberInList(const QString& key, const QString& value, int limit) {
+  if (value.isEmpty()) return;
   QSettings settings;
-  QStringList recent = settings.value("recentFiles").toStringList();
-  recent.removeAll(path);
-  recent.prepend(path);
-  while (recent.size() > kRecentFiles) recent.removeLast();
-  settings.setValue("recentFiles", recent);
+  QStringList list = settings.value(key).toStringList();
+  list.removeAll(value);
+  list.prepend(value);
+  while (list.size() > limit) list.removeLast();
+  settings.setValue(key, list);
+}
+
+void MainWindow::rememberRecent(const QString& path) {
+  rememberInList("recentFiles", path, kRecentFiles);
   updateRecentMenu();
 }
 
 void MainWindow::rememberSinger(const QString& folder) {
-  if (folder.isEmpty()) return;
-  QSettings settings;
-  QStringList history = settings.value("singerHistory").toStringList();
-  history.removeAll(folder);
-  history.prepend(folder);
-  while (history.size() > kSingerHistory) history.removeLast();
-  settings.setValue("singerHistory", history);
+  rememberInList("singerHistory", folder, kSingerHistory);
   updateSingerMenu();
 }
 
@@ -870,17 +868,7 @@ bool MainWindow::importSequence(const QString& path, int track, int channel) {
   const bool vsq = path.endsWith(".vsq", Qt::CaseInsensitive);
   CMIDIMan midi;
   const QByteArray file = path.toLocal8Bit();
-  if (!vsq && track < 0) {
-    // The first track with notes, one with lyrics first.
-    const std::vector<std::string> tracks = midi.getTrackList(file.constData());
-    for (int pass = 0; pass < 2 && track < 0; ++pass) {
-      for (size_t k = 0; k < tracks.size() && track < 0; ++k) {
-        const bool notes = tracks[k].find(" (0 notes") == std::string::npos;
-        if (notes && (pass == 1 || tracks[k].find(", lyrics)") != std::string::npos)) track = static_cast<int>(k);
-      }
-    }
-    if (track < 0) track = 0;
-  }
+  if (!vsq && track < 0) track = CMIDIMan::defaultTrack(midi.getTrackList(file.constData()));
   MainWindow* window = windowFor();
   EditorDocument* document = window->document();
   document->newProject();

@@ -15,6 +15,10 @@ class QLabel;
 class QMenu;
 class RollEditor;
 
+// Puts `value` first in the settings list `key` (each value once, at most
+// `limit` of them): the recent files, the singer history.
+void rememberInList(const QString& key, const QString& value, int limit);
+
 class MainWindow : public QMainWindow {
   Q_OBJECT
 
