@@ -99,7 +99,6 @@ void analyse(SampleJob& job, bool force, bool text) {
   free(amp);
 }
 
-
 void analyseAll(std::vector<SampleJob>& jobs, bool force, bool text, int workers, std::atomic<size_t>* done,
                 const std::atomic<bool>* stop) {
   // The tone table is shared: set it up before the workers start.

@@ -1,17 +1,10 @@
 // tona analyze PATH... [--force] [--text] [--jobs N]
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -22,11 +15,6 @@
 #include "app/command.h"
 #include "app/progress.h"
 #include "app/subcommands.h"
-#include "render/wavefile.h"
-#include "voicebank/connective.h"
-#include "voicebank/freqtable.h"
-#include "voicebank/pitch.h"
-#include "voicebank/voiceset.h"
 
 const char kAnalyzeUsage[] =
     "usage: tona analyze PATH... [--force] [--text] [--jobs N]\n"

@@ -8,7 +8,6 @@
 #include <QImage>
 #include <QMouseEvent>
 #include <QPainter>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -26,7 +25,8 @@ namespace {
 // 10,000 notes of an eighth each, a melody over an octave, every fourth
 // note with a vibrato, every note with a pitch line.
 std::string bigProject(const TempDir& dir) {
-  std::string text = "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120.00\nProjectName=big\nMode2=True\n";
+  std::string text =
+      "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120.00\nProjectName=big\nMode2=True\n";
   static const char* const kLyrics[] = {"さ", "く", "ら", "あ", "い", "う"};
   char section[256];
   for (int i = 0; i < 10000; ++i) {
@@ -52,7 +52,8 @@ struct Fixture {
     roll = window->editor()->roll();
     frame = QImage(roll->size(), QImage::Format_ARGB32_Premultiplied);
     // A bar or so past the start, at the default zoom.
-    window->editor()->timeScale()->setScrollX(static_cast<int>(200000 * window->editor()->timeScale()->pixelsPerTick()));
+    window->editor()->timeScale()->setScrollX(
+        static_cast<int>(200000 * window->editor()->timeScale()->pixelsPerTick()));
   }
   ~Fixture() { delete window; }
   void paint() {

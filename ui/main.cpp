@@ -10,7 +10,6 @@
 #include <QSettings>
 #include <QTableView>
 #include <QTimer>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,8 +17,8 @@
 
 #include "editing/noteman.h"
 #include "editing/undoman.h"
-#include "ui/shell/document.h"
 #include "ui/shell/bankeditor.h"
+#include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/preferences.h"
 #include "ui/shell/startup.h"

@@ -1,6 +1,9 @@
 // The voice-bank side of the editor: the entry editor, the prefix map,
 // the singer dialog and analysis, preferences, and MIDI/VSQ exchange.
+#include "tests/voicebank/bank.h"
+
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <QDoubleSpinBox>
 #include <QKeySequenceEdit>
@@ -12,15 +15,11 @@
 #include <QTableView>
 #include <QTableWidget>
 #include <QUndoStack>
-
-#include <sys/stat.h>
-
 #include <cmath>
 
 #include "app/analysis.h"
 #include "support/userdirs.h"
 #include "tests/ui/editor_fixture.h"
-#include "tests/voicebank/bank.h"
 #include "ui/shell/bankdialogs.h"
 #include "ui/shell/bankeditor.h"
 #include "ui/shell/preferences.h"

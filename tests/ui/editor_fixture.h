@@ -11,7 +11,6 @@
 #include <QMouseEvent>
 #include <QTest>
 #include <QTimer>
-
 #include <functional>
 #include <string>
 #include <vector>
@@ -41,14 +40,16 @@ struct Note {
 
 // A 2.0 project of the given notes, singing with `voiceDir`.
 inline std::string project(const std::vector<Note>& notes, const std::string& voiceDir = "") {
-  std::string text = "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120.00\nProjectName=test\nVoiceDir=" +
-                     voiceDir + "\nMode2=True\n";
+  std::string text =
+      "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120.00\nProjectName=test\nVoiceDir=" + voiceDir +
+      "\nMode2=True\n";
   char section[32];
   for (size_t i = 0; i < notes.size(); ++i) {
     snprintf(section, sizeof section, "[#%04zu]\n", i);
     text += section;
     text += "Delta=" + std::to_string(notes[i].delta) + "\nDuration=" + std::to_string(notes[i].length) +
-            "\nLyric=" + notes[i].lyric + "\nNoteNum=" + std::to_string(notes[i].noteNum) + "\nIntensity=100\n" + notes[i].extra;
+            "\nLyric=" + notes[i].lyric + "\nNoteNum=" + std::to_string(notes[i].noteNum) + "\nIntensity=100\n" +
+            notes[i].extra;
   }
   return text + "[#TRACKEND]\n";
 }
@@ -105,9 +106,9 @@ class Editor : public ::testing::Test {
     scale_->setPixelsPerTick(0.1);
     scale_->setRowHeight(14);
     scale_->setScrollX(0);
-    scale_->setScrollY(scale_->noteToY(80) + scale_->scrollY());  // note 80 in the top row
-    window_->findChild<QComboBox*>("grid")->setCurrentIndex(3);        // 1/16: 120 ticks
-    window_->findChild<QComboBox*>("penLength")->setCurrentIndex(1);   // 1/4: 480 ticks
+    scale_->setScrollY(scale_->noteToY(80) + scale_->scrollY());      // note 80 in the top row
+    window_->findChild<QComboBox*>("grid")->setCurrentIndex(3);       // 1/16: 120 ticks
+    window_->findChild<QComboBox*>("penLength")->setCurrentIndex(1);  // 1/4: 480 ticks
   }
   void TearDown() override {
     Player::instance().stop();

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <QAction>
 #include <QApplication>
 #include <QComboBox>
+#include <QImage>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -10,11 +12,6 @@
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
-
-#include <sys/wait.h>
-
-#include <QImage>
-
 #include <functional>
 #include <string>
 #include <vector>
@@ -23,6 +20,7 @@
 #include "editing/scaleman.h"
 #include "editing/undoman.h"
 #include "tests/testutil.h"
+#include "tests/ui/editor_fixture.h"
 #include "tests/voicebank/bank.h"
 #include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
@@ -32,7 +30,6 @@
 #include "ui/views/pianoroll.h"
 #include "ui/views/rolleditor.h"
 #include "ui/views/timescale.h"
-#include "tests/ui/editor_fixture.h"
 
 using namespace editortest;
 
@@ -43,8 +40,7 @@ TEST_F(Editor, PenMakesSnappedNotesAndUndoRedoGoThroughTheMenu) {
   EXPECT_EQ(title("undo"), "元に戻す");
   click(at(500, 70));   // snapped down to 480
   click(at(1000, 72));  // to 960
-  EXPECT_EQ(soundingNotes(doc().engine()),
-            (std::vector<Read>{{480, 480, "あ", 70}, {960, 480, "あ", 72}}));
+  EXPECT_EQ(soundingNotes(doc().engine()), (std::vector<Read>{{480, 480, "あ", 70}, {960, 480, "あ", 72}}));
   EXPECT_EQ(title("undo"), "音符の追加を元に戻す");
   EXPECT_FALSE(window_->action("redo")->isEnabled());
   EXPECT_TRUE(window_->isWindowModified());
@@ -194,8 +190,7 @@ TEST_F(Editor, TransposeCutPasteAndKeysEditTheSelection) {
   trigger("undo");
   trigger("undo");
   trigger("undo");
-  EXPECT_EQ(soundingNotes(doc().engine()),
-            (std::vector<Read>{{600, 480, "さ", 71}, {960, 480, "く", 72}}));
+  EXPECT_EQ(soundingNotes(doc().engine()), (std::vector<Read>{{600, 480, "さ", 71}, {960, 480, "く", 72}}));
 
   // The eraser takes the note it touches.
   window_->action("toolEraser")->trigger();

@@ -9,7 +9,6 @@
 #include <QLineEdit>
 #include <QSpinBox>
 #include <QTableWidget>
-
 #include <cmath>
 #include <functional>
 

@@ -18,7 +18,6 @@
 #include <QThread>
 #include <QTimer>
 #include <QVBoxLayout>
-
 #include <atomic>
 #include <thread>
 
@@ -60,7 +59,8 @@ QStringList knownVoiceBanks() {
 
 QStringList analyzeBank(QWidget* parent, const QString& folder, bool* cancelled) {
   std::vector<SampleJob> jobs;
-  for (const std::string& sample : bankSamples(folder.toStdString())) jobs.push_back({sample, SampleJob::Outcome::kFailed, ""});
+  for (const std::string& sample : bankSamples(folder.toStdString()))
+    jobs.push_back({sample, SampleJob::Outcome::kFailed, ""});
   QStringList failures;
   if (jobs.empty()) {
     failures << QObject::tr("%1: no oto.ini or oto_ini.txt entries").arg(folder);
@@ -152,9 +152,10 @@ SingerDialog::SingerDialog(EditorDocument* document, QWidget* parent) : QDialog(
     bool cancelled = false;
     const QStringList failures = analyzeBank(this, chosen(), &cancelled);
     QMessageBox box(failures.isEmpty() ? QMessageBox::Information : QMessageBox::Warning, tr("Analyze Bank"),
-                    cancelled ? tr("Stopped.") : failures.isEmpty() ? tr("Every sample has its frequency table.")
-                                                                    : tr("%n sample(s) could not be analysed.", nullptr,
-                                                                         static_cast<int>(failures.size())),
+                    cancelled ? tr("Stopped.")
+                    : failures.isEmpty()
+                        ? tr("Every sample has its frequency table.")
+                        : tr("%n sample(s) could not be analysed.", nullptr, static_cast<int>(failures.size())),
                     QMessageBox::Ok, this);
     if (!failures.isEmpty()) box.setDetailedText(failures.join('\n'));
     box.exec();
@@ -185,7 +186,8 @@ QString SingerDialog::shownName() const { return name_->text(); }
 void SingerDialog::showProfile() {
   const QString folder = chosen();
   if (folder.isEmpty()) {
-    name_->setText(tr("No voice banks found: put them in %1").arg(QString::fromStdString(userFolder(UserFolder::kVoice))));
+    name_->setText(
+        tr("No voice banks found: put them in %1").arg(QString::fromStdString(userFolder(UserFolder::kVoice))));
     return;
   }
   CVoiceProfile profile(folder.toLocal8Bit().constData());
@@ -219,7 +221,8 @@ bool SingerDialog::singWithChosen(QString* error) {
 PrefixMapDialog::PrefixMapDialog(EditorDocument* document, QWidget* parent) : QDialog(parent), document_(document) {
   setWindowTitle(tr("Prefix Map"));
   auto* layout = new QVBoxLayout(this);
-  layout->addWidget(new QLabel(tr("What is put before and after a note's lyric to find its entry, note by note."), this));
+  layout->addWidget(
+      new QLabel(tr("What is put before and after a note's lyric to find its entry, note by note."), this));
   table_ = new QTableWidget(kHighest - kLowest + 1, 3, this);
   table_->setObjectName("prefixMap");
   table_->setHorizontalHeaderLabels({tr("Note"), tr("Prefix"), tr("Suffix")});

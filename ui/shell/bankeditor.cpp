@@ -21,7 +21,6 @@
 #include <QTableView>
 #include <QUndoStack>
 #include <QVBoxLayout>
-
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -46,7 +45,8 @@ EntryModel::EntryModel(cvoiceset* set, const QString& folder, QObject* parent)
     QString why;
     if (!QFileInfo::exists(sample)) {
       why = tr("sample missing");
-    } else if (!QFileInfo::exists(QString::fromStdString(frequencyTablePath(sample.toLocal8Bit().constData(), ".frq")))) {
+    } else if (!QFileInfo::exists(
+                   QString::fromStdString(frequencyTablePath(sample.toLocal8Bit().constData(), ".frq")))) {
       why = tr("no frequency table");
     }
     missing_[static_cast<size_t>(row)] = why;
@@ -69,23 +69,32 @@ QVariant EntryModel::data(const QModelIndex& index, int role) const {
   if (role == Qt::TextAlignmentRole && index.column() >= kOffset) return int(Qt::AlignRight | Qt::AlignVCenter);
   if (role != Qt::DisplayRole && role != Qt::EditRole) return QVariant();
   switch (index.column()) {
-    case kStatus: return missing(index.row()).isEmpty() ? QString() : QString("!");
-    case kFile: return text(e->filename);
-    case kAlias: return text(e->alias);
+    case kStatus:
+      return missing(index.row()).isEmpty() ? QString() : QString("!");
+    case kFile:
+      return text(e->filename);
+    case kAlias:
+      return text(e->alias);
     // Numbers as numbers, so that sorting is numeric.
-    case kOffset: return static_cast<double>(e->offset);
-    case kFixed: return static_cast<double>(e->fixed);
-    case kBlank: return static_cast<double>(e->blank);
-    case kPreutterance: return static_cast<double>(e->preuttr);
-    case kOverlap: return static_cast<double>(e->overlap);
-    default: return QVariant();
+    case kOffset:
+      return static_cast<double>(e->offset);
+    case kFixed:
+      return static_cast<double>(e->fixed);
+    case kBlank:
+      return static_cast<double>(e->blank);
+    case kPreutterance:
+      return static_cast<double>(e->preuttr);
+    case kOverlap:
+      return static_cast<double>(e->overlap);
+    default:
+      return QVariant();
   }
 }
 
 QVariant EntryModel::headerData(int section, Qt::Orientation orientation, int role) const {
   if (orientation != Qt::Horizontal || role != Qt::DisplayRole) return QVariant();
-  static const char* const kNames[kColumns] = {"", "File", "Alias", "Offset", "Fixed", "Blank", "Pre-utterance",
-                                               "Overlap"};
+  static const char* const kNames[kColumns] = {"",      "File",  "Alias",         "Offset",
+                                               "Fixed", "Blank", "Pre-utterance", "Overlap"};
   return tr(kNames[section]);
 }
 
@@ -120,11 +129,16 @@ const char* const kFieldNames[5] = {"offset", "fixed", "blank", "preuttr", "over
 
 float* fieldOf(VoiceData& e, int k) {
   switch (k) {
-    case 0: return &e.offset;
-    case 1: return &e.fixed;
-    case 2: return &e.blank;
-    case 3: return &e.preuttr;
-    default: return &e.overlap;
+    case 0:
+      return &e.offset;
+    case 1:
+      return &e.fixed;
+    case 2:
+      return &e.blank;
+    case 3:
+      return &e.preuttr;
+    default:
+      return &e.overlap;
   }
 }
 
@@ -310,7 +324,8 @@ bool BankEditor::save(QString* error) {
   errno = 0;
   SafeOutput out(target);
   if (out.path().empty() || set_->wrtie_otoinitxt(out.path().c_str()) != set_->count() || !out.commit()) {
-    *error = tr("Cannot write %1: %2").arg(QString::fromStdString(target), QString::fromLocal8Bit(strerror(errno != 0 ? errno : EIO)));
+    *error = tr("Cannot write %1: %2")
+                 .arg(QString::fromStdString(target), QString::fromLocal8Bit(strerror(errno != 0 ? errno : EIO)));
     return false;
   }
   undo_->setClean();
@@ -324,7 +339,8 @@ bool BankEditor::save(QString* error) {
     window->document()->touch();
     ++reloaded;
   }
-  statusBar()->showMessage(tr("Saved %1 (%n project(s) reloaded)", nullptr, reloaded).arg(QString::fromStdString(target)));
+  statusBar()->showMessage(
+      tr("Saved %1 (%n project(s) reloaded)", nullptr, reloaded).arg(QString::fromStdString(target)));
   return true;
 }
 
@@ -334,7 +350,8 @@ std::vector<int16_t> BankEditor::cutSamples() const {
   if (picture == nullptr) return out;
   const double from = wave_->markerMs(WaveView::kOffset), to = wave_->markerMs(WaveView::kCutoff);
   const size_t first = static_cast<size_t>(std::max(0.0, from) * picture->rate / 1000.0);
-  const size_t last = std::min(picture->samples.size(), static_cast<size_t>(std::max(0.0, to) * picture->rate / 1000.0));
+  const size_t last =
+      std::min(picture->samples.size(), static_cast<size_t>(std::max(0.0, to) * picture->rate / 1000.0));
   // At 44100 Hz, whatever the sample's own rate (nearest sample).
   const double step = picture->rate / 44100.0;
   for (double at = static_cast<double>(first); at < static_cast<double>(last); at += step) {
@@ -363,7 +380,8 @@ std::vector<int16_t> BankEditor::renderedSamples(int noteNum, QString* error) co
     return out;
   }
   out.resize(static_cast<size_t>(count));
-  for (int32_t i = 0; i < count; ++i) out[static_cast<size_t>(i)] = static_cast<int16_t>(std::clamp(samples[i], -32768.0, 32767.0));
+  for (int32_t i = 0; i < count; ++i)
+    out[static_cast<size_t>(i)] = static_cast<int16_t>(std::clamp(samples[i], -32768.0, 32767.0));
   free(samples);
   return out;
 }

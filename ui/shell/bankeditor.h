@@ -12,7 +12,6 @@
 
 #include <QAbstractTableModel>
 #include <QMainWindow>
-
 #include <memory>
 
 #include "voicebank/voiceset.h"

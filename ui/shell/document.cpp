@@ -1,7 +1,6 @@
 #include "ui/shell/document.h"
 
 #include <QFileInfo>
-
 #include <cerrno>
 #include <cstring>
 
@@ -76,7 +75,7 @@ bool EditorDocument::open(const QString& path, QString* error, QString* warning)
     warning->clear();
     if (voiceEntryCount() == 0) {
       *warning = none ? tr("The project names no voice bank: choose one under Project > Singer.")
-                               : tr("No voice bank at %1: the notes stay silent.").arg(QString::fromStdString(bank));
+                      : tr("No voice bank at %1: the notes stay silent.").arg(QString::fromStdString(bank));
     }
   }
   reset();
@@ -104,8 +103,8 @@ bool EditorDocument::save(const QString& path, int version, QString* error) {
   e.sntVersion = version;
   errno = 0;
   SafeOutput out(target);
-  const bool written = !out.path().empty() &&
-                       notes().writeSnt(out.path().c_str(), notes().defaultPath().c_str()) == 1 && out.commit();
+  const bool written =
+      !out.path().empty() && notes().writeSnt(out.path().c_str(), notes().defaultPath().c_str()) == 1 && out.commit();
   if (!written) {
     e.sntVersion = oldVersion;
     *error = tr("Cannot write %1: %2").arg(path, QString::fromLocal8Bit(strerror(errno != 0 ? errno : EIO)));

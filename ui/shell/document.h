@@ -13,7 +13,6 @@
 
 #include <QObject>
 #include <QString>
-
 #include <cstdint>
 #include <memory>
 #include <vector>

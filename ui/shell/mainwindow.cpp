@@ -3,17 +3,18 @@
 #include <QAction>
 #include <QActionGroup>
 #include <QApplication>
-#include <QCloseEvent>
 #include <QCheckBox>
+#include <QCloseEvent>
 #include <QComboBox>
-#include <QDockWidget>
 #include <QDialog>
 #include <QDialogButtonBox>
+#include <QDockWidget>
 #include <QDoubleSpinBox>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QFormLayout>
 #include <QHBoxLayout>
+#include <QInputDialog>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenuBar>
@@ -27,27 +28,25 @@
 #include <QTimer>
 #include <QToolBar>
 #include <QVBoxLayout>
-
 #include <algorithm>
 #include <vector>
 
+#include "editing/scaleman.h"
 #include "editing/undoman.h"
+#include "midi/midiman.h"
 #include "support/multibyte.h"
+#include "support/userdirs.h"
+#include "ui/shell/bankdialogs.h"
+#include "ui/shell/bankeditor.h"
 #include "ui/shell/document.h"
+#include "ui/shell/notedialogs.h"
 #include "ui/shell/player.h"
+#include "ui/shell/preferences.h"
 #include "ui/shell/renderjob.h"
 #include "ui/views/pianoroll.h"
 #include "ui/views/rolleditor.h"
 #include "ui/views/timescale.h"
 #include "ui/views/valuepane.h"
-#include "ui/shell/notedialogs.h"
-#include "ui/shell/bankdialogs.h"
-#include "ui/shell/bankeditor.h"
-#include "ui/shell/preferences.h"
-#include "editing/scaleman.h"
-#include "midi/midiman.h"
-#include "support/userdirs.h"
-#include <QInputDialog>
 
 namespace {
 
@@ -58,7 +57,7 @@ struct GridChoice {
   const char* label;
   int ticks;
 };
-const GridChoice kGrids[] = {{"1/4", 480},  {"1/8", 240},  {"1/8 triplet", 160}, {"1/16", 120},
+const GridChoice kGrids[] = {{"1/4", 480},         {"1/8", 240}, {"1/8 triplet", 160}, {"1/16", 120},
                              {"1/16 triplet", 80}, {"1/32", 60}, {"1/64", 30}};
 
 QString clock(double ms) {
@@ -78,9 +77,7 @@ MainWindow::MainWindow(QWidget* parent)
   statusBar()->addPermanentWidget(positionLabel_);
 
   connect(document_, &EditorDocument::undoTitlesChanged, this, [this] { updateActions(); });
-  connect(document_, &EditorDocument::modifiedChanged, this, [this](bool modified) {
-    setWindowModified(modified);
-  });
+  connect(document_, &EditorDocument::modifiedChanged, this, [this](bool modified) { setWindowModified(modified); });
   connect(document_, &EditorDocument::pathChanged, this, &MainWindow::updateTitle);
   connect(document_, &EditorDocument::changed, this, &MainWindow::updateActions);
   // The note list never changes while a render runs: an edit stops playback first.
@@ -97,9 +94,8 @@ MainWindow::MainWindow(QWidget* parent)
   connect(&player, &Player::stateChanged, this, &MainWindow::updateActions);
   connect(editor_->roll(), &PianoRoll::propertiesRequested, this, &MainWindow::notePropertiesDialog);
   connect(editor_->roll(), &PianoRoll::detailsRequested, this, &MainWindow::noteDetailDialog);
-  connect(editor_->roll(), &PianoRoll::cursorMoved, this, [this](int64_t tick) {
-    positionLabel_->setText(clock(document_->notes().Ticks2MSec(tick)));
-  });
+  connect(editor_->roll(), &PianoRoll::cursorMoved, this,
+          [this](int64_t tick) { positionLabel_->setText(clock(document_->notes().Ticks2MSec(tick))); });
 
   buildLayerPanel();
   restoreSettings();
@@ -132,10 +128,10 @@ void MainWindow::buildMenus() {
   file->addSeparator();
   file->addAction(makeAction("save", tr("&Save"), QKeySequence::Save, nullptr));
   connect(action("save"), &QAction::triggered, this, [this] { save(); });
-  file->addAction(makeAction("saveAs", tr("Save &As…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S),
-                             &MainWindow::saveAsDialog));
-  file->addAction(makeAction("render", tr("&Render to WAV…"), QKeySequence(Qt::CTRL | Qt::Key_R),
-                             &MainWindow::renderDialog));
+  file->addAction(
+      makeAction("saveAs", tr("Save &As…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S), &MainWindow::saveAsDialog));
+  file->addAction(
+      makeAction("render", tr("&Render to WAV…"), QKeySequence(Qt::CTRL | Qt::Key_R), &MainWindow::renderDialog));
   file->addSeparator();
   file->addAction(makeAction("import", tr("&Import MIDI or VSQ…"), QKeySequence(), &MainWindow::importDialog));
   file->addAction(makeAction("export", tr("E&xport as VSQ or MIDI…"), QKeySequence(), &MainWindow::exportDialog));
@@ -158,19 +154,20 @@ void MainWindow::buildMenus() {
   edit->addAction(makeAction("selectAll", tr("Select &All"), QKeySequence::SelectAll, &MainWindow::selectAll));
   edit->addSeparator();
   edit->addAction(makeAction("lyrics", tr("&Lyrics…"), QKeySequence(Qt::CTRL | Qt::Key_L), &MainWindow::lyricsDialog));
-  edit->addAction(makeAction("transposeUp", tr("Transpose &Up"), QKeySequence(Qt::CTRL | Qt::Key_Up),
-                             &MainWindow::transposeUp));
+  edit->addAction(
+      makeAction("transposeUp", tr("Transpose &Up"), QKeySequence(Qt::CTRL | Qt::Key_Up), &MainWindow::transposeUp));
   edit->addAction(makeAction("transposeDown", tr("Transpose Do&wn"), QKeySequence(Qt::CTRL | Qt::Key_Down),
                              &MainWindow::transposeDown));
   edit->addAction(makeAction("quantize", tr("&Quantize to Grid"), QKeySequence(Qt::Key_Q), &MainWindow::quantize));
   edit->addSeparator();
   edit->addAction(makeAction("noteProperties", tr("Note &Properties…"), QKeySequence(Qt::CTRL | Qt::Key_E),
                              &MainWindow::notePropertiesDialog));
-  edit->addAction(makeAction("noteDetails", tr("Note D&etails…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_E),
-                             nullptr));
+  edit->addAction(
+      makeAction("noteDetails", tr("Note D&etails…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_E), nullptr));
   connect(action("noteDetails"), &QAction::triggered, this,
           [this] { noteDetailDialog(document_->notes().topOfSelection()); });
-  edit->addAction(makeAction("assistant", tr("Pitch and Vibrato &Assistant…"), QKeySequence(), &MainWindow::assistantDialog));
+  edit->addAction(
+      makeAction("assistant", tr("Pitch and Vibrato &Assistant…"), QKeySequence(), &MainWindow::assistantDialog));
   edit->addSeparator();
   edit->addAction(makeAction("preferences", tr("Pr&eferences…"), QKeySequence(Qt::CTRL | Qt::Key_Comma),
                              &MainWindow::preferencesDialog));
@@ -180,18 +177,17 @@ void MainWindow::buildMenus() {
   connect(action("zoomIn"), &QAction::triggered, editor_, &RollEditor::zoomIn);
   view->addAction(makeAction("zoomOut", tr("Zoom &Out"), QKeySequence::ZoomOut, nullptr));
   connect(action("zoomOut"), &QAction::triggered, editor_, &RollEditor::zoomOut);
-  view->addAction(makeAction("zoomInVertical", tr("Zoom In &Vertically"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Equal),
-                             nullptr));
+  view->addAction(makeAction("zoomInVertical", tr("Zoom In &Vertically"),
+                             QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Equal), nullptr));
   connect(action("zoomInVertical"), &QAction::triggered, editor_, &RollEditor::zoomInVertical);
   view->addAction(makeAction("zoomOutVertical", tr("Zoom Out V&ertically"),
                              QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Minus), nullptr));
   connect(action("zoomOutVertical"), &QAction::triggered, editor_, &RollEditor::zoomOutVertical);
   QMenu* follow = view->addMenu(tr("&Follow Playback"));
   auto* followGroup = new QActionGroup(this);
-  const std::pair<const char*, RollEditor::Follow> follows[] = {
-      {"followPage", RollEditor::Follow::kPage},
-      {"followContinuous", RollEditor::Follow::kContinuous},
-      {"followOff", RollEditor::Follow::kOff}};
+  const std::pair<const char*, RollEditor::Follow> follows[] = {{"followPage", RollEditor::Follow::kPage},
+                                                                {"followContinuous", RollEditor::Follow::kContinuous},
+                                                                {"followOff", RollEditor::Follow::kOff}};
   const QString followTexts[] = {tr("By &Page"), tr("&Continuously"), tr("&Off")};
   for (int k = 0; k < 3; ++k) {
     QAction* act = makeAction(follows[k].first, followTexts[k], QKeySequence(), nullptr);
@@ -307,7 +303,8 @@ void MainWindow::updateActions() {
   action("redo")->setText(document_->redoTitle());
   action("undo")->setEnabled(document_->history().isCanUndo());
   action("redo")->setEnabled(document_->history().isCanRedo());
-  for (const char* name : {"cut", "copy", "delete", "transposeUp", "transposeDown", "quantize", "playSelection", "noteProperties", "noteDetails", "assistant"}) {
+  for (const char* name : {"cut", "copy", "delete", "transposeUp", "transposeDown", "quantize", "playSelection",
+                           "noteProperties", "noteDetails", "assistant"}) {
     action(name)->setEnabled(selection);
   }
   Player& player = Player::instance();
@@ -395,7 +392,8 @@ bool MainWindow::openRecovery(const QString& path) {
 
 void MainWindow::openDialog() {
   const QString dir = document_->path().isEmpty() ? QString() : QFileInfo(document_->path()).absolutePath();
-  const QString path = QFileDialog::getOpenFileName(this, tr("Open Project"), dir, tr("Projects (*.snt);;All files (*)"));
+  const QString path =
+      QFileDialog::getOpenFileName(this, tr("Open Project"), dir, tr("Projects (*.snt);;All files (*)"));
   if (!path.isEmpty()) openElsewhere(path);
 }
 
@@ -904,7 +902,8 @@ void MainWindow::importDialog() {
     const QByteArray file = path.toLocal8Bit();
     const std::vector<std::string> tracks = midi.getTrackList(file.constData());
     if (tracks.empty()) {
-      QMessageBox::warning(this, tr("Import"), tr("Cannot import %1: %2").arg(path, QString::fromStdString(midi.error())));
+      QMessageBox::warning(this, tr("Import"),
+                           tr("Cannot import %1: %2").arg(path, QString::fromStdString(midi.error())));
       return;
     }
     QStringList names;
@@ -941,8 +940,11 @@ bool MainWindow::exportSequence(const QString& path) {
 
 void MainWindow::exportDialog() {
   QString filter;
-  const QString start = (document_->path().isEmpty() ? document_->displayName() : QFileInfo(document_->path()).completeBaseName()) + ".vsq";
-  QString path = QFileDialog::getSaveFileName(this, tr("Export"), start, tr("VSQ (*.vsq);;Standard MIDI file (*.mid)"), &filter);
+  const QString start =
+      (document_->path().isEmpty() ? document_->displayName() : QFileInfo(document_->path()).completeBaseName()) +
+      ".vsq";
+  QString path =
+      QFileDialog::getSaveFileName(this, tr("Export"), start, tr("VSQ (*.vsq);;Standard MIDI file (*.mid)"), &filter);
   if (path.isEmpty()) return;
   if (QFileInfo(path).suffix().isEmpty()) path += filter.startsWith("VSQ") ? ".vsq" : ".mid";
   exportSequence(path);

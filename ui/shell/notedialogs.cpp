@@ -16,7 +16,6 @@
 #include <QSpinBox>
 #include <QTableWidget>
 #include <QVBoxLayout>
-
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -70,12 +69,15 @@ std::vector<NotePropertiesDialog::Field> propertyFields() {
   using F = NotePropertiesDialog::Field;
   return {
       F{"lyric", QObject::tr("Lyric"), [](const NoteData& n) { return QString::fromUtf8(n.Lyric); },
-        [](const QString& t, NoteData& n, QString* why) { return readText(t.trimmed(), n.Lyric, sizeof n.Lyric, why); }},
+        [](const QString& t, NoteData& n, QString* why) {
+          return readText(t.trimmed(), n.Lyric, sizeof n.Lyric, why);
+        }},
       F{"note", QObject::tr("Note (C4 or 60)"), [](const NoteData& n) { return QString::number(n.NoteNum); },
         [](const QString& t, NoteData& n, QString* why) {
           int value = 0;
           const QByteArray name = t.trimmed().toUtf8();
-          const int named = name.isEmpty() || (name[0] >= '0' && name[0] <= '9') ? -1 : cvoiceset::name2num(name.constData());
+          const int named =
+              name.isEmpty() || (name[0] >= '0' && name[0] <= '9') ? -1 : cvoiceset::name2num(name.constData());
           if (named >= CNoteMan::kMinNote && named <= CNoteMan::kMaxNote) {
             value = named;
           } else if (!readInt(t, CNoteMan::kMinNote, CNoteMan::kMaxNote, &value, why)) {
@@ -109,7 +111,9 @@ std::vector<NotePropertiesDialog::Field> propertyFields() {
       F{"startpoint", QObject::tr("Start point (ms)"), [](const NoteData& n) { return number(n.StartPoint); },
         [](const QString& t, NoteData& n, QString* why) { return readFloat(t, -1000, 5000, &n.StartPoint, why); }},
       F{"flags", QObject::tr("Flags"), [](const NoteData& n) { return QString::fromUtf8(n.Flags); },
-        [](const QString& t, NoteData& n, QString* why) { return readText(t.trimmed(), n.Flags, sizeof n.Flags, why); }},
+        [](const QString& t, NoteData& n, QString* why) {
+          return readText(t.trimmed(), n.Flags, sizeof n.Flags, why);
+        }},
       F{"tempo", QObject::tr("Tempo change"),
         [](const NoteData& n) { return n.Tempo > 0.0f ? number(n.Tempo) : QString("none"); },
         [](const QString& t, NoteData& n, QString* why) {
@@ -129,8 +133,8 @@ NotePropertiesDialog::NotePropertiesDialog(EditorDocument* document, QWidget* pa
   auto* form = new QFormLayout(this);
   const ctonm2& engine = document_->engine();
   const int count = document_->notes().getSelectCount();
-  form->addRow(new QLabel(tr("%n selected note(s). Blank fields differ between the notes and stay as they are.",
-                             nullptr, count)));
+  form->addRow(new QLabel(
+      tr("%n selected note(s). Blank fields differ between the notes and stay as they are.", nullptr, count)));
   for (const Field& f : fields_) {
     QString shared;
     bool first = true, same = true;
@@ -205,9 +209,8 @@ void NotePropertiesDialog::accept() {
 
 namespace {
 
-const char* const kVibratoNames[10] = {"Length (%)",    "Cycle (ms)",  "Depth (cents)",     "Fade in (%)",
-                                       "Fade out (%)",  "Phase (%)",   "Height (%)",        "Expression (%)",
-                                       "Drift (%)",     "Reserved"};
+const char* const kVibratoNames[10] = {"Length (%)", "Cycle (ms)", "Depth (cents)",  "Fade in (%)", "Fade out (%)",
+                                       "Phase (%)",  "Height (%)", "Expression (%)", "Drift (%)",   "Reserved"};
 // Slots of the envelope as the dialog lays them out: durations, then levels.
 const int kEnvelopeDurations[7] = {0, 1, 9, 12, 14, 2, 8};
 const int kEnvelopeLevels[7] = {3, 4, 10, 13, 15, 5, 6};
@@ -215,10 +218,14 @@ const char* const kEnvelopePointNames[7] = {"1", "2", "5", "6", "7", "3", "4"};
 
 QString shapeName(uint8_t code) {
   switch (code) {
-    case 's': return "linear";
-    case 'r': return "R";
-    case 'j': return "J";
-    default: return "S";
+    case 's':
+      return "linear";
+    case 'r':
+      return "R";
+    case 'j':
+      return "J";
+    default:
+      return "S";
   }
 }
 
@@ -335,7 +342,8 @@ void NoteDetailDialog::apply() {
   const int rows = pitch_->rowCount();
   for (int row = 0; row < rows; ++row) {
     widths.push_back(std::max(0.0f, pitch_->item(row, 0) != nullptr ? pitch_->item(row, 0)->text().toFloat() : 0.0f));
-    if (row + 1 < rows) heights.push_back(pitch_->item(row, 1) != nullptr ? pitch_->item(row, 1)->text().toFloat() / 10.0f : 0.0f);
+    if (row + 1 < rows)
+      heights.push_back(pitch_->item(row, 1) != nullptr ? pitch_->item(row, 1)->text().toFloat() / 10.0f : 0.0f);
     shapes.push_back(shapeCode(static_cast<QComboBox*>(pitch_->cellWidget(row, 2))->currentText()));
   }
   document_->beginNoteEdit(index_, undo::kSet);

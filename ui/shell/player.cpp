@@ -65,8 +65,8 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
   document->engine().earlyStartScale = renderFirst ? HUGE_VAL : 1.0;
   CAudioOut::pauseAtDelay = renderFirst ? 1 : 0;
   std::string message;
-  const int32_t result = notes.playStart(fromTick, toTick, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos,
-                                         nullptr, &message);
+  const int32_t result =
+      notes.playStart(fromTick, toTick, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos, nullptr, &message);
   if (result <= 0) {
     *error = message.empty() ? tr("The render could not start") : coreText(message.c_str());
     document->touch();  // the preparation changed the notes' curves

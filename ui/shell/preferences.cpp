@@ -20,7 +20,6 @@
 #include <QThread>
 #include <QTimer>
 #include <QVBoxLayout>
-
 #include <cmath>
 #include <vector>
 

@@ -17,7 +17,7 @@ class QTableWidget;
 
 // What the rest of the editor reads back.
 struct EditorPreferences {
-  QString device;       // "" for the default output
+  QString device;  // "" for the default output
   bool renderFirst = false;
   int renderThreads = 2;
   int logLevel = 3;

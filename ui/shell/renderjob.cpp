@@ -1,7 +1,6 @@
 #include "ui/shell/renderjob.h"
 
 #include <QObject>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,7 +12,9 @@
 
 namespace {
 
-double* cacheGet(int32_t index, const NoteData* note, int32_t* bytes) { return CCacheSys::getCache(index, note, bytes); }
+double* cacheGet(int32_t index, const NoteData* note, int32_t* bytes) {
+  return CCacheSys::getCache(index, note, bytes);
+}
 void cachePut(int32_t index, const NoteData* note, const double* data, int32_t bytes) {
   CCacheSys::putCache(index, note, data, bytes);
 }
@@ -85,14 +86,15 @@ bool RenderJob::finish(QString* error) {
   const int32_t dataBytes = size_ + 8 - 48;
   errno = 0;
   SafeOutput file(output_.toStdString());
-  const bool written = !file.path().empty() &&
-                       saveWaveFile(file.path().c_str(), reinterpret_cast<const int16_t*>(block_ + 48), dataBytes, 16,
-                                    1, 44100) == 0 &&
-                       file.commit();
+  const bool written =
+      !file.path().empty() &&
+      saveWaveFile(file.path().c_str(), reinterpret_cast<const int16_t*>(block_ + 48), dataBytes, 16, 1, 44100) == 0 &&
+      file.commit();
   free(block_);
   block_ = nullptr;
   if (!written) {
-    *error = QObject::tr("Cannot write %1: %2").arg(output_, QString::fromLocal8Bit(strerror(errno != 0 ? errno : EIO)));
+    *error =
+        QObject::tr("Cannot write %1: %2").arg(output_, QString::fromLocal8Bit(strerror(errno != 0 ? errno : EIO)));
     return false;
   }
   return true;

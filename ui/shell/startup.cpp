@@ -9,8 +9,8 @@
 
 bool offerRecovery(MainWindow* window, const QString& recoveryPath) {
   if (!QFile::exists(recoveryPath)) return false;
-  QMessageBox box(QMessageBox::Question, "TONA", coreText("前回異常終了したプロジェクトがあります。"), QMessageBox::NoButton,
-                  window);
+  QMessageBox box(QMessageBox::Question, "TONA", coreText("前回異常終了したプロジェクトがあります。"),
+                  QMessageBox::NoButton, window);
   box.setObjectName("recoveryQuestion");
   QPushButton* load = box.addButton(coreText("読み込む(Load project)"), QMessageBox::AcceptRole);
   load->setObjectName("recoveryLoad");

@@ -1,7 +1,6 @@
 #include "ui/shell/texts.h"
 
 #include <QCoreApplication>
-
 #include <cstring>
 
 namespace {
@@ -13,11 +12,13 @@ struct Pair {
 
 // The command titles of the undo history, then whole texts.
 const Pair kTitles[] = {
-    {"音符の削除", "Delete Notes"},     {"音符の追加", "Add Notes"},         {"音符の移動", "Move Notes"},
-    {"音符の変更", "Change Notes"},     {"長さの変更", "Change Lengths"},    {"ピッチの変更", "Change Pitch"},
+    {"音符の削除", "Delete Notes"},         {"音符の追加", "Add Notes"},
+    {"音符の移動", "Move Notes"},           {"音符の変更", "Change Notes"},
+    {"長さの変更", "Change Lengths"},       {"ピッチの変更", "Change Pitch"},
     {"ビブラートの変更", "Change Vibrato"}, {"エンベロープの変更", "Change Envelope"},
-    {"ボリュームの変更", "Change Volume"}, {"テンポの変更", "Change Tempo"}, {"歌詞の変更", "Change Lyrics"},
-    {"拍子記号", "Time Signature"},      {"クォンタイズ", "Quantize"},         {"音符の分割", "Split Notes"},
+    {"ボリュームの変更", "Change Volume"},  {"テンポの変更", "Change Tempo"},
+    {"歌詞の変更", "Change Lyrics"},        {"拍子記号", "Time Signature"},
+    {"クォンタイズ", "Quantize"},           {"音符の分割", "Split Notes"},
     {"音符の結合", "Join Notes"},
 };
 const Pair kTexts[] = {

@@ -5,7 +5,6 @@
 
 #include <QPointF>
 #include <QRectF>
-
 #include <cstdint>
 #include <vector>
 

@@ -2,17 +2,16 @@
 
 #include <QApplication>
 #include <QContextMenuEvent>
-#include <QMenu>
 #include <QFontMetrics>
 #include <QHelpEvent>
 #include <QKeyEvent>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
 #include <QToolTip>
 #include <QWheelEvent>
-
 #include <algorithm>
 #include <cmath>
 
@@ -78,9 +77,15 @@ PianoRoll::~PianoRoll() = default;
 void PianoRoll::setTool(Tool tool) {
   toolKind_ = tool;
   switch (tool) {
-    case Tool::kSelect: tool_ = std::make_unique<SelectTool>(*this); break;
-    case Tool::kPen: tool_ = std::make_unique<PenTool>(*this); break;
-    case Tool::kEraser: tool_ = std::make_unique<EraserTool>(*this); break;
+    case Tool::kSelect:
+      tool_ = std::make_unique<SelectTool>(*this);
+      break;
+    case Tool::kPen:
+      tool_ = std::make_unique<PenTool>(*this);
+      break;
+    case Tool::kEraser:
+      tool_ = std::make_unique<EraserTool>(*this);
+      break;
   }
   setCursor(tool_->cursorAt(QPoint(-1, -1)));
 }
@@ -225,7 +230,8 @@ void PianoRoll::paintEvent(QPaintEvent*) {
     // where not even its first character fits, so neighbours never overlap.
     const QString full = QString::fromUtf8(note.Lyric);
     const int room = static_cast<int>(width) - 4;
-    const QString lyric = metrics.horizontalAdvance(full) <= room ? full : metrics.elidedText(full, Qt::ElideRight, room);
+    const QString lyric =
+        metrics.horizontalAdvance(full) <= room ? full : metrics.elidedText(full, Qt::ElideRight, room);
     if (!lyric.isEmpty() && lyric != QStringLiteral("…")) {
       const QRectF patch(x + 2, y + 1, std::min<double>(metrics.horizontalAdvance(lyric) + 2, width - 3), row - 2);
       p.fillRect(patch, QColor(255, 255, 255, note.selected != 0 ? 90 : 140));
@@ -296,17 +302,26 @@ void PianoRoll::keyPressEvent(QKeyEvent* event) {
   if (tool_->key(event)) return;
   const int step = scale_->quantize();
   switch (event->key()) {
-    case Qt::Key_Left: moveSelectionByKey(-step, 0); break;
-    case Qt::Key_Right: moveSelectionByKey(step, 0); break;
-    case Qt::Key_Up: moveSelectionByKey(0, 1); break;
-    case Qt::Key_Down: moveSelectionByKey(0, -1); break;
+    case Qt::Key_Left:
+      moveSelectionByKey(-step, 0);
+      break;
+    case Qt::Key_Right:
+      moveSelectionByKey(step, 0);
+      break;
+    case Qt::Key_Up:
+      moveSelectionByKey(0, 1);
+      break;
+    case Qt::Key_Down:
+      moveSelectionByKey(0, -1);
+      break;
     case Qt::Key_Return:
     case Qt::Key_Enter: {
       const int first = document_->notes().topOfSelection();
       if (first >= 0) editLyric(first);
       break;
     }
-    default: QWidget::keyPressEvent(event);
+    default:
+      QWidget::keyPressEvent(event);
   }
 }
 
@@ -337,7 +352,8 @@ bool PianoRoll::event(QEvent* event) {
       return true;
     }
     const NoteData& note = *document_->notes().getNote(index);
-    QString text = QString("%1  %2  %3 ticks").arg(QString::fromUtf8(note.Lyric), noteName(note.NoteNum)).arg(note.Length);
+    QString text =
+        QString("%1  %2  %3 ticks").arg(QString::fromUtf8(note.Lyric), noteName(note.NoteNum)).arg(note.Length);
     const QString reason = silentReason(*document_, note);
     if (!reason.isEmpty()) text += "\n" + reason;
     QToolTip::showText(help->globalPos(), text, this);
@@ -445,7 +461,8 @@ QPointF PianoRoll::pitchPointPosition(int index, int point) {
 namespace {
 
 bool near(const QPointF& a, const QPointF& b) {
-  return std::abs(a.x() - b.x()) <= PianoRoll::kHandleRadius + 1 && std::abs(a.y() - b.y()) <= PianoRoll::kHandleRadius + 1;
+  return std::abs(a.x() - b.x()) <= PianoRoll::kHandleRadius + 1 &&
+         std::abs(a.y() - b.y()) <= PianoRoll::kHandleRadius + 1;
 }
 
 }  // namespace
@@ -477,7 +494,8 @@ PianoRoll::Handle PianoRoll::handleAt(const QPointF& point) {
       consider(v.length, kVibratoLength, i, -1);
     }
     const size_t count = pitchPoints(engine, i).size();
-    for (size_t k = 0; k < count; ++k) consider(pitchPointPosition(i, static_cast<int>(k)), kPitchPoint, i, static_cast<int>(k));
+    for (size_t k = 0; k < count; ++k)
+      consider(pitchPointPosition(i, static_cast<int>(k)), kPitchPoint, i, static_cast<int>(k));
   }
   return found;
 }
@@ -555,8 +573,8 @@ void PianoRoll::contextMenuEvent(QContextMenuEvent* event) {
   });
   remove->setEnabled(handle.kind == kPitchPoint && points.size() > 2);
   QMenu* shape = pitch->addMenu(tr("Segment &Shape"));
-  const std::pair<QString, int> shapes[] = {{tr("S-Curve"), 0}, {tr("Linear"), 's'}, {tr("R (Fast Start)"), 'r'},
-                                            {tr("J (Slow Start)"), 'j'}};
+  const std::pair<QString, int> shapes[] = {
+      {tr("S-Curve"), 0}, {tr("Linear"), 's'}, {tr("R (Fast Start)"), 'r'}, {tr("J (Slow Start)"), 'j'}};
   const int current = notes.getPitchKind(index, segment);
   for (const auto& [name, code] : shapes) {
     QAction* act = shape->addAction(name, this, [=, shapeCode = code] {

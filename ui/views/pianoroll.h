@@ -10,7 +10,6 @@
 #include <QPointer>
 #include <QRect>
 #include <QWidget>
-
 #include <cstdint>
 #include <functional>
 #include <memory>

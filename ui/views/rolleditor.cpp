@@ -4,7 +4,6 @@
 #include <QComboBox>
 #include <QGridLayout>
 #include <QScrollBar>
-
 #include <algorithm>
 
 #include "ui/shell/document.h"

@@ -1,12 +1,11 @@
 #include "ui/views/rulers.h"
 
 #include <QContextMenuEvent>
-#include <QLineEdit>
 #include <QInputDialog>
+#include <QLineEdit>
 #include <QMenu>
 #include <QMouseEvent>
 #include <QPainter>
-
 #include <algorithm>
 #include <cmath>
 
@@ -203,14 +202,13 @@ void Ruler::contextMenuEvent(QContextMenuEvent* event) {
   QMenu menu(this);
   if (note >= 0) {
     const float current = document_->engine().notes[note].Tempo;
-    menu.addAction(tr("Set &Tempo at \"%1\"…").arg(QString::fromUtf8(document_->engine().notes[note].Lyric)), this,
-                   [this, note] {
-                     bool ok = false;
-                     const double tempo = QInputDialog::getDouble(this, tr("Tempo"), tr("Quarter notes per minute:"),
-                                                                  document_->engine().get_tempo(note), 10.0, 512.0, 2,
-                                                                  &ok);
-                     if (ok) setTempoAt(note, static_cast<float>(tempo));
-                   });
+    menu.addAction(
+        tr("Set &Tempo at \"%1\"…").arg(QString::fromUtf8(document_->engine().notes[note].Lyric)), this, [this, note] {
+          bool ok = false;
+          const double tempo = QInputDialog::getDouble(this, tr("Tempo"), tr("Quarter notes per minute:"),
+                                                       document_->engine().get_tempo(note), 10.0, 512.0, 2, &ok);
+          if (ok) setTempoAt(note, static_cast<float>(tempo));
+        });
     QAction* remove = menu.addAction(tr("&Remove Tempo Change"), this, [this, note] { setTempoAt(note, 0.0f); });
     remove->setEnabled(current > 0.0f);
   }
@@ -224,14 +222,14 @@ void Ruler::contextMenuEvent(QContextMenuEvent* event) {
     const int beats = parts.value(0).trimmed().toInt();
     const int value = parts.value(1).trimmed().toInt();
     // The note value is a power of two a beat can be written in.
-    if (beats < 1 || beats > 32 || (value != 1 && value != 2 && value != 4 && value != 8 && value != 16 && value != 32)) {
+    if (beats < 1 || beats > 32 ||
+        (value != 1 && value != 2 && value != 4 && value != 8 && value != 16 && value != 32)) {
       return;
     }
     setTimeSignature(measure, beats, value);
   });
-  QAction* removeSignature =
-      menu.addAction(tr("Remove Time Signature at Measure %1").arg(measure + 1), this,
-                     [this, measure] { removeTimeSignature(measure); });
+  QAction* removeSignature = menu.addAction(tr("Remove Time Signature at Measure %1").arg(measure + 1), this,
+                                            [this, measure] { removeTimeSignature(measure); });
   // Only a change that starts exactly at this measure can go (never the first).
   int start = 0;
   bool startsHere = false;

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-int64_t TimeScale::xToTick(double x) const {
-  return static_cast<int64_t>(std::floor((x + scrollX_) / pixelsPerTick_));
-}
+int64_t TimeScale::xToTick(double x) const { return static_cast<int64_t>(std::floor((x + scrollX_) / pixelsPerTick_)); }
 
 int TimeScale::yToNote(double y) const {
   const int row = static_cast<int>(std::floor((y + scrollY_) / rowHeight_));

@@ -8,7 +8,6 @@
 #pragma once
 
 #include <QObject>
-
 #include <cstdint>
 
 class TimeScale : public QObject {

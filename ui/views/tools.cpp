@@ -2,7 +2,6 @@
 
 #include <QKeyEvent>
 #include <QMouseEvent>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -270,20 +269,22 @@ void SelectTool::applyHandle(const QPoint& point) {
     const double x = point.x();
     switch (handleKind_) {
       case PianoRoll::kVibratoLength:
-        note->VBR[0] = static_cast<int16_t>(std::clamp<long>(std::lround((box.right() - x) / noteWidth * 100.0), 1, 100));
+        note->VBR[0] =
+            static_cast<int16_t>(std::clamp<long>(std::lround((box.right() - x) / noteWidth * 100.0), 1, 100));
         break;
       case PianoRoll::kVibratoDepth:
         note->VBR[2] = static_cast<int16_t>(std::clamp<long>(std::lround(vbr_[2] + dCents), 0, 2000));
         break;
       case PianoRoll::kVibratoFadeIn:
-        note->VBR[3] = static_cast<int16_t>(
-            std::clamp<long>(std::lround((x - (box.right() - vibratoWidth)) / std::max(1.0, vibratoWidth) * 100.0), 0, 100));
+        note->VBR[3] = static_cast<int16_t>(std::clamp<long>(
+            std::lround((x - (box.right() - vibratoWidth)) / std::max(1.0, vibratoWidth) * 100.0), 0, 100));
         break;
       case PianoRoll::kVibratoFadeOut:
         note->VBR[4] = static_cast<int16_t>(
             std::clamp<long>(std::lround((box.right() - x) / std::max(1.0, vibratoWidth) * 100.0), 0, 100));
         break;
-      default: break;
+      default:
+        break;
     }
   }
   // The curve follows the hand: this note and its neighbours are rebuilt.
@@ -301,8 +302,8 @@ void PenTool::press(QMouseEvent* event) {
   const TimeScale& scale = *roll_.timeScale();
   const QPoint point = event->position().toPoint();
   start_ = std::max<int64_t>(0, scale.snapDown(scale.xToTick(point.x())));
-  const int note = std::clamp(scale.yToNote(point.y()), static_cast<int>(CNoteMan::kMinNote),
-                              static_cast<int>(CNoteMan::kMaxNote));
+  const int note =
+      std::clamp(scale.yToNote(point.y()), static_cast<int>(CNoteMan::kMinNote), static_cast<int>(CNoteMan::kMaxNote));
   const int32_t length = std::clamp(document.model().notelength(), CNoteMan::kMinLength, CNoteMan::kMaxLength);
   document.beginNoteEdit(-1, undo::kAdd);
   made_ = document.notes().insertNotePosition(start_, length, note, PianoRoll::kPenLyric);

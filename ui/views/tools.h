@@ -9,7 +9,6 @@
 #pragma once
 
 #include <QPoint>
-
 #include <cstdint>
 #include <vector>
 

@@ -5,7 +5,6 @@
 #include <QMenu>
 #include <QMouseEvent>
 #include <QPainter>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -245,12 +244,10 @@ void ValuePane::contextMenuEvent(QContextMenuEvent* event) {
   QAction* extra = menu.addAction(tr("E&xtra Points"));
   extra->setCheckable(true);
   extra->setChecked(index >= 0 && notes.getNote(index)->Envelope[11] != 0.0f);
-  connect(extra, &QAction::toggled, this, [=](bool on) {
-    onSelection(undo::kEnvelope, [this, on] { document_->notes().switchEnvForSelected(on); });
-  });
+  connect(extra, &QAction::toggled, this,
+          [=](bool on) { onSelection(undo::kEnvelope, [this, on] { document_->notes().switchEnvForSelected(on); }); });
   menu.addSeparator();
-  menu.addAction(mode_ == Mode::kEnvelope ? tr("Show &Intensity") : tr("Show E&nvelope"), this, [this] {
-    setMode(mode_ == Mode::kEnvelope ? Mode::kIntensity : Mode::kEnvelope);
-  });
+  menu.addAction(mode_ == Mode::kEnvelope ? tr("Show &Intensity") : tr("Show E&nvelope"), this,
+                 [this] { setMode(mode_ == Mode::kEnvelope ? Mode::kIntensity : Mode::kEnvelope); });
   menu.exec(event->globalPos());
 }

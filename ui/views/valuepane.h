@@ -6,7 +6,6 @@
 #pragma once
 
 #include <QWidget>
-
 #include <cstdint>
 #include <vector>
 
@@ -18,7 +17,7 @@ class ValuePane : public QWidget {
 
  public:
   enum class Mode { kEnvelope, kIntensity };
-  static constexpr int kMaxIntensity = 200;  // percent at the top of the lane
+  static constexpr int kMaxIntensity = 200;   // percent at the top of the lane
   static constexpr double kMaxLevel = 200.0;  // envelope percent at the top
 
   ValuePane(EditorDocument* document, TimeScale* scale, QWidget* parent = nullptr);

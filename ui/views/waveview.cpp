@@ -6,7 +6,6 @@
 #include <QMutex>
 #include <QPainter>
 #include <QPainterPath>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
@@ -37,8 +36,7 @@ QImage computeSpectrogram(const std::vector<float>& samples, int rate) {
   const int frames = std::max(1, static_cast<int>((samples.size() + kHop - 1) / kHop));
   const int bins = std::max(2, std::min(kFftSize / 2, static_cast<int>(WaveView::kMaxHz * kFftSize / rate)));
   QImage image(frames, bins, QImage::Format_RGB32);
-  std::vector<double> cosTable(kFftSize), sinTable(kFftSize), window(kFftSize), x(kFftSize), re(kFftSize),
-      im(kFftSize);
+  std::vector<double> cosTable(kFftSize), sinTable(kFftSize), window(kFftSize), x(kFftSize), re(kFftSize), im(kFftSize);
   calc_cossin(kFftSize, cosTable.data(), sinTable.data());
   for (int k = 0; k < kFftSize; ++k) window[static_cast<size_t>(k)] = 0.5 - 0.5 * std::cos(2 * M_PI * k / kFftSize);
   for (int f = 0; f < frames; ++f) {
@@ -129,12 +127,18 @@ double WaveView::xToMs(double x) const {
 double WaveView::markerMs(Marker marker) const {
   const double length = picture_ != nullptr ? picture_->lengthMs : 0.0;
   switch (marker) {
-    case kOffset: return entry_.offset;
-    case kFixed: return entry_.offset + entry_.fixed;
-    case kCutoff: return entry_.blank >= 0 ? length - entry_.blank : entry_.offset - entry_.blank;
-    case kPreutterance: return entry_.offset + entry_.preuttr;
-    case kOverlap: return entry_.offset + entry_.overlap;
-    default: return 0.0;
+    case kOffset:
+      return entry_.offset;
+    case kFixed:
+      return entry_.offset + entry_.fixed;
+    case kCutoff:
+      return entry_.blank >= 0 ? length - entry_.blank : entry_.offset - entry_.blank;
+    case kPreutterance:
+      return entry_.offset + entry_.preuttr;
+    case kOverlap:
+      return entry_.offset + entry_.overlap;
+    default:
+      return 0.0;
   }
 }
 
@@ -153,13 +157,20 @@ VoiceData WaveView::moved(const VoiceData& entry, Marker marker, double ms) cons
       if (entry.blank < 0) e.blank = tenth(std::min(-0.1, entry.blank + shift));
       break;
     }
-    case kFixed: e.fixed = tenth(std::max(0.0, ms - entry.offset)); break;
+    case kFixed:
+      e.fixed = tenth(std::max(0.0, ms - entry.offset));
+      break;
     case kCutoff:
       e.blank = entry.blank >= 0 ? tenth(std::max(0.0, length - ms)) : tenth(std::min(-0.1, -(ms - entry.offset)));
       break;
-    case kPreutterance: e.preuttr = tenth(ms - entry.offset); break;
-    case kOverlap: e.overlap = tenth(ms - entry.offset); break;
-    default: break;
+    case kPreutterance:
+      e.preuttr = tenth(ms - entry.offset);
+      break;
+    case kOverlap:
+      e.overlap = tenth(ms - entry.offset);
+      break;
+    default:
+      break;
   }
   return e;
 }
@@ -204,7 +215,8 @@ void WaveView::paintEvent(QPaintEvent*) {
   const double middle = waveHeight / 2.0;
   p.setPen(QColor(120, 200, 255));
   for (int x = 0; x < w; ++x) {
-    const size_t from = static_cast<size_t>(x * perPixel), to = std::min(s.size(), static_cast<size_t>((x + 1) * perPixel) + 1);
+    const size_t from = static_cast<size_t>(x * perPixel),
+                 to = std::min(s.size(), static_cast<size_t>((x + 1) * perPixel) + 1);
     float low = 0.0f, high = 0.0f;
     for (size_t i = from; i < to; ++i) {
       low = std::min(low, s[i]);

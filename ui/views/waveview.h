@@ -10,7 +10,6 @@
 
 #include <QImage>
 #include <QWidget>
-
 #include <memory>
 #include <vector>
 
