@@ -52,8 +52,13 @@ void forEachCacheFile(Visit visit) {
 
 std::string CCacheSys::folder() { return userFolder(UserFolder::kCache); }
 
+// Changes whenever the resampler's output for the same note changes, so
+// that audio cached by an older version is never played again.
+constexpr char kResamplerVersion[] = "resampler 2: formant stage";
+
 std::string CCacheSys::getCacheName(int32_t index, const NoteData* note) {
   Md5 md5;
+  md5.update(kResamplerVersion, sizeof kResamplerVersion);
   std::vector<uint8_t> packed(static_cast<size_t>(CNoteSerial::serialLength(note)));
   CNoteSerial::serialize(note, packed.data());
   md5.update(packed.data(), packed.size());

@@ -1,5 +1,7 @@
 #include "render/resampler.h"
 
+#include "render/formant.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -8,10 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "render/formant.h"
 #include "render/wavefile.h"
 #include "support/log.h"
 #include "voicebank/freqtable.h"
 #include "voicebank/pitch.h"
+#include "voicebank/spectrum.h"
 #include "voicebank/voiceset.h"
 
 const int32_t SampleRateOut = 44100;
@@ -374,6 +378,7 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   const int32_t rateIn = static_cast<int32_t>(format.sampleRate);
   sample.stride = format.channels;
   int32_t frames = std::min<int32_t>(dataBytes / format.blockAlign, dataBytes / 2 / format.channels);
+  const int32_t loadedFrames = frames;  // before the blank is cut: the spectrum covers the whole sample
   // The padding after the data comes uncleared from the loader: reads past
   // the usable end must find silence.
   const size_t loadedWords = static_cast<size_t>(dataBytes) / 2;
@@ -562,6 +567,11 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   std::vector<double> re(kFftSize), behind(kFftSize), ahead(kFftSize);
 
   // --- Per output sample ---
+  // Where each 256th output sample was read from, and at what pitch: the
+  // formant stage looks the input's envelope up there.
+  std::vector<double> readAt, readScale;
+  readAt.reserve(static_cast<size_t>(n / kResynthesisStep + 2));
+  readScale.reserve(readAt.capacity());
   const double vfRatio = velocityFactor * ratio;
   double p = start - vfRatio;
   double step = vfRatio;
@@ -639,6 +649,10 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
     if (note->Modulation != 100) {
       const double own = target / f * ratio;
       rho = (rho - own) * note->Modulation / 100.0 + own;
+    }
+    if (i % kResynthesisStep == 0) {
+      readAt.push_back(p);
+      readScale.push_back(rho / ratio);  // the periodic part is read at rho input samples per output sample
     }
     // 5, 6. The phase within the period.
     while (period < 50.0) period *= 2.0;
@@ -754,16 +768,48 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
     y[k] = y[k] * v + aperiodic[static_cast<size_t>(k)] * a;
   }
 
-  // The formant correction would run here (unless the N flag is given); it
-  // is not built, so the chain runs as with N. The flags that only feed it
-  // are read for the log and change nothing else.
-  int32_t formantFactor = 1, lowBand = 0;
-  double fce = 100.0;
-  flags.integer('F', &formantFactor);
-  flags.integer('L', &lowBand);
-  flags.number('f', &fce);
-  log_printf(5, "formant stage not built: F=%d L=%d fce=%0.2lf gen=%0.2lf Y=%0.2lf\n", formantFactor, lowBand,
-             fce / 100.0, std::pow(10.0, gFlag / 200.0), yFlag);
+  // 5. The formant correction, unless N.
+  if (!flags.has('N')) {
+    int32_t formantFactor = 1, lowBand = 0;
+    double fce = 100.0;
+    flags.integer('F', &formantFactor);
+    flags.integer('L', &lowBand);
+    flags.number('f', &fce);
+    int32_t low = static_cast<int32_t>(1024.0 / SampleRateOut * noteFrequency * formantFactor + 0.5);
+    if (lowBand >= 1) low = 4 * lowBand;
+    low = std::clamp(low, 0, 35);
+    const double gen = std::pow(10.0, gFlag / 200.0);
+    log_printf(5, "filter low=%0.3lfHz factor=%d gen=%0.2lf fce=%0.2lf \n",
+               static_cast<double>(low * (SampleRateOut / 1024)), low, gen, fce / 100.0);
+    SpectrumTable spectrum;
+    if (GetSpectrum(path, sample.words, loadedFrames, sample.stride, rateIn, table, tableLast + 1, average, &spectrum)) {
+      FormantStage stage;
+      stage.input = &spectrum;
+      stage.inputPositions = std::move(readAt);
+      stage.readScale = std::move(readScale);
+      stage.rateOut = SampleRateOut;
+      stage.lowBin = low;
+      stage.gen = gen;
+      stage.fce = fce / 100.0;
+      stage.keep = yFlag;
+      std::vector<double> genCurve, eqStrength;
+      if (gfactors.present) {
+        genCurve.resize(static_cast<size_t>(n));
+        for (int32_t k = 0; k < n; ++k) genCurve[static_cast<size_t>(k)] = gfactors.at(k);
+        stage.genCurve = &genCurve;
+      }
+      double equalizer[512];
+      if (parseEqualizer(equalizerText, equalizer)) {
+        stage.equalizer = equalizer;
+        if (eqzparams.present) {
+          eqStrength.resize(static_cast<size_t>(n));
+          for (int32_t k = 0; k < n; ++k) eqStrength[static_cast<size_t>(k)] = eqzparams.at(k);
+          stage.equalizerStrength = &eqStrength;
+        }
+      }
+      CorrectFormant(stage, y, aperiodic.data(), n);
+    }
+  }
 
   double strength = 0.0;
   if (flags.number('C', &strength)) smooth(std::clamp(strength / 100.0, 0.0, 1.0), 1);

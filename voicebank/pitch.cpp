@@ -12,6 +12,7 @@
 #include "support/log.h"
 #include "support/textcopy.h"
 #include "voicebank/freqtable.h"
+#include "voicebank/spectrum.h"
 #include "voicebank/voiceset.h"
 
 namespace {
@@ -693,7 +694,14 @@ int32_t generateAnlyzeFiles(const char* samplePath, int32_t options) {
   double* frequencies = initFrequenciesList(&amplitudes, &average, samplePath, (options & 1) ? "G" : "-", samples,
                                             frames, static_cast<int32_t>(format.sampleRate), format.channels, 2048,
                                             kAnalysisStep);
-  // The spectrum file (options bit 1) is not made.
+  // Bit 1: the spectrum file too, computed afresh.
+  if ((options & 2) != 0 && frequencies != nullptr) {
+    SpectrumTable spectrum;
+    if (computeSpectrum(samples, frames, format.channels, static_cast<int32_t>(format.sampleRate), frequencies,
+                        frames / kAnalysisStep + 1, average, &spectrum)) {
+      writeSpectrumFile(spectrumFilePath(samplePath).c_str(), spectrum);
+    }
+  }
   free(frequencies);
   free(amplitudes);
   free(samples);

@@ -85,6 +85,6 @@ void calcSplineParam(const double* values, int32_t count, double* b, double* c, 
 void calcSplineFloat(const float* values, int32_t count, float* b, float* c, float* d, int32_t flag);
 
 // Loads a sample (".wav", ".aif", ".aiff") and makes its frequency table
-// file; options bit 0 regenerates it even when a trusted one exists
-// (bit 1, the spectrum file, is not made). 1 when the sample was loaded.
+// file; options bit 0 regenerates it even when a trusted one exists, bit 1
+// also makes its spectrum file (".spef"). 1 when the sample was loaded.
 int32_t generateAnlyzeFiles(const char* samplePath, int32_t options);
