@@ -15,6 +15,7 @@
 #include "voicebank/connective.h"
 #include "voicebank/freqtable.h"
 #include "voicebank/pitch.h"
+#include "voicebank/spectrum.h"
 #include "voicebank/voiceset.h"
 
 bool isFolder(const std::string& path) {
@@ -71,7 +72,8 @@ std::string tableNotWritten(const std::string& sample, time_t since) {
 
 }  // namespace
 
-void analyse(SampleJob& job, bool force, bool text) {
+void analyse(SampleJob& job, const AnalysisOptions& options) {
+  const bool force = options.force, text = options.text;
   double *freq = nullptr, *amp = nullptr;
   double average = 0.0;
   const time_t started = time(nullptr);
@@ -95,18 +97,30 @@ void analyse(SampleJob& job, bool force, bool text) {
     job.outcome = SampleJob::Outcome::kFailed;
     job.reason = "cannot write the text table";
   }
+  if (options.spectrum && job.outcome != SampleJob::Outcome::kFailed) {
+    const std::string spef = spectrumFilePath(job.path.c_str());
+    const time_t before = time(nullptr);
+    generateAnlyzeFiles(job.path.c_str(), 2);
+    struct stat info;
+    if (stat(spef.c_str(), &info) != 0 || info.st_mtime < before) {
+      job.outcome = SampleJob::Outcome::kFailed;
+      job.reason = "cannot write '" + spef + "': " + strerror(errno != 0 ? errno : EIO);
+    } else if (job.outcome == SampleJob::Outcome::kUpToDate) {
+      job.outcome = SampleJob::Outcome::kAnalysed;
+    }
+  }
   free(freq);
   free(amp);
 }
 
-void analyseAll(std::vector<SampleJob>& jobs, bool force, bool text, int workers, std::atomic<size_t>* done,
+void analyseAll(std::vector<SampleJob>& jobs, const AnalysisOptions& options, int workers, std::atomic<size_t>* done,
                 const std::atomic<bool>* stop) {
   // The tone table is shared: set it up before the workers start.
   initToneTable(44100, 2048);
   std::atomic<size_t> next{0};
   auto work = [&] {
     for (size_t k = next++; k < jobs.size() && (stop == nullptr || !stop->load()); k = next++) {
-      analyse(jobs[k], force, text);
+      analyse(jobs[k], options);
       ++*done;
     }
   };

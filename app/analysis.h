@@ -17,11 +17,16 @@ struct SampleJob {
 bool isFolder(const std::string& path);
 // The samples a bank's tables name, in table order, each once.
 std::vector<std::string> bankSamples(const std::string& folder);
-// Makes (with `force`: makes again) the sample's table; with `text` also
-// its text dump. Thread safe once the tone table is set up (analyseAll
-// does that).
-void analyse(SampleJob& job, bool force, bool text);
+// What to make besides the frequency table (".frq").
+struct AnalysisOptions {
+  bool force = false;     // make the tables again, even up-to-date ones
+  bool text = false;      // also the text dump (".frt")
+  bool spectrum = false;  // also the spectrum file (".spef")
+};
+// Makes the sample's tables as asked. Thread safe once the tone table is
+// set up (analyseAll does that).
+void analyse(SampleJob& job, const AnalysisOptions& options);
 // Analyses every job on `workers` threads; `done` counts finished jobs and
 // `stop` (optional) ends the work after the jobs under way.
-void analyseAll(std::vector<SampleJob>& jobs, bool force, bool text, int workers, std::atomic<size_t>* done,
+void analyseAll(std::vector<SampleJob>& jobs, const AnalysisOptions& options, int workers, std::atomic<size_t>* done,
                 const std::atomic<bool>* stop = nullptr);

@@ -1,4 +1,4 @@
-// tona analyze PATH... [--force] [--text] [--jobs N]
+// tona analyze PATH... [--force] [--text] [--spectrum] [--jobs N]
 
 #include <unistd.h>
 
@@ -17,21 +17,24 @@
 #include "app/subcommands.h"
 
 const char kAnalyzeUsage[] =
-    "usage: tona analyze PATH... [--force] [--text] [--jobs N]\n"
+    "usage: tona analyze PATH... [--force] [--text] [--spectrum] [--jobs N]\n"
     "\n"
     "Makes the frequency table (\".frq\") of every sample: PATH is a sample\n"
     "file or a voice bank folder (every sample its oto tables name).\n"
     "  --force   make the tables again, even those that are up to date\n"
     "  --text    also write the text dump (\".frt\")\n"
+    "  --spectrum  also write the spectrum file (\".spef\") the formant\n"
+    "            correction reads (made on first use otherwise)\n"
     "  --jobs N  samples analysed at once (default: the number of cores)\n";
 
 int runAnalyze(int argc, char** argv) {
   const Command& command = *findCommand("analyze");
-  bool force = false, text = false;
+  AnalysisOptions options;
   std::string jobsText;
   ArgParser parser(command);
-  parser.flag("--force", &force);
-  parser.flag("--text", &text);
+  parser.flag("--force", &options.force);
+  parser.flag("--text", &options.text);
+  parser.flag("--spectrum", &options.spectrum);
   parser.option("--jobs", &jobsText);
   std::vector<std::string> paths;
   const int status = parser.parse(argc, argv, &paths, 1, -1);
@@ -66,7 +69,7 @@ int runAnalyze(int argc, char** argv) {
       }
       bar.update(static_cast<long>(done.load()));
     });
-    analyseAll(jobs, force, text, static_cast<int>(jobsWanted), &done);
+    analyseAll(jobs, options, static_cast<int>(jobsWanted), &done);
     finished = true;
     watcher.join();
   }

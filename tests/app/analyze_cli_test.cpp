@@ -44,6 +44,13 @@ TEST(AnalyzeCommand, BankFolderEachSampleOnceWithFailuresListed) {
   RunResult forced = runTona({"analyze", bank.folder() + "a.wav", "--force"});
   EXPECT_EQ(forced.status, 0);
   EXPECT_EQ(forced.err, "analysed 1, already up to date 0, failed 0\n");
+
+  // The spectrum files on request, for tables up to date too.
+  RunResult spectrum = runTona({"analyze", bank.folder() + "a.wav", bank.folder() + "low/i.wav", "--spectrum"});
+  EXPECT_EQ(spectrum.status, 0) << spectrum.err;
+  EXPECT_EQ(spectrum.err, "analysed 2, already up to date 0, failed 0\n");
+  EXPECT_EQ(readFile(bank.folder() + "a_wav.spef").rfind("TONASPEF", 0), 0u);
+  EXPECT_TRUE(fileExists(bank.folder() + "low/i_wav.spef"));
 }
 
 TEST(AnalyzeCommand, UsageErrors) {

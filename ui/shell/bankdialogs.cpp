@@ -69,7 +69,7 @@ QStringList analyzeBank(QWidget* parent, const QString& folder, bool* cancelled)
   std::atomic<size_t> done{0};
   std::atomic<bool> stop{false}, finished{false};
   std::thread worker([&] {
-    analyseAll(jobs, false, false, std::max(1, QThread::idealThreadCount()), &done, &stop);
+    analyseAll(jobs, AnalysisOptions(), std::max(1, QThread::idealThreadCount()), &done, &stop);
     finished = true;
   });
   QProgressDialog progress(QObject::tr("Analysing %1…").arg(QFileInfo(folder.chopped(1)).fileName()),
