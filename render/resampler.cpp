@@ -342,38 +342,80 @@ int16_t* decpit2(const char* text, int32_t* count) {
 
 // --- resamp --------------------------------------------------------------------------
 
-double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* outCount, float tempo,
-               ResampError* error) {
-  ResampError ignored;
-  ResampError& failure = error != nullptr ? *error : ignored;
-  failure = ResampError::kNone;
-  if (outCount != nullptr) *outCount = 0;
-  if (path == nullptr || note == nullptr) {
-    failure = ResampError::kLoad;
-    return nullptr;
-  }
-  const FlagText flags(note->Flags);
-  const Windows& win = windows();
-  const FftTables& fft = fftTables();
+namespace {
 
-  // --- Set-up ---
+// Everything one call of resamp works with, filled in step by step.
+struct Resampling {
+  Resampling(const char* samplePath, const NoteData* noteRecord, float length, float noteTempo)
+      : path(samplePath), note(noteRecord), lengthMs(length), tempo(noteTempo), flags(noteRecord->Flags) {}
+  ~Resampling() {
+    free(table);
+    free(periodic);
+  }
+  Resampling(const Resampling&) = delete;
+  Resampling& operator=(const Resampling&) = delete;
+
+  // What was asked.
+  const char* path;
+  const NoteData* note;
+  float lengthMs;
+  float tempo;
+  FlagText flags;
+  // The sample and its frequency table (one value per 256 input samples).
+  Sample sample;
+  int32_t rateIn = 0;
+  int32_t loadedFrames = 0;
+  double* table = nullptr;
+  int32_t tableLast = 0;  // the table's extra element
+  double average = 0.0;
+  double ratio = 1.0;  // input rate / output rate
+  // The lengths.
+  double fixedIn = 0.0, fixedOut = 0.0;
+  double velocityFactor = 1.0;
+  double volume = 1.0;
+  double stretch = 1.0;
+  int32_t lead = 0, start = 0, n = 0;
+  // The pitch.
+  double noteFrequency = 0.0;
+  int32_t pitchStep = 1;
+  std::vector<double> pitch;
+  // The environment and the flags read before the loop.
+  Curve gfactors, eqzparams, breath;
+  const char* equalizerText = nullptr;
+  std::vector<double> expression;
+  double expressionStep = 1.0;
+  bool sawtooth = false;
+  double gFlag = 0.0, analysisFactor = 1.0, yFlag = 0.0;
+  // The two parts, and where each 256th output sample was read from and
+  // how fast.
+  double* periodic = nullptr;  // handed to the caller at the end
+  std::vector<double> aperiodic;
+  std::vector<double> readAt, readScale;
+};
+
+// Set-up: loads the sample and its frequency table and works out the
+// lengths: where the usable stretch starts, the consonant's part, the
+// stretch and the output length.
+ResampError setUp(Resampling& r) {
+  const char* path = r.path;
+  const NoteData* note = r.note;
+  const float lengthMs = r.lengthMs;
+  const FlagText& flags = r.flags;
   const std::string file = path;
   const bool aiff = file.size() >= 5 && file.compare(file.size() - 5, 5, ".aiff") == 0;
   WaveFormat format;
   memset(&format, 0, sizeof format);
   int32_t dataBytes = 0;
-  Sample sample;
+  Sample& sample = r.sample;
   sample.words = aiff ? loadAiffFile(path, &format, kPaddingFrames, &dataBytes)
                       : loadWaveFile(path, &format, kPaddingFrames, &dataBytes);
   if (sample.words == nullptr || format.blockAlign == 0 || format.channels < 1 || format.sampleRate == 0) {
     log_printf(5, "file load error.\n");
-    failure = ResampError::kLoad;
-    return nullptr;
+    return ResampError::kLoad;
   }
   if (format.bitsPerSample != 16) {
     log_printf(5, "file format error.(16 bit only.\n");
-    failure = ResampError::kFormat;
-    return nullptr;
+    return ResampError::kFormat;
   }
   const int32_t rateIn = static_cast<int32_t>(format.sampleRate);
   sample.stride = format.channels;
@@ -397,14 +439,8 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   double* table = initFrequenciesList(&amplitudes, &average, path, note->Flags, sample.words, frames, rateIn,
                                       format.channels, kPaddingFrames, kAnalysisStep);
   free(amplitudes);
-  if (table == nullptr) {
-    failure = ResampError::kNoFrequencies;
-    return nullptr;
-  }
-  struct TableOwner {
-    double* p;
-    ~TableOwner() { free(p); }
-  } tableOwner{table};
+  r.table = table;  // owned by r from here
+  if (table == nullptr) return ResampError::kNoFrequencies;
   const int32_t tableLast = frames / kAnalysisStep + 1;  // the extra element's index
 
   const double ratio = static_cast<double>(rateIn) / SampleRateOut;
@@ -434,8 +470,7 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   }
   if (frames <= offsetS) {
     log_printf(2, "Parameter error. Not enough samples.\n");
-    failure = ResampError::kNotEnoughSamples;
-    return nullptr;
+    return ResampError::kNotEnoughSamples;
   }
 
   // The "a" flag is read and then replaced by the note's velocity.
@@ -484,14 +519,39 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   const int32_t n = lengthOut > 0.0 && lengthOut < 1e9 ? static_cast<int32_t>(lengthOut) : 0;
   log_printf(5, "Length %d -> %d\n", static_cast<int32_t>(usable), n);
 
-  // --- Pitch curve ---
-  double noteFrequency = num2freq(note->NoteNum) * getToneBase() / 440.0;
+  r.rateIn = rateIn;
+  r.loadedFrames = loadedFrames;
+  r.tableLast = tableLast;
+  r.average = average;
+  r.ratio = ratio;
+  r.fixedIn = fixedIn;
+  r.fixedOut = fixedOut;
+  r.velocityFactor = velocityFactor;
+  r.volume = volume;
+  r.lead = lead;
+  r.start = start;
+  r.stretch = stretch;
+  r.n = n;
+  return ResampError::kNone;
+}
+
+// The target frequency at every pitch step: the note's frequency (with
+// the t flag) moved by its pitch curve.
+void makePitchCurve(Resampling& r) {
+  const NoteData* note = r.note;
+  const FlagText& flags = r.flags;
+  const int32_t n = r.n, lead = r.lead;
+  const float tempo = r.tempo;
+  double& noteFrequency = r.noteFrequency;
+  noteFrequency = num2freq(note->NoteNum) * getToneBase() / 440.0;
   int32_t transpose = 0;
   if (flags.integer('t', &transpose)) noteFrequency *= std::pow(2.0, transpose * 0.1 / 12.0);
   const bool floatCurve = note->_pitch != nullptr && note->_pitchlen > 0;
-  const int32_t pitchStep = floatCurve ? 256 : std::max(1, tempoStep(tempo > 0.0f ? tempo : 120.0f));
+  r.pitchStep = floatCurve ? 256 : std::max(1, tempoStep(tempo > 0.0f ? tempo : 120.0f));
+  const int32_t pitchStep = r.pitchStep;
   const int32_t points = (n + lead) / pitchStep;
-  std::vector<double> pitch(static_cast<size_t>(std::max(points, 0)) + 8, noteFrequency);
+  std::vector<double>& pitch = r.pitch;
+  pitch.assign(static_cast<size_t>(std::max(points, 0)) + 8, noteFrequency);
   for (size_t k = 0; k < pitch.size(); ++k) {
     double cents = 0.0;
     if (floatCurve && static_cast<int64_t>(k) < note->_pitchlen) {
@@ -502,8 +562,17 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
     pitch[k] = noteFrequency * std::pow(2.0, cents / 1200.0);
   }
 
-  // --- Environment, flags, buffers ---
-  Curve gfactors, expressionEnv, envelopex, eqzparams, breath;
+}
+
+// The environment's curves, the expression curve and the flags read here.
+void readEnvironment(Resampling& r) {
+  const NoteData* note = r.note;
+  const FlagText& flags = r.flags;
+  const int32_t n = r.n, lead = r.lead, pitchStep = r.pitchStep;
+  Curve& gfactors = r.gfactors;
+  Curve& eqzparams = r.eqzparams;
+  Curve& breath = r.breath;
+  Curve expressionEnv, envelopex;
   const int32_t curveSamples = n + lead;
   if (readCurveVariable("gfactors", curveSamples, 0, false, &gfactors)) {
     for (double& v : gfactors.values) v = std::pow(10.0, v / 8000.0);
@@ -525,14 +594,15 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
     for (double& v : breath.values) v /= 2048.0;
     log_printf(5, "breathiness params enabled.\n");
   }
-  const char* equalizerText = getenv("equalizer");
+  const char* equalizerText = r.equalizerText = getenv("equalizer");
   if (equalizerText != nullptr && strlen(equalizerText) >= 512) {
     // The equalizer gains feed the formant stage only.
     log_printf(5, "equalizer enabled. (%d elements)\n", 256);
   }
   // The expression curve: the variable's, or the note's own on the pitch grid.
-  std::vector<double> expression;
-  double expressionStep = pitchStep;
+  std::vector<double>& expression = r.expression;
+  double& expressionStep = r.expressionStep;
+  expressionStep = pitchStep;
   if (expressionEnv.present) {
     expression = expressionEnv.values;
     expressionStep = expressionEnv.step;
@@ -541,24 +611,48 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
     for (size_t k = 0; k < expression.size(); ++k) expression[k] = std::pow(10.0, note->Exprs[k] / 1024.0);
   }
 
-  const bool sawtooth = flags.has('W');
-  double gFlag = 0.0;
-  double analysisFactor = 1.0;
+  r.sawtooth = flags.has('W');
+  double& gFlag = r.gFlag;
+  double& analysisFactor = r.analysisFactor;
   if (flags.number('g', &gFlag)) {
     gFlag = std::clamp(gFlag, -100.0, 100.0);
     analysisFactor = std::pow(10.0, -gFlag / 200.0);
   }
-  double yFlag = 0.0;
+  double& yFlag = r.yFlag;
   if (flags.number('Y', &yFlag)) yFlag = std::clamp(yFlag, 0.0, 100.0) / 100.0;
   log_printf(5, "Process Started.\n");
 
+}
+
+// The periodic part, sample by sample: the read position advanced through
+// the consonant and the stretched rest, the pitch moved by a
+// period-synchronous two-tap crossfade; and the aperiodic part analysed at
+// every new input frame and resynthesised every 256 samples. False when
+// the buffers cannot be had.
+bool stretchAndShift(Resampling& r) {
+  const NoteData* note = r.note;
+  const Windows& win = windows();
+  const FftTables& fft = fftTables();
+  const Sample& sample = r.sample;
+  const double* table = r.table;
+  const int32_t n = r.n, lead = r.lead, start = r.start, rateIn = r.rateIn, tableLast = r.tableLast;
+  const int32_t pitchStep = r.pitchStep;
+  const double ratio = r.ratio, stretch = r.stretch, fixedIn = r.fixedIn, fixedOut = r.fixedOut;
+  const double velocityFactor = r.velocityFactor, average = r.average, expressionStep = r.expressionStep;
+  const std::vector<double>& pitch = r.pitch;
+  const std::vector<double>& expression = r.expression;
+  const Curve& gfactors = r.gfactors;
+  const bool sawtooth = r.sawtooth;
+  double analysisFactor = r.analysisFactor;
   const size_t outSize = static_cast<size_t>(1.0 + stretch / ratio * 3072.0) + static_cast<size_t>(n) + 1;
-  std::vector<double> aperiodic(outSize, 0.0);
-  double* periodic = static_cast<double*>(calloc(outSize, sizeof(double)));
-  if (periodic == nullptr) {
+  r.aperiodic.assign(outSize, 0.0);
+  r.periodic = static_cast<double*>(calloc(outSize, sizeof(double)));
+  if (r.periodic == nullptr) {
     log_printf(1, "Not enough memories(render)\n");
-    return nullptr;
+    return false;
   }
+  std::vector<double>& aperiodic = r.aperiodic;
+  double* periodic = r.periodic;
   // Per bin: magnitude, phase advance and last analysed phase, and the
   // accumulated phase of the resynthesis, as unit phasors (all start at 0).
   std::vector<double> magnitude(kBins, 0.0), advanceRe(kBins, 1.0), advanceIm(kBins, 0.0);
@@ -566,10 +660,10 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   std::vector<double> binRe(kBins + 1), binIm(kBins + 1);
   std::vector<double> re(kFftSize), behind(kFftSize), ahead(kFftSize);
 
-  // --- Per output sample ---
   // Where each 256th output sample was read from, and at what pitch: the
   // formant stage looks the input's envelope up there.
-  std::vector<double> readAt, readScale;
+  std::vector<double>& readAt = r.readAt;
+  std::vector<double>& readScale = r.readScale;
   readAt.reserve(static_cast<size_t>(n / kResynthesisStep + 2));
   readScale.reserve(readAt.capacity());
   const double vfRatio = velocityFactor * ratio;
@@ -616,10 +710,10 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
       log_printf(6, "%d -> %d  \r", j, i / 256);
       analysedFrame = j;
       const double sigma = ratio * analysisFactor;
-      const double r = std::max(sigma, 1.0) * 1.03125;
+      const double width = std::max(sigma, 1.0) * 1.03125;
       const double x = p - 512 * sigma;
-      sample.readRun(x - period / 2.0, sigma, kFftSize, r, behind.data());
-      sample.readRun(x + period / 2.0, sigma, kFftSize, r, ahead.data());
+      sample.readRun(x - period / 2.0, sigma, kFftSize, width, behind.data());
+      sample.readRun(x + period / 2.0, sigma, kFftSize, width, ahead.data());
       for (int m = 0; m < kFftSize; ++m) {
         re[static_cast<size_t>(m)] = (behind[static_cast<size_t>(m)] - ahead[static_cast<size_t>(m)]) * win.sine[m];
       }
@@ -714,7 +808,78 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
     }
   }
 
-  // --- Post-processing ---
+  return true;
+}
+
+// Post-processing step 5: the input's spectral envelopes (from the
+// sample's spectrum file, made when missing) imposed on the output where
+// it came from, moved by gen (formant.h).
+void correctFormants(Resampling& r) {
+  const char* path = r.path;
+  const FlagText& flags = r.flags;
+  const int32_t n = r.n;
+  const double noteFrequency = r.noteFrequency, gFlag = r.gFlag, yFlag = r.yFlag, average = r.average;
+  const Sample& sample = r.sample;
+  const Curve& gfactors = r.gfactors;
+  const Curve& eqzparams = r.eqzparams;
+  const char* equalizerText = r.equalizerText;
+  double* y = r.periodic;
+  std::vector<double>& aperiodic = r.aperiodic;
+  std::vector<double>& readAt = r.readAt;
+  std::vector<double>& readScale = r.readScale;
+  const double* table = r.table;
+  const int32_t rateIn = r.rateIn, loadedFrames = r.loadedFrames, tableLast = r.tableLast;
+  int32_t formantFactor = 1, lowBand = 0;
+  double fce = 100.0;
+  flags.integer('F', &formantFactor);
+  flags.integer('L', &lowBand);
+  flags.number('f', &fce);
+  int32_t low = static_cast<int32_t>(1024.0 / SampleRateOut * noteFrequency * formantFactor + 0.5);
+  if (lowBand >= 1) low = 4 * lowBand;
+  low = std::clamp(low, 0, 35);
+  const double gen = std::pow(10.0, gFlag / 200.0);
+  log_printf(5, "filter low=%0.3lfHz factor=%d gen=%0.2lf fce=%0.2lf \n",
+             static_cast<double>(low * (SampleRateOut / 1024)), low, gen, fce / 100.0);
+  SpectrumTable spectrum;
+  if (GetSpectrum(path, sample.words, loadedFrames, sample.stride, rateIn, table, tableLast + 1, average, &spectrum)) {
+    FormantStage stage;
+    stage.input = &spectrum;
+    stage.inputPositions = std::move(readAt);
+    stage.readScale = std::move(readScale);
+    stage.rateOut = SampleRateOut;
+    stage.lowBin = low;
+    stage.gen = gen;
+    stage.fce = fce / 100.0;
+    stage.keep = yFlag;
+    std::vector<double> genCurve, eqStrength;
+    if (gfactors.present) {
+      genCurve.resize(static_cast<size_t>(n));
+      for (int32_t k = 0; k < n; ++k) genCurve[static_cast<size_t>(k)] = gfactors.at(k);
+      stage.genCurve = &genCurve;
+    }
+    double equalizer[512];
+    if (parseEqualizer(equalizerText, equalizer)) {
+      stage.equalizer = equalizer;
+      if (eqzparams.present) {
+        eqStrength.resize(static_cast<size_t>(n));
+        for (int32_t k = 0; k < n; ++k) eqStrength[static_cast<size_t>(k)] = eqzparams.at(k);
+        stage.equalizerStrength = &eqStrength;
+      }
+    }
+    CorrectFormant(stage, y, aperiodic.data(), n);
+  }
+}
+
+// The chain after the two parts are made: waveshaping, low-pass and
+// smoothing, the first mix, the formant correction, more smoothing, the
+// second mix and the normalisation.
+void postProcess(Resampling& r) {
+  const FlagText& flags = r.flags;
+  const int32_t n = r.n;
+  const double volume = r.volume;
+  const Curve& breath = r.breath;
+  std::vector<double>& aperiodic = r.aperiodic;
+  double* periodic = r.periodic;
   double* y = periodic;
   double x = 1.0;
   if (flags.number('X', &x) && x != 1.0) {
@@ -769,47 +934,7 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   }
 
   // 5. The formant correction, unless N.
-  if (!flags.has('N')) {
-    int32_t formantFactor = 1, lowBand = 0;
-    double fce = 100.0;
-    flags.integer('F', &formantFactor);
-    flags.integer('L', &lowBand);
-    flags.number('f', &fce);
-    int32_t low = static_cast<int32_t>(1024.0 / SampleRateOut * noteFrequency * formantFactor + 0.5);
-    if (lowBand >= 1) low = 4 * lowBand;
-    low = std::clamp(low, 0, 35);
-    const double gen = std::pow(10.0, gFlag / 200.0);
-    log_printf(5, "filter low=%0.3lfHz factor=%d gen=%0.2lf fce=%0.2lf \n",
-               static_cast<double>(low * (SampleRateOut / 1024)), low, gen, fce / 100.0);
-    SpectrumTable spectrum;
-    if (GetSpectrum(path, sample.words, loadedFrames, sample.stride, rateIn, table, tableLast + 1, average, &spectrum)) {
-      FormantStage stage;
-      stage.input = &spectrum;
-      stage.inputPositions = std::move(readAt);
-      stage.readScale = std::move(readScale);
-      stage.rateOut = SampleRateOut;
-      stage.lowBin = low;
-      stage.gen = gen;
-      stage.fce = fce / 100.0;
-      stage.keep = yFlag;
-      std::vector<double> genCurve, eqStrength;
-      if (gfactors.present) {
-        genCurve.resize(static_cast<size_t>(n));
-        for (int32_t k = 0; k < n; ++k) genCurve[static_cast<size_t>(k)] = gfactors.at(k);
-        stage.genCurve = &genCurve;
-      }
-      double equalizer[512];
-      if (parseEqualizer(equalizerText, equalizer)) {
-        stage.equalizer = equalizer;
-        if (eqzparams.present) {
-          eqStrength.resize(static_cast<size_t>(n));
-          for (int32_t k = 0; k < n; ++k) eqStrength[static_cast<size_t>(k)] = eqzparams.at(k);
-          stage.equalizerStrength = &eqStrength;
-        }
-      }
-      CorrectFormant(stage, y, aperiodic.data(), n);
-    }
-  }
+  if (!flags.has('N')) correctFormants(r);
 
   double strength = 0.0;
   if (flags.number('C', &strength)) smooth(std::clamp(strength / 100.0, 0.0, 1.0), 1);
@@ -834,8 +959,31 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   const double gain = std::pow(16384.0 / peak, normalise / 100.0) * volume;
   for (int32_t k = 0; k < n; ++k) y[k] *= gain;
 
-  if (outCount != nullptr) *outCount = n;
-  return periodic;
+}
+
+}  // namespace
+
+double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* outCount, float tempo,
+               ResampError* error) {
+  ResampError ignored;
+  ResampError& failure = error != nullptr ? *error : ignored;
+  failure = ResampError::kNone;
+  if (outCount != nullptr) *outCount = 0;
+  if (path == nullptr || note == nullptr) {
+    failure = ResampError::kLoad;
+    return nullptr;
+  }
+  Resampling r(path, note, lengthMs, tempo);
+  failure = setUp(r);
+  if (failure != ResampError::kNone) return nullptr;
+  makePitchCurve(r);
+  readEnvironment(r);
+  if (!stretchAndShift(r)) return nullptr;
+  postProcess(r);
+  if (outCount != nullptr) *outCount = r.n;
+  double* out = r.periodic;
+  r.periodic = nullptr;
+  return out;
 }
 
 int32_t render(const char* path, const char* outPath, const NoteData* note, float lengthMs, float tempo) {
