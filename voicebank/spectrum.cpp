@@ -17,6 +17,8 @@ constexpr uint32_t kVersion = 1;
 constexpr size_t kHeadBytes = 28;
 constexpr int32_t kHalf = kSpectrumFftSize / 2;  // 512
 constexpr double kFloor = 1e-9;                  // amplitude floor of the log spectrum
+// The longest table read: 25 minutes of a 44.1 kHz sample.
+constexpr uint32_t kMaxFrames = 1u << 18;
 
 void put32(uint8_t* at, uint32_t v) {
   at[0] = static_cast<uint8_t>(v);
@@ -154,7 +156,7 @@ bool readSpectrumFile(const std::string& bytes, int32_t rate, int32_t frames, Sp
   const uint32_t fileRate = get32(head + 12), fileFrames = get32(head + 24);
   if (rate > 0 && fileRate != static_cast<uint32_t>(rate)) return false;
   if (frames > 0 && fileFrames != static_cast<uint32_t>(frames)) return false;
-  if (fileRate == 0 || fileRate > 1000000 || fileFrames == 0 || fileFrames > (1u << 24)) return false;
+  if (fileRate == 0 || fileRate > 1000000 || fileFrames == 0 || fileFrames > kMaxFrames) return false;
   const uint64_t values = static_cast<uint64_t>(fileFrames) * kSpectrumBins;
   if (bytes.size() != kHeadBytes + values * 4) return false;
   SpectrumTable table;
@@ -177,7 +179,7 @@ bool readSpectrumFile(const char* path, int32_t rate, int32_t frames, SpectrumTa
   if (file == nullptr) return false;
   std::string bytes;
   // Never more than the largest table a sample of this length can have.
-  const uint64_t limit = kHeadBytes + static_cast<uint64_t>(frames > 0 ? frames : (1 << 20)) * kSpectrumBins * 4;
+  const uint64_t limit = kHeadBytes + static_cast<uint64_t>(frames > 0 ? frames : kMaxFrames) * kSpectrumBins * 4;
   char chunk[65536];
   size_t got;
   while ((got = fread(chunk, 1, sizeof chunk, file)) > 0) {
