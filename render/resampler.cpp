@@ -624,6 +624,75 @@ void readEnvironment(Resampling& r) {
 
 }
 
+// The aperiodic (breath) part: a 1024-point analysis of the difference of
+// the signal half a period before and after the read point at every new
+// input frame, and a phase-vocoder resynthesis every 256 output samples.
+struct AperiodicPart {
+  // Per bin: magnitude, phase advance and last analysed phase, and the
+  // accumulated phase of the resynthesis, as unit phasors (all start at 0).
+  std::vector<double> magnitude = std::vector<double>(kBins, 0.0);
+  std::vector<double> advanceRe = std::vector<double>(kBins, 1.0), advanceIm = std::vector<double>(kBins, 0.0);
+  std::vector<double> lastRe = std::vector<double>(kBins, 1.0), lastIm = std::vector<double>(kBins, 0.0);
+  std::vector<double> phaseRe = std::vector<double>(kBins, 1.0), phaseIm = std::vector<double>(kBins, 0.0);
+  std::vector<double> binRe = std::vector<double>(kBins + 1), binIm = std::vector<double>(kBins + 1);
+  std::vector<double> re = std::vector<double>(kFftSize), behind = std::vector<double>(kFftSize),
+                      ahead = std::vector<double>(kFftSize);
+
+  // The analysis around read position p, reads `sigma` input samples apart.
+  void analyse(const Sample& sample, double p, double period, double sigma) {
+    const Windows& win = windows();
+    const FftTables& fft = fftTables();
+    const double width = std::max(sigma, 1.0) * 1.03125;
+    const double x = p - 512 * sigma;
+    sample.readRun(x - period / 2.0, sigma, kFftSize, width, behind.data());
+    sample.readRun(x + period / 2.0, sigma, kFftSize, width, ahead.data());
+    for (int m = 0; m < kFftSize; ++m) {
+      re[static_cast<size_t>(m)] = (behind[static_cast<size_t>(m)] - ahead[static_cast<size_t>(m)]) * win.sine[m];
+    }
+    fftRealForward(re.data(), kFftSize, binRe.data(), binIm.data(), fft.cosTable, fft.sinTable);
+    // Each bin's magnitude, and its phase advance since the last analysis
+    // as a unit phasor (the new phase's phasor times the conjugate of the
+    // old one): angles without atan2, sine or cosine.
+    for (int k = 0; k < kBins; ++k) {
+      const double a = binRe[static_cast<size_t>(k)], b = binIm[static_cast<size_t>(k)];
+      const double length = std::sqrt(a * a + b * b);
+      magnitude[static_cast<size_t>(k)] = length / 2.0;
+      const double ur = length > 0.0 ? a / length : 1.0, ui = length > 0.0 ? b / length : 0.0;
+      const double lr = lastRe[static_cast<size_t>(k)], li = lastIm[static_cast<size_t>(k)];
+      advanceRe[static_cast<size_t>(k)] = ur * lr + ui * li;
+      advanceIm[static_cast<size_t>(k)] = ui * lr - ur * li;
+      lastRe[static_cast<size_t>(k)] = ur;
+      lastIm[static_cast<size_t>(k)] = ui;
+    }
+  }
+
+  // Each bin's accumulated phase moves on by its advance (a rotation of its
+  // phasor, kept at unit length), and the real part of the inverse
+  // transform of the half spectrum is added into out around sample i.
+  void resynthesise(int32_t i, double gain, double* out, int32_t n) {
+    const Windows& win = windows();
+    const FftTables& fft = fftTables();
+    for (int k = 0; k < kBins; ++k) {
+      const size_t b = static_cast<size_t>(k);
+      const double zr = phaseRe[b] * advanceRe[b] - phaseIm[b] * advanceIm[b];
+      const double zi = phaseRe[b] * advanceIm[b] + phaseIm[b] * advanceRe[b];
+      const double norm = 1.0 / std::sqrt(zr * zr + zi * zi);
+      phaseRe[b] = zr * norm;
+      phaseIm[b] = zi * norm;
+      // Re(ifft of the bins 0..512 alone) is the inverse of the mirrored
+      // spectrum with the inner bins halved and the two ends real.
+      const double scale = (k == 0 || k == kBins - 1) ? 1.0 : 0.5;
+      binRe[b] = magnitude[b] * phaseRe[b] * scale;
+      binIm[b] = (k == 0 || k == kBins - 1) ? 0.0 : magnitude[b] * phaseIm[b] * scale;
+    }
+    fftRealInverse(binRe.data(), binIm.data(), kFftSize, re.data(), fft.cosTable, fft.sinTable);
+    for (int m = 0; m < kFftSize; ++m) {
+      const int32_t at = i - 512 + m;
+      if (at >= 0 && at < n) out[at] += re[static_cast<size_t>(m)] * win.sine[m] * gain;
+    }
+  }
+};
+
 // The periodic part, sample by sample: the read position advanced through
 // the consonant and the stretched rest, the pitch moved by a
 // period-synchronous two-tap crossfade; and the aperiodic part analysed at
@@ -632,7 +701,6 @@ void readEnvironment(Resampling& r) {
 bool stretchAndShift(Resampling& r) {
   const NoteData* note = r.note;
   const Windows& win = windows();
-  const FftTables& fft = fftTables();
   const Sample& sample = r.sample;
   const double* table = r.table;
   const int32_t n = r.n, lead = r.lead, start = r.start, rateIn = r.rateIn, tableLast = r.tableLast;
@@ -653,12 +721,7 @@ bool stretchAndShift(Resampling& r) {
   }
   std::vector<double>& aperiodic = r.aperiodic;
   double* periodic = r.periodic;
-  // Per bin: magnitude, phase advance and last analysed phase, and the
-  // accumulated phase of the resynthesis, as unit phasors (all start at 0).
-  std::vector<double> magnitude(kBins, 0.0), advanceRe(kBins, 1.0), advanceIm(kBins, 0.0);
-  std::vector<double> lastRe(kBins, 1.0), lastIm(kBins, 0.0), phaseRe(kBins, 1.0), phaseIm(kBins, 0.0);
-  std::vector<double> binRe(kBins + 1), binIm(kBins + 1);
-  std::vector<double> re(kFftSize), behind(kFftSize), ahead(kFftSize);
+  AperiodicPart breathy;
 
   // Where each 256th output sample was read from, and at what pitch: the
   // formant stage looks the input's envelope up there.
@@ -709,29 +772,7 @@ bool stretchAndShift(Resampling& r) {
     if (j != analysedFrame) {
       log_printf(6, "%d -> %d  \r", j, i / 256);
       analysedFrame = j;
-      const double sigma = ratio * analysisFactor;
-      const double width = std::max(sigma, 1.0) * 1.03125;
-      const double x = p - 512 * sigma;
-      sample.readRun(x - period / 2.0, sigma, kFftSize, width, behind.data());
-      sample.readRun(x + period / 2.0, sigma, kFftSize, width, ahead.data());
-      for (int m = 0; m < kFftSize; ++m) {
-        re[static_cast<size_t>(m)] = (behind[static_cast<size_t>(m)] - ahead[static_cast<size_t>(m)]) * win.sine[m];
-      }
-      fftRealForward(re.data(), kFftSize, binRe.data(), binIm.data(), fft.cosTable, fft.sinTable);
-      // Each bin's magnitude, and its phase advance since the last analysis
-      // as a unit phasor (the new phase's phasor times the conjugate of the
-      // old one): angles without atan2, sine or cosine.
-      for (int k = 0; k < kBins; ++k) {
-        const double a = binRe[static_cast<size_t>(k)], b = binIm[static_cast<size_t>(k)];
-        const double length = std::sqrt(a * a + b * b);
-        magnitude[static_cast<size_t>(k)] = length / 2.0;
-        const double ur = length > 0.0 ? a / length : 1.0, ui = length > 0.0 ? b / length : 0.0;
-        const double lr = lastRe[static_cast<size_t>(k)], li = lastIm[static_cast<size_t>(k)];
-        advanceRe[static_cast<size_t>(k)] = ur * lr + ui * li;
-        advanceIm[static_cast<size_t>(k)] = ui * lr - ur * li;
-        lastRe[static_cast<size_t>(k)] = ur;
-        lastIm[static_cast<size_t>(k)] = ui;
-      }
+      breathy.analyse(sample, p, period, ratio * analysisFactor);
     }
 
     // 4. The target frequency and the shift.
@@ -781,33 +822,9 @@ bool stretchAndShift(Resampling& r) {
     periodic[i] = value;
     if (gfactors.present) analysisFactor = 1.0 / gfactors.at(i);
 
-    // 10. Every 256 samples, resynthesise the aperiodic part: each bin's
-    // accumulated phase moves on by its advance (a rotation of its phasor,
-    // kept at unit length), and the real part of the inverse transform of
-    // the half spectrum is added in.
-    if (i % kResynthesisStep == 0) {
-      for (int k = 0; k < kBins; ++k) {
-        const size_t b = static_cast<size_t>(k);
-        const double zr = phaseRe[b] * advanceRe[b] - phaseIm[b] * advanceIm[b];
-        const double zi = phaseRe[b] * advanceIm[b] + phaseIm[b] * advanceRe[b];
-        const double norm = 1.0 / std::sqrt(zr * zr + zi * zi);
-        phaseRe[b] = zr * norm;
-        phaseIm[b] = zi * norm;
-        // Re(ifft of the bins 0..512 alone) is the inverse of the mirrored
-        // spectrum with the inner bins halved and the two ends real.
-        const double scale = (k == 0 || k == kBins - 1) ? 1.0 : 0.5;
-        binRe[b] = magnitude[b] * phaseRe[b] * scale;
-        binIm[b] = (k == 0 || k == kBins - 1) ? 0.0 : magnitude[b] * phaseIm[b] * scale;
-      }
-      fftRealInverse(binRe.data(), binIm.data(), kFftSize, re.data(), fft.cosTable, fft.sinTable);
-      const double gain = 0.5 * f / target;
-      for (int m = 0; m < kFftSize; ++m) {
-        const int32_t at = i - 512 + m;
-        if (at >= 0 && at < n) aperiodic[static_cast<size_t>(at)] += re[static_cast<size_t>(m)] * win.sine[m] * gain;
-      }
-    }
+    // 10. Every 256 samples, resynthesise the aperiodic part.
+    if (i % kResynthesisStep == 0) breathy.resynthesise(i, 0.5 * f / target, aperiodic.data(), n);
   }
-
   return true;
 }
 
