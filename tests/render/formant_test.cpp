@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "render/resampler.h"
+#include "tests/render/vowel_note.h"
 #include "tests/testutil.h"
 #include "tests/voicebank/voice_signal.h"
 #include "voicebank/pitch.h"
@@ -192,18 +193,7 @@ class Formant : public ::testing::Test {
     delete path_;
     delete folder_;
   }
-  void SetUp() override {
-    memset(&entry_, 0, sizeof entry_);
-    entry_.offset = 100.0f;
-    entry_.blank = 100.0f;
-    memset(&note_, 0, sizeof note_);
-    strcpy(note_.Lyric, "a");
-    note_.NoteNum = 57;
-    note_.Velocity = 100.0f;
-    note_.Intensity = 100;
-    note_.Modulation = 100;
-    note_.VoiceFile = entry_.filename;
-  }
+  void SetUp() override { setUpVowelNote(&entry_, &note_); }
   std::vector<double> render(int note, const char* flags) {
     note_.NoteNum = static_cast<int16_t>(note);
     strcpy(note_.Flags, flags);
@@ -303,18 +293,7 @@ TEST_F(Formant, GMovesTheResonancesByItsFactor) {
 }
 
 TEST_F(Formant, ThePitchIsLeftAlone) {
-  auto pitchOf = [](const std::vector<double>& out) {
-    std::vector<int16_t> words(out.size());
-    for (size_t k = 0; k < out.size(); ++k) words[k] = static_cast<int16_t>(std::clamp(out[k], -32767.0, 32767.0));
-    double* amplitudes = nullptr;
-    double average = 0.0;
-    const int32_t frames = static_cast<int32_t>(words.size());
-    double* f = bcfGetFrequencyList(&amplitudes, &average, frames, frames / 256, 44100, 1, words.data(), "");
-    free(f);
-    free(amplitudes);
-    return average;
-  };
-  const double with = pitchOf(render(64, "")), without = pitchOf(render(64, "N"));
+  const double with = averagePitch(render(64, "")), without = averagePitch(render(64, "N"));
   EXPECT_LT(std::fabs(1200.0 * std::log2(with / without)), 2.0);
 }
 

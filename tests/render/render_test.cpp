@@ -13,6 +13,7 @@
 #include "render/cache.h"
 #include "render/wavefile.h"
 #include "tests/engine/notes.h"
+#include "tests/render/vowel_note.h"
 #include "tests/testutil.h"
 #include "tests/voicebank/bank.h"
 #include "tests/voicebank/voice_signal.h"
@@ -74,14 +75,7 @@ class Render : public ::testing::Test {
   }
   static double pitchAround(const std::vector<int16_t>& mix, double fromMs, double toMs) {
     const int32_t first = static_cast<int32_t>(fromMs * 44.1), last = static_cast<int32_t>(toMs * 44.1);
-    std::vector<int16_t> part(mix.begin() + first, mix.begin() + last);
-    double* amplitudes = nullptr;
-    double average = 0.0;
-    const int32_t frames = static_cast<int32_t>(part.size());
-    double* f = bcfGetFrequencyList(&amplitudes, &average, frames, frames / 256, 44100, 1, part.data(), "");
-    free(f);
-    free(amplitudes);
-    return average;
+    return averagePitch(std::vector<int16_t>(mix.begin() + first, mix.begin() + last));
   }
 
   static TestBank* bank_;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "render/wavefile.h"
+#include "tests/render/vowel_note.h"
 #include "tests/testutil.h"
 #include "tests/voicebank/voice_signal.h"
 #include "voicebank/pitch.h"
@@ -35,18 +36,7 @@ class Resampler : public ::testing::Test {
     delete path_;
     delete folder_;
   }
-  void SetUp() override {
-    memset(&entry_, 0, sizeof entry_);
-    entry_.offset = 100.0f;
-    entry_.blank = 100.0f;
-    memset(&note_, 0, sizeof note_);
-    strcpy(note_.Lyric, "a");
-    note_.NoteNum = 57;
-    note_.Velocity = 100.0f;
-    note_.Intensity = 100;
-    note_.Modulation = 100;
-    note_.VoiceFile = entry_.filename;
-  }
+  void SetUp() override { setUpVowelNote(&entry_, &note_); }
   std::vector<double> render(float lengthMs, ResampError* error = nullptr) {
     int32_t count = 0;
     double* values = resamp(path_->c_str(), &note_, lengthMs, &count, 120.0f, error);
