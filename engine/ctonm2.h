@@ -163,6 +163,9 @@ class ctonm2 {
   // 44-byte WAVE header and 4 zero bytes) and 16-bit mono samples at 44100
   // Hz; *size receives its RIFF size (the block is size + 8 bytes). Null
   // when nothing sounds or memory ran out. Both free the pitch curves.
+  // Both place the notes alike: a whole song (first 0) with its lead-in, a
+  // range from the middle with its first note at the lead, which leaves
+  // room for the range's consonants (render/drivers.cpp, Extent).
   typedef void (*Progress)(void* context, int32_t done, int32_t total);
   // Notes first..last on min(threads, 8) workers, dealt round-robin.
   uint8_t* render_number_by_thread(int32_t first, int32_t last, int32_t* size, int32_t threads, Progress progress);

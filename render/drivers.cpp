@@ -51,21 +51,43 @@ void writeHeader(uint8_t* block, int32_t samples) {
 }
 
 // The render's length in msec and how many notes sound.
+// Where the notes of a render go. A whole song keeps its own lead-in: a
+// note sits at the lead plus the _delta of every note up to and including
+// it, the lead being the room the first note's pre-utterance needs beyond
+// its _delta. A range from the middle of a song starts at its first note:
+// that note sits at the lead (the _delta before it is left out, `skip`),
+// and the lead is the room the range's consonants need before time 0, so
+// that no note's sample starts before the mix.
 struct Extent {
   double lead = 0.0;
+  double skip = 0.0;  // the first note's _delta, for a range from the middle
   double length = 0.0;
   int32_t sounding = 0;
+  // The position of the first note's predecessor: every note is at this
+  // plus the _delta of every note of the range up to and including it.
+  double origin() const { return lead - skip; }
 };
 
 Extent extentOf(const ctonm2& engine, int32_t first, int32_t last) {
   Extent extent;
   const NoteData& head = engine.notes[first];
-  if (head._preuttr > head._delta) extent.lead = head._preuttr - head._delta;
+  if (first == 0) {
+    if (head._preuttr > head._delta) extent.lead = head._preuttr - head._delta;
+  } else {
+    extent.skip = head._delta;
+    double offset = 0.0;
+    for (int32_t i = first; i <= last; ++i) {
+      if (i > first) offset += engine.notes[i]._delta;
+      if (!ctonm2::is_r(engine.notes[i].Lyric)) {
+        extent.lead = std::max<double>(extent.lead, engine.notes[i]._preuttr - offset);
+      }
+    }
+  }
   double running = 0.0;
   for (int32_t i = first; i <= last; ++i) {
     const NoteData& note = engine.notes[i];
     running += note._delta;
-    extent.length = std::max(extent.length, extent.lead + running + note._notelen);
+    extent.length = std::max(extent.length, extent.origin() + running + note._notelen);
     if (!ctonm2::is_r(note.Lyric)) ++extent.sounding;
   }
   return extent;
@@ -131,9 +153,9 @@ void* workerMain(void* argument) {
   for (int32_t i = w.first; i <= w.last; ++i) {
     if (engine.renderState.load() == 2) break;
     const NoteData& note = engine.notes[i];
-    // Every worker walks every note to keep the position: the lead plus
+    // Every worker walks every note to keep the position: the origin plus
     // the _delta of every note up to this one, the timeline the render's
-    // length is measured on (so the first note's consonant is not cut).
+    // length is measured on (so no consonant is cut; see Extent).
     position += note._delta;
     if (note.Tempo != 0.0f) t = note.Tempo;
     if (ctonm2::is_r(note.Lyric) || i % Thread_N != w.number) continue;
@@ -230,7 +252,7 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
     w.mix = mix;
     w.first = first;
     w.last = last;
-    w.start = extent.lead;
+    w.start = extent.origin();
     w.tempo = startTempo;
     w.progress = progress;
     w.done = &done;
@@ -302,7 +324,7 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
   const bool playing = playTrigger != nullptr;
   const bool useCache = cacheGet != nullptr || cachePut != nullptr;
 
-  double position = extent.lead;
+  double position = extent.origin();
   float t = tempoBefore(*this, first);
   double rendered = 0.0;  // msec of audio rendered
   int32_t done = 0;

@@ -123,6 +123,39 @@ TEST_F(Render, MixLengthOnsetsAndPitches) {
   for (int32_t k = silentFrom; k < static_cast<int32_t>(mix.size()); ++k) ASSERT_EQ(mix[k], 0) << k;
 }
 
+// A range from the middle of the song starts at its first note: on both
+// drivers that note sits at the lead (its pre-utterance, 40 msec), so its
+// consonant starts the mix, and the later notes follow at their distances.
+TEST_F(Render, ARangeFromTheMiddleStartsWithItsFirstNote) {
+  buildSong();
+  std::vector<std::vector<int16_t>> mixes;
+  for (int driver = 0; driver < 2; ++driver) {
+    SCOPED_TRACE(driver);
+    prepare();
+    int32_t size = 0;
+    Block block(driver == 0 ? engine_.render_number_by_thread(2, 5, &size, 2, nullptr)
+                            : engine_.render_number_with_progress(2, 5, &size, nullptr, 0.0, 0.0));
+    ASSERT_NE(block, nullptr);
+    const std::vector<int16_t> mix = samplesOf(block.get(), size);
+    // The range lasts from the lead to the end of its last note.
+    EXPECT_NEAR(mix.size() / 44.1, 40.0 + 1200.0 + 300.0, 1.0);
+    int64_t firstSound = 0;
+    while (firstSound < static_cast<int64_t>(mix.size()) && mix[firstSound] == 0) ++firstSound;
+    EXPECT_LE(firstSound, 2);  // the consonant at the start, nothing cut
+    // "i" (note 60) in its own place, "a" (note 64) 600 msec later.
+    EXPECT_NEAR(cents(pitchAround(mix, 40.0 + 80.0, 40.0 + 320.0), num2freq(60)), 0.0, 15.0);
+    // After the rest, the second note's audio starts at its place less its
+    // pre-utterance.
+    const int64_t second = static_cast<int64_t>(std::trunc((640.0 - 40.0) * 0.001 * 44100.0 + 0.5));
+    int64_t nextSound = second - 200;
+    while (nextSound < static_cast<int64_t>(mix.size()) && mix[nextSound] == 0) ++nextSound;
+    EXPECT_NEAR(static_cast<double>(nextSound), static_cast<double>(second), 2.0);
+    EXPECT_NEAR(cents(pitchAround(mix, 640.0 + 80.0, 640.0 + 320.0), num2freq(64)), 0.0, 15.0);
+    mixes.push_back(mix);
+  }
+  EXPECT_EQ(mixes[0], mixes[1]);
+}
+
 TEST_F(Render, SameBytesOnAnyNumberOfThreadsAndEveryRun) {
   // Loud notes that overlap: additions that clip, where their order would show.
   for (int i = 0; i < 16; ++i) {
