@@ -37,6 +37,7 @@ std::string resolveVoiceBank(const std::string& project, const std::string& name
   const std::string projectFolder = cut == std::string::npos ? "." : project.substr(0, cut == 0 ? 1 : cut);
   const std::string userBanks = userFolder(UserFolder::kVoice);
   if (fromElsewhere != nullptr) *fromElsewhere = false;
+  if (bank.empty() || bank == "/") return std::string();
   if (bank.compare(0, 7, "%VOICE%") == 0) {
     // The user's voice bank folder, as other tools write it.
     bank = userBanks + "/" + bank.substr(7);

@@ -8,7 +8,8 @@ class CNoteMan;
 // The folder a project's voice folder text names: "%VOICE%NAME" and a
 // bare NAME among the user's banks (a bare name beside the project
 // first), a Windows path by its last folder, a relative one from the
-// project's folder. *fromElsewhere (optional) tells a Windows path.
+// project's folder. *fromElsewhere (optional) tells a Windows path. ""
+// when none is named (an empty "VoiceDir=" reads as "/").
 std::string resolveVoiceBank(const std::string& project, const std::string& named, bool* fromElsewhere);
 
 // Reads the bank named by `option` (when given) or by the project, a

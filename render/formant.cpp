@@ -29,6 +29,21 @@ double sampleAt(const std::vector<double>& perHop, double i) {
   return perHop[k] + (perHop[k + 1] - perHop[k]) * (at - static_cast<double>(k));
 }
 
+// The transform's tables and the sine window, made once.
+struct Tables {
+  std::vector<double> cosTable = std::vector<double>(kSize), sinTable = std::vector<double>(kSize);
+  std::vector<double> window = std::vector<double>(kSize);
+  Tables() {
+    calc_cossin(kSize, cosTable.data(), sinTable.data());
+    for (int32_t k = 0; k < kSize; ++k) window[static_cast<size_t>(k)] = std::sin(M_PI * (k + 0.5) / kSize);
+  }
+};
+
+const Tables& formantTables() {
+  static const Tables tables;
+  return tables;
+}
+
 }  // namespace
 
 bool parseEqualizer(const char* text, double* gains512) {
@@ -57,9 +72,10 @@ void CorrectFormant(const FormantStage& stage, double* y, double* aperiodic, int
   if (strength == 0.0 && stage.equalizer == nullptr) return;  // nothing would change
   // Without an equalizer the aperiodic buffer's gains are all 1.
   if (stage.equalizer == nullptr) aperiodic = nullptr;
-  std::vector<double> cosTable(kSize), sinTable(kSize), window(kSize);
-  calc_cossin(kSize, cosTable.data(), sinTable.data());
-  for (int32_t k = 0; k < kSize; ++k) window[static_cast<size_t>(k)] = std::sin(M_PI * (k + 0.5) / kSize);
+  const Tables& tables = formantTables();
+  const std::vector<double>& cosTable = tables.cosTable;
+  const std::vector<double>& sinTable = tables.sinTable;
+  const std::vector<double>& window = tables.window;
   std::vector<double> x(kSize), re(kSize + 2), im(kSize + 2), gain(kHalf + 1), equalized(kHalf + 1);
   std::vector<double> row(kSpectrumBins);
   std::vector<double> outY(static_cast<size_t>(n), 0.0), outA(static_cast<size_t>(n), 0.0);

@@ -66,9 +66,8 @@ bool EditorDocument::open(const QString& path, QString* error, QString* warning)
   path_ = QFileInfo(path).absoluteFilePath();
   const std::string named = engine().voiceDir;
   bool elsewhere = false;
-  // An empty VoiceDir= reads as "/": no bank named.
-  const bool none = named.empty() || named == "/";
-  const std::string bank = none ? std::string() : resolveVoiceBank(file, named, &elsewhere);
+  const std::string bank = resolveVoiceBank(file, named, &elsewhere);
+  const bool none = bank.empty();
   engine().set_voiceDir(bank.c_str());
   if (!bank.empty()) notes().readVoiceset();
   if (warning != nullptr) {

@@ -36,8 +36,6 @@ Player::~Player() {
   CAudioOut::on_play_stop = nullptr;
 }
 
-QString Player::deviceName() const { return output_ != nullptr ? QString::fromUtf8(output_->deviceName()) : QString(); }
-
 bool Player::openDevice(QString* error) {
   if (output_ != nullptr) return true;
   std::string reason;
@@ -78,8 +76,6 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
   fromMs_ = notes.Ticks2MSec(fromTick);
   loop_ = loop;
   paused_ = false;
-  wasWaiting_ = false;
-  waits_ = 0;
   timer_.start();
   emit stateChanged();
   return true;
@@ -164,9 +160,6 @@ void Player::finish() {
 void Player::poll() {
   if (document_ == nullptr) return;
   CAudioOut::reclaim();
-  const bool waiting = output_ != nullptr && output_->waiting();
-  if (waiting && !wasWaiting_) ++waits_;
-  wasWaiting_ = waiting;
   ctonm2& engine = document_->engine();
   const bool rendering = engine.renderState.load() != 0;
   if ((started && stopped) || (!rendering && !started)) {

@@ -44,12 +44,8 @@ class Player : public QObject {
 
   bool active() const { return document_ != nullptr; }
   bool paused() const { return paused_; }
-  bool looping() const { return loop_; }
   void setLooping(bool loop) { loop_ = loop; }
   EditorDocument* document() const { return document_; }
-  // Times playback had to wait for the render since play started.
-  int waits() const { return waits_; }
-  QString deviceName() const;
 
  signals:
   // tick -1: stopped.
@@ -72,6 +68,4 @@ class Player : public QObject {
   double fromMs_ = 0.0;
   bool loop_ = false;
   bool paused_ = false;
-  bool wasWaiting_ = false;
-  int waits_ = 0;
 };

@@ -106,15 +106,6 @@ void RollEditor::showPlayback(int64_t tick, int singing, int64_t renderedFrom, i
   }
 }
 
-void RollEditor::ensureVisible(int64_t tick, int note) {
-  const double x = scale_->tickToX(static_cast<double>(tick));
-  if (x < 0 || x > roll_->width() - 20) horizontal_->setValue(static_cast<int>(x + scale_->scrollX() - 40));
-  const int y = scale_->noteToY(note);
-  if (y < 0 || y > roll_->height() - scale_->rowHeight()) {
-    vertical_->setValue(y + scale_->scrollY() - roll_->height() / 2);
-  }
-}
-
 void RollEditor::showSongStart() {
   const ctonm2& engine = document_->engine();
   int low = 127, high = 0;

@@ -36,8 +36,6 @@ class RollEditor : public QWidget {
   void showPlayback(int64_t tick, int singing, int64_t renderedFrom, int64_t renderedTo);
   // Shows the start of the song with its notes' range in the middle.
   void showSongStart();
-  // Scrolls so that the note `note` at `tick` is in view.
-  void ensureVisible(int64_t tick, int note);
 
  public slots:
   void zoomIn();
