@@ -1,7 +1,5 @@
 #include "render/resampler.h"
 
-#include "render/formant.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -153,8 +151,15 @@ class ReadKernel {
   static constexpr int kPerUnit = 1024;
   static constexpr int kHalfWidth = 4;
 
-  ReadKernel() : table_(2 * kHalfWidth * kPerUnit + 2) {
-    for (size_t k = 0; k < table_.size(); ++k) table_[k] = direct(static_cast<double>(k) / kPerUnit - kHalfWidth);
+  // Each point is kept with its slope to the next, side by side: one cache
+  // line per tap, and the slope is the difference at() used to take.
+  ReadKernel() : table_(2 * (2 * kHalfWidth * kPerUnit + 1)) {
+    std::vector<double> points(2 * kHalfWidth * kPerUnit + 2);
+    for (size_t k = 0; k < points.size(); ++k) points[k] = direct(static_cast<double>(k) / kPerUnit - kHalfWidth);
+    for (size_t k = 0; k + 1 < points.size(); ++k) {
+      table_[2 * k] = points[k];
+      table_[2 * k + 1] = points[k + 1] - points[k];
+    }
   }
   static double direct(double v) {
     const double u = v * kPi;
@@ -164,7 +169,7 @@ class ReadKernel {
     const double position = (v + kHalfWidth) * kPerUnit;
     const size_t k = static_cast<size_t>(position);
     const double e = position - static_cast<double>(k);
-    return table_[k] + (table_[k + 1] - table_[k]) * e;
+    return table_[2 * k] + table_[2 * k + 1] * e;
   }
 
  private:
@@ -197,6 +202,45 @@ struct Sample {
       if (j >= 0 && j < frames) sum += words[j * stride] * w;
     }
     return weights != 0.0 ? sum / weights : 0.0;
+  }
+
+  // read(xa, r) and read(xb, r) at once, for two points well inside the
+  // sample: the two sums run side by side, each in read's order.
+  void readPair(double xa, double xb, double r, double* a, double* b) const {
+    const int64_t firstA = static_cast<int64_t>(xa - 2.0 * r), lastA = static_cast<int64_t>(xa + 2.0 * r);
+    const int64_t firstB = static_cast<int64_t>(xb - 2.0 * r), lastB = static_cast<int64_t>(xb + 2.0 * r);
+    if (xa - 2.0 * r < 0.0 || xb - 2.0 * r < 0.0 || lastA >= frames || lastB >= frames) {
+      *a = read(xa, r);
+      *b = read(xb, r);
+      return;
+    }
+    const ReadKernel& kernel = readKernel();
+    const double inverse = 1.0 / r;
+    const int64_t tapsA = lastA - firstA + 1, tapsB = lastB - firstB + 1;
+    const int16_t* atA = words + firstA * stride;
+    const int16_t* atB = words + firstB * stride;
+    double sumA = 0.0, weightsA = 0.0, sumB = 0.0, weightsB = 0.0;
+    int64_t t = 0;
+    for (; t < tapsA && t < tapsB; ++t) {
+      const double wA = kernel.at((static_cast<double>(firstA + t) - xa) * inverse);
+      const double wB = kernel.at((static_cast<double>(firstB + t) - xb) * inverse);
+      weightsA += wA;
+      sumA += atA[t * stride] * wA;
+      weightsB += wB;
+      sumB += atB[t * stride] * wB;
+    }
+    for (int64_t u = t; u < tapsA; ++u) {
+      const double w = kernel.at((static_cast<double>(firstA + u) - xa) * inverse);
+      weightsA += w;
+      sumA += atA[u * stride] * w;
+    }
+    for (int64_t u = t; u < tapsB; ++u) {
+      const double w = kernel.at((static_cast<double>(firstB + u) - xb) * inverse);
+      weightsB += w;
+      sumB += atB[u * stride] * w;
+    }
+    *a = weightsA != 0.0 ? sumA / weightsA : 0.0;
+    *b = weightsB != 0.0 ? sumB / weightsB : 0.0;
   }
 
   // out[m] = read(x + m * spacing, r) for m = 0..count-1. When the spacing
@@ -248,11 +292,16 @@ void init_render(int32_t sampleRate) {
 
 const char* resampErrorText(ResampError error) {
   switch (error) {
-    case ResampError::kNone: return "";
-    case ResampError::kLoad: return "file load error.";
-    case ResampError::kFormat: return "file format error.(16 bit only.";
-    case ResampError::kNoFrequencies: return "no frequency table: the sample has no voiced frame.";
-    case ResampError::kNotEnoughSamples: return "Parameter error. Not enough samples.";
+    case ResampError::kNone:
+      return "";
+    case ResampError::kLoad:
+      return "file load error.";
+    case ResampError::kFormat:
+      return "file format error.(16 bit only.";
+    case ResampError::kNoFrequencies:
+      return "no frequency table: the sample has no voiced frame.";
+    case ResampError::kNotEnoughSamples:
+      return "Parameter error. Not enough samples.";
   }
   return "";
 }
@@ -426,7 +475,8 @@ ResampError setUp(Resampling& r) {
   const size_t loadedWords = static_cast<size_t>(dataBytes) / 2;
   const size_t paddedWords = static_cast<size_t>(frames + kPaddingFrames) * static_cast<size_t>(format.channels);
   const size_t blockWords = loadedWords + static_cast<size_t>(kPaddingFrames) * format.blockAlign / 2;
-  if (paddedWords <= blockWords) std::fill(sample.words + loadedWords, sample.words + paddedWords, static_cast<int16_t>(0));
+  if (paddedWords <= blockWords)
+    std::fill(sample.words + loadedWords, sample.words + paddedWords, static_cast<int16_t>(0));
   sample.frames = frames + kPaddingFrames;
 
   const char* tune = getenv("tune");
@@ -561,7 +611,6 @@ void makePitchCurve(Resampling& r) {
     }
     pitch[k] = noteFrequency * std::pow(2.0, cents / 1200.0);
   }
-
 }
 
 // The environment's curves, the expression curve and the flags read here.
@@ -621,7 +670,6 @@ void readEnvironment(Resampling& r) {
   double& yFlag = r.yFlag;
   if (flags.number('Y', &yFlag)) yFlag = std::clamp(yFlag, 0.0, 100.0) / 100.0;
   log_printf(5, "Process Started.\n");
-
 }
 
 // The aperiodic (breath) part: a 1024-point analysis of the difference of
@@ -798,8 +846,8 @@ bool stretchAndShift(Resampling& r) {
     double value;
     if (!sawtooth) {
       const double r2 = std::max(rho, 1.0) * 1.03125;
-      const double a = sample.read(p + phase * period, r2);
-      const double b = sample.read(p + phase * period - period, r2);
+      double a, b;
+      sample.readPair(p + phase * period, p + phase * period - period, r2, &a, &b);
       const double w = 0.5 + 0.5 * std::cos(phase * kPi);
       value = w * a + (1.0 - w) * b;
     } else {
@@ -975,7 +1023,6 @@ void postProcess(Resampling& r) {
   if (peak == 0.0) peak = 16384.0;
   const double gain = std::pow(16384.0 / peak, normalise / 100.0) * volume;
   for (int32_t k = 0; k < n; ++k) y[k] *= gain;
-
 }
 
 }  // namespace

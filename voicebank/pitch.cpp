@@ -15,6 +15,10 @@
 #include "voicebank/spectrum.h"
 #include "voicebank/voiceset.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace {
 
 constexpr int kTones = 901;
@@ -54,7 +58,8 @@ class SampleLine {
   SampleLine(const int16_t* samples, int32_t frames, int32_t channels)
       : frames_(std::max(frames, 0)), data_(static_cast<size_t>(frames_) + kBefore + kAfter, 0.0) {
     const int32_t stride = std::max(channels, 1);
-    for (int32_t i = 0; i < frames_; ++i) data_[static_cast<size_t>(kBefore + i)] = samples[static_cast<size_t>(i) * stride];
+    for (int32_t i = 0; i < frames_; ++i)
+      data_[static_cast<size_t>(kBefore + i)] = samples[static_cast<size_t>(i) * stride];
   }
   // Sample 0; valid from index -kBefore to frames + kAfter - 1.
   const double* origin() const { return data_.data() + kBefore; }
@@ -88,8 +93,8 @@ typedef int64_t LaneBits __attribute__((vector_size(32)));
 // the analyser: eight partial sums (two registers of four) let it run in
 // vector lanes, compiled for AVX2 where the processor has it; the order of
 // additions differs from a plain running sum only in the last bits of d.
-__attribute__((target_clones("avx2", "default")))
-void differenceValues(const double* x, int32_t c, int32_t shortest, int32_t longest, const double* w, double* d) {
+__attribute__((target_clones("avx2", "default"))) void differenceValues(const double* x, int32_t c, int32_t shortest,
+                                                                        int32_t longest, const double* w, double* d) {
   const double* frame = x + c;
   for (int32_t t = shortest; t <= longest; ++t) {
     const double* ahead = frame + t;
@@ -293,7 +298,11 @@ namespace {
 
 // Bit reversal, then butterflies; `sign` is -1 for the forward transform.
 // The tables hold n * tableStep points (a half-size transform reads every
-// other entry of the full-size tables).
+// other entry of the full-size tables). Each stage first gathers its
+// twiddle factors side by side, so that the butterflies run over
+// contiguous memory, two at a time where the machine has SSE2; every
+// butterfly does the same operations in the same order either way, so the
+// results do not depend on the path taken.
 void transform(double* re, double* im, int32_t n, const double* cosTable, const double* sinTable, double sign,
                int32_t tableStep = 1) {
   for (int32_t i = 1, j = 0; i < n; ++i) {
@@ -305,21 +314,59 @@ void transform(double* re, double* im, int32_t n, const double* cosTable, const 
       std::swap(im[i], im[j]);
     }
   }
-  for (int32_t length = 2; length <= n; length <<= 1) {
+  if (n < 2) return;
+  // The first stage: one twiddle factor, cos 0 and sin 0.
+  {
+    const double wr = cosTable[0], wi = sign * sinTable[0];
+    for (int32_t a = 0; a < n; a += 2) {
+      const int32_t b = a + 1;
+      const double tr = re[b] * wr - im[b] * wi;
+      const double ti = re[b] * wi + im[b] * wr;
+      re[b] = re[a] - tr;
+      im[b] = im[a] - ti;
+      re[a] += tr;
+      im[a] += ti;
+    }
+  }
+  thread_local std::vector<double> twiddles;
+  if (twiddles.size() < static_cast<size_t>(n)) twiddles.resize(static_cast<size_t>(n));
+  double* twr = twiddles.data();
+  double* twi = twr + n / 2;
+  for (int32_t length = 4; length <= n; length <<= 1) {
     const int32_t half = length / 2;
     const int32_t stride = n / length * tableStep;  // table step for this stage
+    for (int32_t k = 0; k < half; ++k) {
+      twr[k] = cosTable[k * stride];
+      twi[k] = sign * sinTable[k * stride];
+    }
     for (int32_t start = 0; start < n; start += length) {
-      for (int32_t k = 0; k < half; ++k) {
-        const double wr = cosTable[k * stride];
-        const double wi = sign * sinTable[k * stride];
-        const int32_t a = start + k, b = a + half;
-        const double tr = re[b] * wr - im[b] * wi;
-        const double ti = re[b] * wi + im[b] * wr;
-        re[b] = re[a] - tr;
-        im[b] = im[a] - ti;
-        re[a] += tr;
-        im[a] += ti;
+      double* ra = re + start;
+      double* ia = im + start;
+      double* rb = ra + half;
+      double* ib = ia + half;
+#if defined(__SSE2__)
+      for (int32_t k = 0; k < half; k += 2) {
+        const __m128d wr = _mm_loadu_pd(twr + k), wi = _mm_loadu_pd(twi + k);
+        const __m128d xr = _mm_loadu_pd(rb + k), xi = _mm_loadu_pd(ib + k);
+        const __m128d tr = _mm_sub_pd(_mm_mul_pd(xr, wr), _mm_mul_pd(xi, wi));
+        const __m128d ti = _mm_add_pd(_mm_mul_pd(xr, wi), _mm_mul_pd(xi, wr));
+        const __m128d ar = _mm_loadu_pd(ra + k), ai = _mm_loadu_pd(ia + k);
+        _mm_storeu_pd(rb + k, _mm_sub_pd(ar, tr));
+        _mm_storeu_pd(ib + k, _mm_sub_pd(ai, ti));
+        _mm_storeu_pd(ra + k, _mm_add_pd(ar, tr));
+        _mm_storeu_pd(ia + k, _mm_add_pd(ai, ti));
       }
+#else
+      for (int32_t k = 0; k < half; ++k) {
+        const double wr = twr[k], wi = twi[k];
+        const double tr = rb[k] * wr - ib[k] * wi;
+        const double ti = rb[k] * wi + ib[k] * wr;
+        rb[k] = ra[k] - tr;
+        ib[k] = ia[k] - ti;
+        ra[k] += tr;
+        ia[k] += ti;
+      }
+#endif
     }
   }
 }
@@ -347,8 +394,8 @@ void fftRealForward(const double* x, int32_t n, double* re, double* im, const do
     // E and O at k and at j = half - k, from Z[k] and Z[j].
     const double ekr = 0.5 * (re[k] + re[j]), eki = 0.5 * (im[k] - im[j]);
     const double okr = 0.5 * (im[k] + im[j]), oki = -0.5 * (re[k] - re[j]);
-    const double ejr = ekr, eji = -eki;  // E[j] = conj(E[k])
-    const double ojr = okr, oji = -oki;  // O[j] = conj(O[k])
+    const double ejr = ekr, eji = -eki;                // E[j] = conj(E[k])
+    const double ojr = okr, oji = -oki;                // O[j] = conj(O[k])
     const double ck = cosTable[k], sk = -sinTable[k];  // e^(-2 pi i k / n)
     const double cj = cosTable[j], sj = -sinTable[j];
     re[k] = ekr + ck * okr - sk * oki;
@@ -483,7 +530,8 @@ double* bcfGetFrequencyList(double** amplitudes, double* average, int32_t frames
       // or octave step.
       const double period = sampleRate / freq[i - 1];
       const Search s = aroundPeriod(x, lastPosition, period, w);
-      if (s.clarity() >= 0.15 && strictlyInside(s, period)) freq[lastFrame] = static_cast<double>(sampleRate) / s.period;
+      if (s.clarity() >= 0.15 && strictlyInside(s, period))
+        freq[lastFrame] = static_cast<double>(sampleRate) / s.period;
     } else if (octaveCheck && freq[i] > 0.0 && std::fabs(std::log(freq[i] / avg)) > 0.223143551) {
       lastPosition = kAnalysisStep * i;
       lastFrame = i;
@@ -529,7 +577,8 @@ void calcSplineParam(const double* values, int32_t count, double* b, double* c, 
   const double* gamma = factors.data();
   if (static_cast<size_t>(count) > factors.size()) {
     computed.assign(static_cast<size_t>(count), 0.0);
-    for (int32_t k = 1; k < count; ++k) computed[static_cast<size_t>(k)] = 1.0 / (4.0 - computed[static_cast<size_t>(k - 1)]);
+    for (int32_t k = 1; k < count; ++k)
+      computed[static_cast<size_t>(k)] = 1.0 / (4.0 - computed[static_cast<size_t>(k - 1)]);
     gamma = computed.data();
   }
   std::vector<double> m(static_cast<size_t>(count), 0.0);
@@ -614,7 +663,8 @@ double* collectFrequency(double* frequencies, const int16_t* samples, int32_t fr
     const double step = (high - low) / 256.0;
     // Both stretches must lie on the spline: a period this long only comes
     // from sample rates far above 44.1 kHz.
-    if ((kRefineLength - high) / 2.0 - 256.0 < 0.0 || (kRefineLength + high) / 2.0 - 256.0 + kAnalysisWindow + 1 > kRefineLength) {
+    if ((kRefineLength - high) / 2.0 - 256.0 < 0.0 ||
+        (kRefineLength + high) / 2.0 - 256.0 + kAnalysisWindow + 1 > kRefineLength) {
       continue;
     }
     const int32_t first = kAnalysisStep * i - 896;
@@ -691,9 +741,9 @@ int32_t generateAnlyzeFiles(const char* samplePath, int32_t options) {
   const int32_t frames = std::min<int32_t>(dataBytes / format.blockAlign, dataBytes / 2 / format.channels);
   double* amplitudes = nullptr;
   double average = 0.0;
-  double* frequencies = initFrequenciesList(&amplitudes, &average, samplePath, (options & 1) ? "G" : "-", samples,
-                                            frames, static_cast<int32_t>(format.sampleRate), format.channels, 2048,
-                                            kAnalysisStep);
+  double* frequencies =
+      initFrequenciesList(&amplitudes, &average, samplePath, (options & 1) ? "G" : "-", samples, frames,
+                          static_cast<int32_t>(format.sampleRate), format.channels, 2048, kAnalysisStep);
   // Bit 1: the spectrum file too, computed afresh.
   if ((options & 2) != 0 && frequencies != nullptr) {
     SpectrumTable spectrum;
