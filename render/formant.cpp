@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 #include "voicebank/pitch.h"
 
@@ -66,6 +67,68 @@ bool parseEqualizer(const char* text, double* gains512) {
   return true;
 }
 
+namespace {
+
+// e^x, for the gains, without a library call: x = (64 k + j) ln 2 / 64 + r
+// with |r| <= ln 2 / 128, e^x = 2^k x 2^(j / 64) x e^r, the middle factor
+// from a table and e^r by its series to r^4 (relative error under 10^-13).
+class GainExp {
+ public:
+  GainExp() {
+    for (int j = 0; j < 64; ++j) table_[j] = std::exp2(j / 64.0);
+  }
+  double operator()(double x) const {
+    constexpr double kPerLn2 = 64.0 / 0.6931471805599453;
+    constexpr double kLn2Hi = 0.6931471803691238 / 64.0, kLn2Lo = 1.9082149292705877e-10 / 64.0;
+    constexpr double kRound = 6755399441055744.0;  // 1.5 x 2^52: adding it rounds to a whole number
+    x = std::min(std::max(x, -700.0), 700.0);
+    const double shifted = x * kPerLn2 + kRound;
+    int64_t bits;
+    memcpy(&bits, &shifted, sizeof bits);
+    const int32_t m = static_cast<int32_t>(bits);  // the low word holds the rounded value
+    const double md = shifted - kRound;
+    const double r = (x - md * kLn2Hi) - md * kLn2Lo;
+    const double series = 1.0 + r * (1.0 + r * (0.5 + r * (1.0 / 6.0 + r * (1.0 / 24.0))));
+    const uint64_t power = static_cast<uint64_t>((m >> 6) + 1023) << 52;
+    double scale;
+    memcpy(&scale, &power, sizeof scale);
+    return table_[m & 63] * series * scale;
+  }
+
+ private:
+  double table_[64];
+};
+
+const GainExp& gainExp() {
+  static const GainExp exp;
+  return exp;
+}
+
+// Overlap-add in place: the frames' outputs are summed in `pending`, which
+// covers the current frame; once a frame is added, its first hop of
+// samples is complete (no later frame reaches back there) and is written
+// over the input, which no later frame reads.
+class InPlaceOverlap {
+ public:
+  InPlaceOverlap() : pending_(kSize, 0.0) {}
+  double* frame() { return pending_.data(); }
+  // Writes the complete hop of the frame starting at `from` to out, and
+  // moves on by a hop.
+  void advance(int64_t from, double* out, int32_t n) {
+    for (int32_t k = 0; k < kHop; ++k) {
+      const int64_t at = from + k;
+      if (at >= 0 && at < n) out[at] = pending_[static_cast<size_t>(k)];
+    }
+    std::copy(pending_.begin() + kHop, pending_.end(), pending_.begin());
+    std::fill(pending_.end() - kHop, pending_.end(), 0.0);
+  }
+
+ private:
+  std::vector<double> pending_;
+};
+
+}  // namespace
+
 void CorrectFormant(const FormantStage& stage, double* y, double* aperiodic, int32_t n) {
   if (stage.input == nullptr || stage.input->frames <= 0 || n <= 0 || y == nullptr) return;
   const double strength = std::max(0.0, stage.fce * (1.0 - std::clamp(stage.keep, 0.0, 1.0)));
@@ -73,33 +136,40 @@ void CorrectFormant(const FormantStage& stage, double* y, double* aperiodic, int
   // Without an equalizer the aperiodic buffer's gains are all 1.
   if (stage.equalizer == nullptr) aperiodic = nullptr;
   const Tables& tables = formantTables();
-  const std::vector<double>& cosTable = tables.cosTable;
-  const std::vector<double>& sinTable = tables.sinTable;
-  const std::vector<double>& window = tables.window;
+  const GainExp& exp = gainExp();
+  const double* cosTable = tables.cosTable.data();
+  const double* sinTable = tables.sinTable.data();
+  const double* window = tables.window.data();
   std::vector<double> x(kSize), re(kSize + 2), im(kSize + 2), gain(kHalf + 1), equalized(kHalf + 1);
-  std::vector<double> row(kSpectrumBins);
-  std::vector<double> outY(static_cast<size_t>(n), 0.0), outA(static_cast<size_t>(n), 0.0);
+  std::vector<double> row(kSpectrumBins), logEqualizer(kHalf + 1, 0.0);
+  if (stage.equalizer != nullptr) {
+    for (int32_t k = 0; k <= kHalf; ++k)
+      logEqualizer[static_cast<size_t>(k)] = std::log(stage.equalizer[std::min(k, 511)]);
+  }
+  InPlaceOverlap outY, outA;
   const double binHz = static_cast<double>(stage.rateOut) / kSize;
+  const double perBin = binHz / (stage.input->rate / 512.0);  // input bins per output bin
+  const int32_t lowBin = std::clamp(stage.lowBin, 0, kHalf + 1);
 
   // Transforms one buffer's frame, applies the gains, and adds the result
-  // back windowed; sine windows at a hop of a quarter sum to 2.
-  auto apply = [&](const double* in, int64_t from, const std::vector<double>& gains, std::vector<double>& out) {
-    for (int32_t k = 0; k < kSize; ++k) {
-      const int64_t at = from + k;
-      x[static_cast<size_t>(k)] = at >= 0 && at < n ? in[at] * window[static_cast<size_t>(k)] : 0.0;
-    }
-    fftRealForward(x.data(), kSize, re.data(), im.data(), cosTable.data(), sinTable.data());
-    for (int32_t k = 0; k <= kHalf; ++k) {
-      re[static_cast<size_t>(k)] *= gains[static_cast<size_t>(k)];
-      im[static_cast<size_t>(k)] *= gains[static_cast<size_t>(k)];
-    }
-    fftRealInverse(re.data(), im.data(), kSize, x.data(), cosTable.data(), sinTable.data());
-    for (int32_t k = 0; k < kSize; ++k) {
-      const int64_t at = from + k;
-      if (at >= 0 && at < n) {
-        out[static_cast<size_t>(at)] += x[static_cast<size_t>(k)] * window[static_cast<size_t>(k)] * 0.5;
+  // into the pending output windowed; sine windows at a hop of a quarter
+  // sum to 2.
+  auto apply = [&](const double* in, int64_t from, const double* gains, double* pending) {
+    if (from >= 0 && from + kSize <= n) {
+      for (int32_t k = 0; k < kSize; ++k) x[static_cast<size_t>(k)] = in[from + k] * window[k];
+    } else {
+      for (int32_t k = 0; k < kSize; ++k) {
+        const int64_t at = from + k;
+        x[static_cast<size_t>(k)] = at >= 0 && at < n ? in[at] * window[k] : 0.0;
       }
     }
+    fftRealForward(x.data(), kSize, re.data(), im.data(), cosTable, sinTable);
+    for (int32_t k = 0; k <= kHalf; ++k) {
+      re[static_cast<size_t>(k)] *= gains[k];
+      im[static_cast<size_t>(k)] *= gains[k];
+    }
+    fftRealInverse(re.data(), im.data(), kSize, x.data(), cosTable, sinTable);
+    for (int32_t k = 0; k < kSize; ++k) pending[k] += x[static_cast<size_t>(k)] * window[k] * 0.5;
   };
 
   for (int64_t from = -(kSize - kHop); from < n; from += kHop) {
@@ -113,30 +183,37 @@ void CorrectFormant(const FormantStage& stage, double* y, double* aperiodic, int
     if (stage.equalizerStrength != nullptr && at < stage.equalizerStrength->size()) {
       eqPower = (*stage.equalizerStrength)[at];
     }
-    // The input's envelope at this frame, once; then read along it.
-    stage.input->row(inputFrame, row.data());
-    const double perBin = binHz / (stage.input->rate / 512.0);  // input bins per output bin
-    auto envelopeAt = [&](double inputBin) {
-      const double b = std::clamp(inputBin, 0.0, static_cast<double>(kSpectrumBins - 1));
-      const int32_t b0 = std::min(static_cast<int32_t>(b), kSpectrumBins - 2);
-      return row[static_cast<size_t>(b0)] + (row[static_cast<size_t>(b0 + 1)] - row[static_cast<size_t>(b0)]) * (b - b0);
-    };
+    // The log gains: below the low band the equalizer's alone; above it
+    // the target envelope (the input's at this frame, read at k / gen)
+    // less the output's own (read at k / scale), ramped in over four bins.
     for (int32_t k = 0; k <= kHalf; ++k) {
-      double logGain = 0.0;
-      if (k >= stage.lowBin && strength > 0.0) {
-        const double target = envelopeAt(k * perBin / gen);
-        const double own = envelopeAt(k * perBin / scale);
-        // A short ramp over the first bins above the low band.
-        const double ramp = std::min(1.0, (k - stage.lowBin + 1) / 4.0);
-        logGain = std::clamp(strength * ramp * (target - own), -kMaxLogGain, kMaxLogGain);
-      }
-      const double eq = stage.equalizer != nullptr ? std::pow(stage.equalizer[std::min(k, 511)], eqPower) : 1.0;
-      gain[static_cast<size_t>(k)] = std::exp(logGain) * eq;
-      equalized[static_cast<size_t>(k)] = eq;
+      gain[static_cast<size_t>(k)] = eqPower * logEqualizer[static_cast<size_t>(k)];
     }
-    apply(y, from, gain, outY);
-    if (aperiodic != nullptr) apply(aperiodic, from, equalized, outA);
+    if (strength > 0.0 && lowBin <= kHalf) {
+      stage.input->row(inputFrame, row.data());
+      const double targetStep = perBin / gen, ownStep = perBin / scale;
+      constexpr double kLastBin = kSpectrumBins - 1;
+      auto envelopeAt = [&](double inputBin) {
+        const double b = std::min(inputBin, kLastBin);
+        const int32_t b0 = std::min(static_cast<int32_t>(b), kSpectrumBins - 2);
+        return row[static_cast<size_t>(b0)] +
+               (row[static_cast<size_t>(b0 + 1)] - row[static_cast<size_t>(b0)]) * (b - b0);
+      };
+      for (int32_t k = lowBin; k <= kHalf; ++k) {
+        const double difference = envelopeAt(k * targetStep) - envelopeAt(k * ownStep);
+        const double ramp = std::min(1.0, (k - lowBin + 1) / 4.0);
+        gain[static_cast<size_t>(k)] += std::clamp(strength * ramp * difference, -kMaxLogGain, kMaxLogGain);
+      }
+    }
+    for (int32_t k = 0; k <= kHalf; ++k) gain[static_cast<size_t>(k)] = exp(gain[static_cast<size_t>(k)]);
+    apply(y, from, gain.data(), outY.frame());
+    if (aperiodic != nullptr) {
+      for (int32_t k = 0; k <= kHalf; ++k) {
+        equalized[static_cast<size_t>(k)] = exp(eqPower * logEqualizer[static_cast<size_t>(k)]);
+      }
+      apply(aperiodic, from, equalized.data(), outA.frame());
+      outA.advance(from, aperiodic, n);
+    }
+    outY.advance(from, y, n);
   }
-  std::copy(outY.begin(), outY.end(), y);
-  if (aperiodic != nullptr) std::copy(outA.begin(), outA.end(), aperiodic);
 }
