@@ -175,6 +175,7 @@ class ReadKernel {
     const double e = position - static_cast<double>(k);
     return table_[2 * k] + table_[2 * k + 1] * e;
   }
+  const double* pairs() const { return table_.data(); }
 
  private:
   std::vector<double> table_;
@@ -234,6 +235,36 @@ struct Sample {
     const double* atB = line.data() + firstB;
     double sumA = 0.0, weightsA = 0.0, sumB = 0.0, weightsB = 0.0;
     int64_t t = 0;
+#if defined(__SSE2__)
+    {
+      // Lane 0 reads a, lane 1 reads b; each lane does kernel.at's
+      // operations (the index truncated, the slope times the remainder).
+      const double* pairs = kernel.pairs();
+      const __m128d x = _mm_set_pd(xb, xa), scale = _mm_set1_pd(inverse);
+      const __m128d half = _mm_set1_pd(ReadKernel::kHalfWidth), perUnit = _mm_set1_pd(ReadKernel::kPerUnit);
+      const __m128d one = _mm_set1_pd(1.0);
+      __m128d j = _mm_set_pd(static_cast<double>(firstB), static_cast<double>(firstA));
+      __m128d sums = _mm_setzero_pd(), weights = _mm_setzero_pd();
+      for (; t < tapsA && t < tapsB; ++t) {
+        const __m128d position = _mm_mul_pd(_mm_add_pd(_mm_mul_pd(_mm_sub_pd(j, x), scale), half), perUnit);
+        const __m128i index = _mm_cvttpd_epi32(position);
+        const __m128d e = _mm_sub_pd(position, _mm_cvtepi32_pd(index));
+        const __m128d pointA = _mm_loadu_pd(pairs + 2 * _mm_cvtsi128_si32(index));
+        const __m128d pointB = _mm_loadu_pd(pairs + 2 * _mm_cvtsi128_si32(_mm_srli_si128(index, 4)));
+        const __m128d w = _mm_add_pd(_mm_unpacklo_pd(pointA, pointB), _mm_mul_pd(_mm_unpackhi_pd(pointA, pointB), e));
+        weights = _mm_add_pd(weights, w);
+        sums = _mm_add_pd(sums, _mm_mul_pd(_mm_set_pd(atB[t], atA[t]), w));
+        j = _mm_add_pd(j, one);
+      }
+      double lanes[2];
+      _mm_storeu_pd(lanes, sums);
+      sumA = lanes[0];
+      sumB = lanes[1];
+      _mm_storeu_pd(lanes, weights);
+      weightsA = lanes[0];
+      weightsB = lanes[1];
+    }
+#else
     for (; t < tapsA && t < tapsB; ++t) {
       const double wA = kernel.at((static_cast<double>(firstA + t) - xa) * inverse);
       const double wB = kernel.at((static_cast<double>(firstB + t) - xb) * inverse);
@@ -242,6 +273,7 @@ struct Sample {
       weightsB += wB;
       sumB += atB[t] * wB;
     }
+#endif
     for (int64_t u = t; u < tapsA; ++u) {
       const double w = kernel.at((static_cast<double>(firstA + u) - xa) * inverse);
       weightsA += w;

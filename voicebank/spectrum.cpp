@@ -146,9 +146,13 @@ bool computeSpectrum(const int16_t* words, int32_t frames, int32_t stride, int32
 
 std::string spectrumFilePath(const char* samplePath) { return frequencyTablePath(samplePath, "spef"); }
 
-bool readSpectrumFile(const std::string& bytes, int32_t rate, int32_t frames, SpectrumTable* out) {
-  if (bytes.size() < kHeadBytes || memcmp(bytes.data(), kMagic, sizeof kMagic) != 0) return false;
-  const auto* head = reinterpret_cast<const uint8_t*>(bytes.data());
+namespace {
+
+// The header of a file of `size` bytes: the table it announces, with no
+// values yet. False unless the header is ours, matches the rate and frame
+// count asked for (0: any) and the size is exactly what it announces.
+bool readHead(const uint8_t* head, uint64_t size, int32_t rate, int32_t frames, SpectrumTable* table) {
+  if (size < kHeadBytes || memcmp(head, kMagic, sizeof kMagic) != 0) return false;
   if (get32(head + 8) != kVersion || get32(head + 16) != static_cast<uint32_t>(kSpectrumFrameStep) ||
       get32(head + 20) != static_cast<uint32_t>(kSpectrumBins)) {
     return false;
@@ -158,18 +162,38 @@ bool readSpectrumFile(const std::string& bytes, int32_t rate, int32_t frames, Sp
   if (frames > 0 && fileFrames != static_cast<uint32_t>(frames)) return false;
   if (fileRate == 0 || fileRate > 1000000 || fileFrames == 0 || fileFrames > kMaxFrames) return false;
   const uint64_t values = static_cast<uint64_t>(fileFrames) * kSpectrumBins;
-  if (bytes.size() != kHeadBytes + values * 4) return false;
-  SpectrumTable table;
-  table.rate = static_cast<int32_t>(fileRate);
-  table.frames = static_cast<int32_t>(fileFrames);
-  table.values.resize(static_cast<size_t>(values));
-  for (uint64_t k = 0; k < values; ++k) {
-    const uint32_t word = get32(head + kHeadBytes + k * 4);
-    float v;
-    memcpy(&v, &word, sizeof v);
-    if (!std::isfinite(v)) return false;
-    table.values[static_cast<size_t>(k)] = v;
+  if (size != kHeadBytes + values * 4) return false;
+  table->rate = static_cast<int32_t>(fileRate);
+  table->frames = static_cast<int32_t>(fileFrames);
+  table->values.resize(static_cast<size_t>(values));
+  return true;
+}
+
+// The values, read as little-endian words into the table in place; false
+// when one is not finite.
+bool finishValues(SpectrumTable* table) {
+#if !defined(__BYTE_ORDER__) || __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
+  for (float& v : table->values) {
+    uint8_t bytes[4];
+    memcpy(bytes, &v, 4);
+    const uint32_t word = get32(bytes);
+    memcpy(&v, &word, 4);
   }
+#endif
+  for (const float v : table->values) {
+    if (!std::isfinite(v)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool readSpectrumFile(const std::string& bytes, int32_t rate, int32_t frames, SpectrumTable* out) {
+  const auto* head = reinterpret_cast<const uint8_t*>(bytes.data());
+  SpectrumTable table;
+  if (!readHead(head, bytes.size(), rate, frames, &table)) return false;
+  memcpy(table.values.data(), head + kHeadBytes, table.values.size() * 4);
+  if (!finishValues(&table)) return false;
   *out = std::move(table);
   return true;
 }
@@ -177,17 +201,19 @@ bool readSpectrumFile(const std::string& bytes, int32_t rate, int32_t frames, Sp
 bool readSpectrumFile(const char* path, int32_t rate, int32_t frames, SpectrumTable* out) {
   FILE* file = fopen(path, "rb");
   if (file == nullptr) return false;
-  std::string bytes;
-  // Never more than the largest table a sample of this length can have.
-  const uint64_t limit = kHeadBytes + static_cast<uint64_t>(frames > 0 ? frames : kMaxFrames) * kSpectrumBins * 4;
-  char chunk[65536];
-  size_t got;
-  while ((got = fread(chunk, 1, sizeof chunk, file)) > 0) {
-    bytes.append(chunk, got);
-    if (bytes.size() > limit) break;
-  }
+  // The size comes from the file system and must be the one the header
+  // announces: nothing is allocated for a file that claims more.
+  struct stat info;
+  uint8_t head[kHeadBytes];
+  SpectrumTable table;
+  const bool sound = fstat(fileno(file), &info) == 0 && info.st_size >= 0 &&
+                     fread(head, 1, kHeadBytes, file) == kHeadBytes &&
+                     readHead(head, static_cast<uint64_t>(info.st_size), rate, frames, &table) &&
+                     fread(table.values.data(), 4, table.values.size(), file) == table.values.size();
   fclose(file);
-  return readSpectrumFile(bytes, rate, frames, out);
+  if (!sound || !finishValues(&table)) return false;
+  *out = std::move(table);
+  return true;
 }
 
 int32_t writeSpectrumFile(const char* path, const SpectrumTable& table) {
