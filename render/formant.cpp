@@ -141,7 +141,7 @@ void CorrectFormant(const FormantStage& stage, double* y, double* aperiodic, int
   const double* sinTable = tables.sinTable.data();
   const double* window = tables.window.data();
   std::vector<double> x(kSize), re(kSize + 2), im(kSize + 2), gain(kHalf + 1), equalized(kHalf + 1);
-  std::vector<double> row(kSpectrumBins), logEqualizer(kHalf + 1, 0.0);
+  std::vector<double> row(kSpectrumBins), pairs(2 * kSpectrumBins), logEqualizer(kHalf + 1, 0.0);
   if (stage.equalizer != nullptr) {
     for (int32_t k = 0; k <= kHalf; ++k)
       logEqualizer[static_cast<size_t>(k)] = std::log(stage.equalizer[std::min(k, 511)]);
@@ -191,18 +191,24 @@ void CorrectFormant(const FormantStage& stage, double* y, double* aperiodic, int
     }
     if (strength > 0.0 && lowBin <= kHalf) {
       stage.input->row(inputFrame, row.data());
+      // Each input bin's value and slope side by side, for the reads below.
+      for (int32_t b = 0; b + 1 < kSpectrumBins; ++b) {
+        pairs[static_cast<size_t>(2 * b)] = row[static_cast<size_t>(b)];
+        pairs[static_cast<size_t>(2 * b + 1)] = row[static_cast<size_t>(b + 1)] - row[static_cast<size_t>(b)];
+      }
       const double targetStep = perBin / gen, ownStep = perBin / scale;
-      constexpr double kLastBin = kSpectrumBins - 1;
-      auto envelopeAt = [&](double inputBin) {
+      static constexpr double kLastBin = kSpectrumBins - 1;
+      const double* values = pairs.data();
+      auto envelopeAt = [values](double inputBin) {
         const double b = std::min(inputBin, kLastBin);
         const int32_t b0 = std::min(static_cast<int32_t>(b), kSpectrumBins - 2);
-        return row[static_cast<size_t>(b0)] +
-               (row[static_cast<size_t>(b0 + 1)] - row[static_cast<size_t>(b0)]) * (b - b0);
+        return values[2 * b0] + values[2 * b0 + 1] * (b - b0);
       };
       for (int32_t k = lowBin; k <= kHalf; ++k) {
         const double difference = envelopeAt(k * targetStep) - envelopeAt(k * ownStep);
-        const double ramp = std::min(1.0, (k - lowBin + 1) / 4.0);
-        gain[static_cast<size_t>(k)] += std::clamp(strength * ramp * difference, -kMaxLogGain, kMaxLogGain);
+        const double ramp = k - lowBin < 3 ? (k - lowBin + 1) * 0.25 : 1.0;
+        const double logGain = std::min(std::max(strength * ramp * difference, -kMaxLogGain), kMaxLogGain);
+        gain[static_cast<size_t>(k)] += logGain;
       }
     }
     for (int32_t k = 0; k <= kHalf; ++k) gain[static_cast<size_t>(k)] = exp(gain[static_cast<size_t>(k)]);
