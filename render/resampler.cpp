@@ -143,6 +143,13 @@ bool readCurveVariable(const char* name, int32_t samples, int32_t fill, bool tem
   return true;
 }
 
+#if defined(__SSE2__)
+// Lane by lane: where mask is set, a; elsewhere b.
+inline __m128d select(__m128d mask, __m128d a, __m128d b) {
+  return _mm_or_pd(_mm_and_pd(mask, a), _mm_andnot_pd(mask, b));
+}
+#endif
+
 // --- Sample reads ---------------------------------------------------------------
 
 // The read kernel w(v) = sin(pi v) / (pi v) x cos(pi v / 4) over v = (j - x)
@@ -757,14 +764,40 @@ struct AperiodicPart {
     const double x = p - 512 * sigma;
     sample.readRun(x - period / 2.0, sigma, kFftSize, width, behind.data());
     sample.readRun(x + period / 2.0, sigma, kFftSize, width, ahead.data());
-    for (int m = 0; m < kFftSize; ++m) {
+    int m = 0;
+#if defined(__SSE2__)
+    for (; m < kFftSize; m += 2) {
+      const __m128d difference =
+          _mm_sub_pd(_mm_loadu_pd(&behind[static_cast<size_t>(m)]), _mm_loadu_pd(&ahead[static_cast<size_t>(m)]));
+      _mm_storeu_pd(&re[static_cast<size_t>(m)], _mm_mul_pd(difference, _mm_loadu_pd(win.sine + m)));
+    }
+#endif
+    for (; m < kFftSize; ++m) {
       re[static_cast<size_t>(m)] = (behind[static_cast<size_t>(m)] - ahead[static_cast<size_t>(m)]) * win.sine[m];
     }
     fftRealForward(re.data(), kFftSize, binRe.data(), binIm.data(), fft.cosTable, fft.sinTable);
     // Each bin's magnitude, and its phase advance since the last analysis
     // as a unit phasor (the new phase's phasor times the conjugate of the
     // old one): angles without atan2, sine or cosine.
-    for (int k = 0; k < kBins; ++k) {
+    int k = 0;
+#if defined(__SSE2__)
+    const __m128d zero = _mm_setzero_pd(), one = _mm_set1_pd(1.0), two = _mm_set1_pd(2.0);
+    for (; k + 1 < kBins; k += 2) {
+      const size_t at = static_cast<size_t>(k);
+      const __m128d a = _mm_loadu_pd(&binRe[at]), b = _mm_loadu_pd(&binIm[at]);
+      const __m128d length = _mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(a, a), _mm_mul_pd(b, b)));
+      _mm_storeu_pd(&magnitude[at], _mm_div_pd(length, two));
+      const __m128d voiced = _mm_cmpgt_pd(length, zero);
+      const __m128d ur = select(voiced, _mm_div_pd(a, length), one);
+      const __m128d ui = select(voiced, _mm_div_pd(b, length), zero);
+      const __m128d lr = _mm_loadu_pd(&lastRe[at]), li = _mm_loadu_pd(&lastIm[at]);
+      _mm_storeu_pd(&advanceRe[at], _mm_add_pd(_mm_mul_pd(ur, lr), _mm_mul_pd(ui, li)));
+      _mm_storeu_pd(&advanceIm[at], _mm_sub_pd(_mm_mul_pd(ui, lr), _mm_mul_pd(ur, li)));
+      _mm_storeu_pd(&lastRe[at], ur);
+      _mm_storeu_pd(&lastIm[at], ui);
+    }
+#endif
+    for (; k < kBins; ++k) {
       const double a = binRe[static_cast<size_t>(k)], b = binIm[static_cast<size_t>(k)];
       const double length = std::sqrt(a * a + b * b);
       magnitude[static_cast<size_t>(k)] = length / 2.0;
@@ -783,21 +816,53 @@ struct AperiodicPart {
   void resynthesise(int32_t i, double gain, double* out, int32_t n) {
     const Windows& win = windows();
     const FftTables& fft = fftTables();
-    for (int k = 0; k < kBins; ++k) {
+    // Re(ifft of the bins 0..512 alone) is the inverse of the mirrored
+    // spectrum with the inner bins halved and the two ends real.
+    auto rotate = [&](int k) {
       const size_t b = static_cast<size_t>(k);
       const double zr = phaseRe[b] * advanceRe[b] - phaseIm[b] * advanceIm[b];
       const double zi = phaseRe[b] * advanceIm[b] + phaseIm[b] * advanceRe[b];
       const double norm = 1.0 / std::sqrt(zr * zr + zi * zi);
       phaseRe[b] = zr * norm;
       phaseIm[b] = zi * norm;
-      // Re(ifft of the bins 0..512 alone) is the inverse of the mirrored
-      // spectrum with the inner bins halved and the two ends real.
       const double scale = (k == 0 || k == kBins - 1) ? 1.0 : 0.5;
       binRe[b] = magnitude[b] * phaseRe[b] * scale;
       binIm[b] = (k == 0 || k == kBins - 1) ? 0.0 : magnitude[b] * phaseIm[b] * scale;
+    };
+    rotate(0);
+    int k = 1;
+#if defined(__SSE2__)
+    const __m128d one = _mm_set1_pd(1.0), half = _mm_set1_pd(0.5);
+    for (; k + 1 < kBins - 1; k += 2) {
+      const size_t b = static_cast<size_t>(k);
+      const __m128d pr = _mm_loadu_pd(&phaseRe[b]), pi = _mm_loadu_pd(&phaseIm[b]);
+      const __m128d ar = _mm_loadu_pd(&advanceRe[b]), ai = _mm_loadu_pd(&advanceIm[b]);
+      const __m128d zr = _mm_sub_pd(_mm_mul_pd(pr, ar), _mm_mul_pd(pi, ai));
+      const __m128d zi = _mm_add_pd(_mm_mul_pd(pr, ai), _mm_mul_pd(pi, ar));
+      const __m128d norm = _mm_div_pd(one, _mm_sqrt_pd(_mm_add_pd(_mm_mul_pd(zr, zr), _mm_mul_pd(zi, zi))));
+      const __m128d nr = _mm_mul_pd(zr, norm), ni = _mm_mul_pd(zi, norm);
+      _mm_storeu_pd(&phaseRe[b], nr);
+      _mm_storeu_pd(&phaseIm[b], ni);
+      const __m128d m = _mm_loadu_pd(&magnitude[b]);
+      _mm_storeu_pd(&binRe[b], _mm_mul_pd(_mm_mul_pd(m, nr), half));
+      _mm_storeu_pd(&binIm[b], _mm_mul_pd(_mm_mul_pd(m, ni), half));
     }
+#endif
+    for (; k < kBins; ++k) rotate(k);
     fftRealInverse(binRe.data(), binIm.data(), kFftSize, re.data(), fft.cosTable, fft.sinTable);
-    for (int m = 0; m < kFftSize; ++m) {
+    int m = 0;
+#if defined(__SSE2__)
+    if (i - 512 >= 0 && i - 512 + kFftSize <= n) {
+      double* at = out + (i - 512);
+      const __m128d g = _mm_set1_pd(gain);
+      for (; m < kFftSize; m += 2) {
+        const __m128d add =
+            _mm_mul_pd(_mm_mul_pd(_mm_loadu_pd(&re[static_cast<size_t>(m)]), _mm_loadu_pd(win.sine + m)), g);
+        _mm_storeu_pd(at + m, _mm_add_pd(_mm_loadu_pd(at + m), add));
+      }
+    }
+#endif
+    for (; m < kFftSize; ++m) {
       const int32_t at = i - 512 + m;
       if (at >= 0 && at < n) out[at] += re[static_cast<size_t>(m)] * win.sine[m] * gain;
     }
