@@ -62,7 +62,7 @@ TEST(ToneTable, NamesAndFrequencies) {
 }
 
 TEST(Transform, MatchesADirectTransformAndInverts) {
-  for (int32_t n : {16, 1024}) {
+  for (int32_t n : {4, 8, 16, 512, 1024}) {
     std::vector<double> cosTable(static_cast<size_t>(n)), sinTable(static_cast<size_t>(n));
     calc_cossin(n, cosTable.data(), sinTable.data());
     EXPECT_EQ(cosTable[static_cast<size_t>(n / 4)], 0.0);
@@ -76,7 +76,7 @@ TEST(Transform, MatchesADirectTransformAndInverts) {
     }
     const std::vector<double> re0 = re, im0 = im;
     fft1(re.data(), im.data(), n, cosTable.data(), sinTable.data());
-    for (int32_t k = 0; k < n; k += n / 16) {
+    for (int32_t k = 0; k < n; k += std::max(1, n / 16)) {
       double sr = 0.0, si = 0.0;
       for (int32_t m = 0; m < n; ++m) {
         const double angle = -2.0 * M_PI * k * m / n;
@@ -88,6 +88,62 @@ TEST(Transform, MatchesADirectTransformAndInverts) {
     }
     ifft1(re.data(), im.data(), n, cosTable.data(), sinTable.data());
     for (int32_t k = 0; k < n; ++k) EXPECT_NEAR(re[static_cast<size_t>(k)], re0[static_cast<size_t>(k)], 1e-12);
+  }
+}
+
+// The transform gathers twiddles, does two stages per pass and pairs of
+// butterflies in SIMD lanes; each butterfly must still do the textbook
+// loop's operations in its order, so that the results are the same bits.
+TEST(Transform, GivesTheTextbookLoopsResultsBitForBit) {
+  auto textbook = [](std::vector<double>& re, std::vector<double>& im, const std::vector<double>& cosTable,
+                     const std::vector<double>& sinTable, double sign) {
+    const int32_t n = static_cast<int32_t>(re.size());
+    for (int32_t i = 1, j = 0; i < n; ++i) {
+      int32_t bit = n >> 1;
+      for (; j & bit; bit >>= 1) j ^= bit;
+      j ^= bit;
+      if (i < j) {
+        std::swap(re[static_cast<size_t>(i)], re[static_cast<size_t>(j)]);
+        std::swap(im[static_cast<size_t>(i)], im[static_cast<size_t>(j)]);
+      }
+    }
+    for (int32_t length = 2; length <= n; length <<= 1) {
+      for (int32_t start = 0; start < n; start += length) {
+        for (int32_t k = 0; k < length / 2; ++k) {
+          const double wr = cosTable[static_cast<size_t>(k * (n / length))];
+          const double wi = sign * sinTable[static_cast<size_t>(k * (n / length))];
+          const size_t a = static_cast<size_t>(start + k), b = a + static_cast<size_t>(length / 2);
+          const double tr = re[b] * wr - im[b] * wi, ti = re[b] * wi + im[b] * wr;
+          re[b] = re[a] - tr;
+          im[b] = im[a] - ti;
+          re[a] += tr;
+          im[a] += ti;
+        }
+      }
+    }
+  };
+  std::mt19937 random(11);
+  std::uniform_real_distribution<double> value(-30000.0, 30000.0);
+  for (int32_t n = 2; n <= 4096; n *= 2) {
+    std::vector<double> cosTable(static_cast<size_t>(n)), sinTable(static_cast<size_t>(n));
+    calc_cossin(n, cosTable.data(), sinTable.data());
+    std::vector<double> re(static_cast<size_t>(n)), im(static_cast<size_t>(n));
+    for (size_t k = 0; k < re.size(); ++k) {
+      re[k] = value(random);
+      im[k] = value(random);
+    }
+    std::vector<double> expectedRe = re, expectedIm = im;
+    textbook(expectedRe, expectedIm, cosTable, sinTable, -1.0);
+    fft1(re.data(), im.data(), n, cosTable.data(), sinTable.data());
+    EXPECT_TRUE(re == expectedRe && im == expectedIm) << n;
+    // The inverse: the same butterflies with the other sign, then 1/n.
+    textbook(expectedRe, expectedIm, cosTable, sinTable, 1.0);
+    for (size_t k = 0; k < re.size(); ++k) {
+      expectedRe[k] *= 1.0 / n;
+      expectedIm[k] *= 1.0 / n;
+    }
+    ifft1(re.data(), im.data(), n, cosTable.data(), sinTable.data());
+    EXPECT_TRUE(re == expectedRe && im == expectedIm) << n;
   }
 }
 
