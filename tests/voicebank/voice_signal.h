@@ -12,6 +12,9 @@
 
 #include "render/wavefile.h"
 
+// The resonances of the generated /a/: centre and bandwidth in Hz.
+constexpr double kVowelFormants[3][2] = {{700.0, 80.0}, {1220.0, 90.0}, {2600.0, 120.0}};
+
 struct VoiceSignal {
   double f0 = 220.0;            // Hz
   double vibratoCents = 0.0;    // depth, either way
@@ -52,10 +55,8 @@ struct VoiceSignal {
       source[static_cast<size_t>(n)] = flow - previous;
       previous = flow;
     }
-    // Formants of /a/.
-    const double formants[3][2] = {{700.0, 80.0}, {1220.0, 90.0}, {2600.0, 120.0}};
     std::vector<double> signal = source;
-    for (const auto& formant : formants) {
+    for (const auto& formant : kVowelFormants) {
       const double r = std::exp(-M_PI * formant[1] / rate);
       const double a1 = 2.0 * r * std::cos(2.0 * M_PI * formant[0] / rate), a2 = -r * r;
       double y1 = 0.0, y2 = 0.0;
