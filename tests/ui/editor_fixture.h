@@ -7,6 +7,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QComboBox>
+#include <QElapsedTimer>
 #include <QMenu>
 #include <QMouseEvent>
 #include <QTest>
@@ -29,6 +30,19 @@
 inline void PrintTo(const QString& text, std::ostream* out) { *out << '"' << text.toStdString() << '"'; }
 
 namespace editortest {
+
+// Runs the event loop until `done` holds or `ms` have passed; whether it
+// held. (QTest's QTRY macros return from the test on failure, unseen by
+// GoogleTest.)
+inline bool waitFor(const std::function<bool()>& done, int ms) {
+  QElapsedTimer clock;
+  clock.start();
+  while (!done()) {
+    if (clock.elapsed() > ms) return false;
+    QTest::qWait(10);
+  }
+  return true;
+}
 
 struct Note {
   int delta;

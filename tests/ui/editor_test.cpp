@@ -19,12 +19,14 @@
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "editing/undoman.h"
+#include "playback/audioout.h"
 #include "tests/testutil.h"
 #include "tests/ui/editor_fixture.h"
 #include "tests/voicebank/bank.h"
 #include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/player.h"
+#include "ui/shell/preferences.h"
 #include "ui/shell/startup.h"
 #include "ui/shell/texts.h"
 #include "ui/views/pianoroll.h"
@@ -276,6 +278,68 @@ TEST_F(Editor, AnEditDuringPlaybackStopsItFirst) {
   EXPECT_FALSE(Player::instance().active());
   EXPECT_EQ(doc().engine().renderState.load(), 0);
   EXPECT_EQ(soundingNotes(doc().engine())[0].noteNum, 61);
+}
+
+// Render first: the sound starts only once the whole song is rendered;
+// without it, while the render still runs (the song is long enough that
+// the render outlasts the 700 ms the driver waits at most). And the play
+// position read back in ticks across a tempo change: 2.5 s in is 500 ms
+// into the fourth note, the first at tempo 60 (a rest and three notes of
+// 500 ms, then 240 ticks).
+TEST_F(Editor, RenderFirstWaitsAndThePlayPositionCrossesTempoChanges) {
+  struct RenderFirst {
+    explicit RenderFirst(bool on) { set(on); }
+    ~RenderFirst() { set(false); }
+    void set(bool on) {
+      EditorPreferences prefs = EditorPreferences::load();
+      prefs.renderFirst = on;
+      prefs.save();
+    }
+  } renderFirst(true);
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  std::vector<Note> notes = {{480, 480, "a", 60},
+                             {480, 480, "a", 62},
+                             {480, 480, "a", 64},
+                             {480, 480, "a", 65, "Tempo=60.00\n"},
+                             {480, 480, "a", 67}};
+  for (int i = 0; i < 50; ++i) notes.push_back({i == 0 ? 480 : 1920, 1920, "a", 60 + i % 7});  // 200 s
+  open(notes, bank.folder());
+  int64_t lastTick = -2;
+  int lastSinging = -2;
+  int renderingWhenStarted = -1;
+  QObject watcher;  // goes first: no report reaches the variables above once they are gone
+  QObject::connect(&Player::instance(), &Player::positionChanged, &watcher,
+                   [&](int64_t tick, int singing, int64_t, int64_t) {
+                     if (tick > 0 && renderingWhenStarted < 0)
+                       renderingWhenStarted = doc().engine().renderState.load() != 0;
+                     lastTick = tick;
+                     lastSinging = singing;
+                   });
+  trigger("play");
+  ASSERT_TRUE(Player::instance().active()) << window_->lastMessage().toStdString();
+  ASSERT_TRUE(waitFor([&] { return renderingWhenStarted >= 0; }, 60000));
+  EXPECT_EQ(renderingWhenStarted, 0);
+  trigger("play");  // pause
+  ASSERT_TRUE(Player::instance().paused());
+  CAudioOut::PlayingPos = CAudioOut::offset.load() + 44100 * 5 / 2;
+  EXPECT_TRUE(waitFor([&] { return lastTick == 1920 + 240; }, 2000)) << lastTick;
+  // The sung note by its index among the engine's notes, which hold the
+  // tempo change as a note of its own.
+  ASSERT_GE(lastSinging, 0);
+  EXPECT_EQ(doc().engine().notes[lastSinging].NoteNum, 65);
+  trigger("stop");
+  EXPECT_EQ(lastTick, -1);
+
+  // Every note changed, so that none comes from the render cache.
+  renderFirst.set(false);
+  trigger("selectAll");
+  QTest::keyClick(roll_, Qt::Key_Up);
+  renderingWhenStarted = -1;
+  trigger("play");
+  ASSERT_TRUE(waitFor([&] { return renderingWhenStarted >= 0; }, 60000));
+  EXPECT_EQ(renderingWhenStarted, 1);
+  trigger("stop");
 }
 
 TEST_F(Editor, PlayingWithoutAVoiceBankSaysWhy) {
