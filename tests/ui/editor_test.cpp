@@ -303,7 +303,7 @@ TEST_F(Editor, RenderFirstWaitsAndThePlayPositionCrossesTempoChanges) {
                              {480, 480, "a", 64},
                              {480, 480, "a", 65, "Tempo=60.00\n"},
                              {480, 480, "a", 67}};
-  for (int i = 0; i < 50; ++i) notes.push_back({i == 0 ? 480 : 1920, 1920, "a", 60 + i % 7});  // 200 s
+  for (int i = 0; i < 80; ++i) notes.push_back({i == 0 ? 480 : 1920, 1920, "a", 60 + i % 7});  // 320 s
   open(notes, bank.folder());
   int64_t lastTick = -2;
   int lastSinging = -2;
