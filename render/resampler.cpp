@@ -211,6 +211,9 @@ struct Sample {
   // target_value through the tabulated kernel; indices outside the loaded
   // frames read as 0 (their weights still count).
   double read(double x, double r) const {
+    // A position or width that is not a number, or absurdly far out,
+    // reads silence (the index conversions below would be undefined).
+    if (!(x - 2.0 * r > -1e12 && x + 2.0 * r < 1e12 && r < 1e6)) return 0.0;
     const ReadKernel& kernel = readKernel();
     const int64_t first = static_cast<int64_t>(x - 2.0 * r);
     const int64_t last = static_cast<int64_t>(x + 2.0 * r);
@@ -228,13 +231,14 @@ struct Sample {
   // read(xa, r) and read(xb, r) at once, for two points well inside the
   // sample: the two sums run side by side, each in read's order.
   void readPair(double xa, double xb, double r, double* a, double* b) const {
-    const int64_t firstA = static_cast<int64_t>(xa - 2.0 * r), lastA = static_cast<int64_t>(xa + 2.0 * r);
-    const int64_t firstB = static_cast<int64_t>(xb - 2.0 * r), lastB = static_cast<int64_t>(xb + 2.0 * r);
-    if (xa - 2.0 * r < 0.0 || xb - 2.0 * r < 0.0 || lastA >= frames || lastB >= frames) {
+    // Written so that a position that is not a number takes read's way.
+    if (!(xa - 2.0 * r >= 0.0 && xb - 2.0 * r >= 0.0 && xa + 2.0 * r < frames && xb + 2.0 * r < frames)) {
       *a = read(xa, r);
       *b = read(xb, r);
       return;
     }
+    const int64_t firstA = static_cast<int64_t>(xa - 2.0 * r), lastA = static_cast<int64_t>(xa + 2.0 * r);
+    const int64_t firstB = static_cast<int64_t>(xb - 2.0 * r), lastB = static_cast<int64_t>(xb + 2.0 * r);
     const ReadKernel& kernel = readKernel();
     const double inverse = 1.0 / r;
     const int64_t tapsA = lastA - firstA + 1, tapsB = lastB - firstB + 1;
@@ -303,7 +307,7 @@ struct Sample {
   void readRun(double x, double spacing, int32_t count, double r, double* out) const {
     const double lastX = x + (count - 1) * spacing;
     const bool whole = spacing == std::floor(spacing) && spacing >= 1.0;
-    if (!whole || x - 2.0 * r < 0.0 || static_cast<int64_t>(lastX + 2.0 * r) >= frames) {
+    if (!whole || !(x - 2.0 * r >= 0.0 && lastX + 2.0 * r < frames)) {
       for (int32_t m = 0; m < count; ++m) out[m] = read(x + m * spacing, r);
       return;
     }
