@@ -175,7 +175,8 @@ void CorrectFormant(const FormantStage& stage, double* y, double* aperiodic, int
   for (int64_t from = -(kSize - kHop); from < n; from += kHop) {
     const double centre = static_cast<double>(from) + kHalf;
     const double inputFrame = sampleAt(stage.inputPositions, centre) / kSpectrumFrameStep;
-    const double scale = std::max(sampleAt(stage.readScale, centre), 1e-3);
+    double scale = sampleAt(stage.readScale, centre);
+    if (!(scale >= 1e-3)) scale = 1e-3;  // also when it is not a number
     const size_t at = static_cast<size_t>(std::clamp<double>(centre, 0.0, n - 1));
     double gen = stage.gen;
     if (stage.genCurve != nullptr && at < stage.genCurve->size()) gen *= (*stage.genCurve)[at];

@@ -34,12 +34,15 @@ uint32_t get32(const uint8_t* at) {
 
 int32_t framesOf(int32_t sampleFrames) { return sampleFrames / kSpectrumFrameStep + 1; }
 
+// v held to 0..last; what is not a number counts as 0.
+double within(double v, int32_t last) { return v >= 0.0 ? std::min(v, static_cast<double>(last)) : 0.0; }
+
 }  // namespace
 
 double SpectrumTable::at(double frame, double hz) const {
   if (frames <= 0 || rate <= 0 || values.size() < static_cast<size_t>(frames) * kSpectrumBins) return 0.0;
-  const double f = std::clamp(frame, 0.0, static_cast<double>(frames - 1));
-  const double b = std::clamp(hz / (rate / 512.0), 0.0, static_cast<double>(kSpectrumBins - 1));
+  const double f = within(frame, frames - 1);
+  const double b = within(hz / (rate / 512.0), kSpectrumBins - 1);
   const int32_t f0 = static_cast<int32_t>(f), b0 = static_cast<int32_t>(b);
   const int32_t f1 = std::min(f0 + 1, frames - 1), b1 = std::min(b0 + 1, kSpectrumBins - 1);
   const double ef = f - f0, eb = b - b0;
@@ -56,7 +59,7 @@ void SpectrumTable::row(double frame, double* out) const {
     std::fill(out, out + kSpectrumBins, 0.0);
     return;
   }
-  const double f = std::clamp(frame, 0.0, static_cast<double>(frames - 1));
+  const double f = within(frame, frames - 1);
   const int32_t f0 = static_cast<int32_t>(f), f1 = std::min(f0 + 1, frames - 1);
   const double e = f - f0;
   const float* a = &values[static_cast<size_t>(f0) * kSpectrumBins];

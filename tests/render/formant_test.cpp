@@ -441,6 +441,14 @@ TEST(SpectrumFile, WrittenReadBackAndDistrustedWhenDamaged) {
   ASSERT_TRUE(readSpectrumFile(path.c_str(), 44100, 3, &read));
   EXPECT_EQ(read.values, table.values);
   EXPECT_FLOAT_EQ(static_cast<float>(read.at(1.0, 44100.0 / 512.0 * 2)), table.values[kSpectrumBins + 2]);
+  // Lookups out of range are held at the ends; one that is not a number
+  // reads the first frame and bin.
+  EXPECT_EQ(read.at(NAN, NAN), read.at(0.0, 0.0));
+  EXPECT_EQ(read.at(1e30, 1e30), read.at(2.0, 22050.0));
+  double first[kSpectrumBins], notANumber[kSpectrumBins];
+  read.row(0.0, first);
+  read.row(NAN, notANumber);
+  EXPECT_TRUE(std::equal(first, first + kSpectrumBins, notANumber));
 
   // Each kind of damage is refused.
   EXPECT_FALSE(readSpectrumFile(bytes.substr(0, bytes.size() - 1), 44100, 3, &read));  // truncated
