@@ -513,6 +513,23 @@ struct Resampling {
   double* periodic = nullptr;  // handed to the caller at the end
   std::vector<double> aperiodic;
   std::vector<double> readAt, readScale;
+  // The first mix's weights of the two parts (the B flag's balance; the
+  // breath curve, when given, decides sample by sample).
+  double mixVoiced = 1.0, mixBreathy = 1.0;
+
+  // The weights of the periodic and the aperiodic part at sample k.
+  void mixWeights(int32_t k, double* v, double* a) const {
+    *v = mixVoiced;
+    *a = mixBreathy;
+    if (breath.present) {
+      const double u = breath.at(k);
+      if (u < 0.0) {
+        *a = u + 1.0;
+      } else {
+        *v = 1.0 - u;
+      }
+    }
+  }
 };
 
 // Set-up: loads the sample and its frequency table and works out the
@@ -1063,7 +1080,20 @@ void correctFormants(Resampling& r) {
         stage.equalizerStrength = &eqStrength;
       }
     }
+    // The gains are the periodic part's. The aperiodic share of the first
+    // mix already has the target envelope (it was resynthesised at the
+    // sample's own rate): it is taken out of y before, and put back after
+    // with the equalizer alone, as the aperiodic buffer gets it.
+    double v, a;
+    for (int32_t k = 0; k < n; ++k) {
+      r.mixWeights(k, &v, &a);
+      y[k] -= aperiodic[static_cast<size_t>(k)] * a;
+    }
     CorrectFormant(stage, y, aperiodic.data(), n);
+    for (int32_t k = 0; k < n; ++k) {
+      r.mixWeights(k, &v, &a);
+      y[k] += aperiodic[static_cast<size_t>(k)] * a;
+    }
   }
 }
 
@@ -1074,7 +1104,6 @@ void postProcess(Resampling& r) {
   const FlagText& flags = r.flags;
   const int32_t n = r.n;
   const double volume = r.volume;
-  const Curve& breath = r.breath;
   std::vector<double>& aperiodic = r.aperiodic;
   double* periodic = r.periodic;
   double* y = periodic;
@@ -1114,19 +1143,12 @@ void postProcess(Resampling& r) {
   }
   smooth(smoothing, 1);
 
-  double voiced = 1.0, breathy = 1.0, bFlag = 0.0;
-  if (flags.number('B', &bFlag)) balance(bFlag, &voiced, &breathy);
+  double bFlag = 0.0;
+  if (flags.number('B', &bFlag)) balance(bFlag, &r.mixVoiced, &r.mixBreathy);
   log_printf(5, "Bre=%0.2lf\n", bFlag);
   for (int32_t k = 0; k < n; ++k) {
-    double v = voiced, a = breathy;
-    if (breath.present) {
-      const double u = breath.at(k);
-      if (u < 0.0) {
-        a = u + 1.0;
-      } else {
-        v = 1.0 - u;
-      }
-    }
+    double v, a;
+    r.mixWeights(k, &v, &a);
     y[k] = y[k] * v + aperiodic[static_cast<size_t>(k)] * a;
   }
 
