@@ -583,6 +583,21 @@ ResampError setUp(Resampling& r) {
   r.table = table;  // owned by r from here
   if (table == nullptr) return ResampError::kNoFrequencies;
   const int32_t tableLast = frames / kAnalysisStep + 1;  // the extra element's index
+  // A table is a file anyone can edit: an average that is no frequency
+  // (0, not a number, past the Nyquist limit) is taken again from its
+  // voiced frames; with none, the table is as good as missing.
+  if (!(average > 0.0 && average < rateIn / 2.0)) {
+    double sum = 0.0;
+    int32_t voiced = 0;
+    for (int32_t k = 0; k <= tableLast; ++k) {
+      if (table[k] > 55.0 && table[k] < rateIn / 2.0) {
+        sum += table[k];
+        ++voiced;
+      }
+    }
+    if (voiced == 0) return ResampError::kNoFrequencies;
+    average = sum / voiced;
+  }
 
   const double ratio = static_cast<double>(rateIn) / SampleRateOut;
   log_printf(5, ":%0.4lf\n", ratio);

@@ -13,6 +13,7 @@
 #include "tests/render/vowel_note.h"
 #include "tests/testutil.h"
 #include "tests/voicebank/voice_signal.h"
+#include "voicebank/freqtable.h"
 #include "voicebank/pitch.h"
 #include "voicebank/voiceset.h"
 
@@ -200,6 +201,32 @@ TEST_F(Resampler, FailuresSayWhy) {
   const std::string out = folder_->file("never.wav");
   EXPECT_EQ(::render(path_->c_str(), out.c_str(), &note_, 500.0f, 120.0f), -1);
   EXPECT_FALSE(fileExists(out));
+}
+
+// A frequency table is a file anyone can write: one whose average is 0,
+// not a number or absurd, or whose frames are, must give a note of finite
+// samples (silence at worst) and never an undefined read.
+TEST_F(Resampler, HostileFrequencyTablesGiveFiniteNotes) {
+  VoiceSignal voice;
+  voice.seconds = 1.0;
+  const std::string path = folder_->file("hostile.wav");
+  voice.writeWave(path.c_str());
+  const int32_t count = static_cast<int32_t>(voice.frames()) / 256 + 1;
+  const double nan = std::nan("");
+  for (const double average : {0.0, nan, 1e300, 220.0}) {
+    for (const double frame : {220.0, nan, 1e300, -5.0}) {
+      SCOPED_TRACE(std::to_string(average) + " " + std::to_string(frame));
+      std::vector<double> frequencies(static_cast<size_t>(count) + 1, frame), amplitudes(frequencies.size(), 1.0);
+      ASSERT_EQ(writeFrequenciesList(path.c_str(), frequencies.data(), amplitudes.data(), count, average, 256), 1);
+      for (const char* flags : {"", "N", "g-30B80"}) {
+        strcpy(note_.Flags, flags);
+        int32_t outCount = 0;
+        double* values = resamp(path.c_str(), &note_, 400.0f, &outCount, 120.0f);
+        for (int32_t k = 0; values != nullptr && k < outCount; ++k) ASSERT_TRUE(std::isfinite(values[k])) << flags << k;
+        free(values);
+      }
+    }
+  }
 }
 
 TEST_F(Resampler, RenderWritesASixteenBitFile) {
