@@ -5,9 +5,9 @@
 // most 4095 bytes; each piece counts as a line.
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -48,11 +48,12 @@ void readInt(const char* text, int32_t* field) {
 }
 
 // "%f", as strtof reads it; a text that does not start as a number leaves
-// the field.
+// the field, and so does one that is not finite ("nan", "inf", or past the
+// float range): every later use of a note's values takes them as numbers.
 void readFloat(const char* text, float* field) {
   char* end = nullptr;
   const float value = strtof(text, &end);
-  if (end != text) *field = value;
+  if (end != text && std::isfinite(value)) *field = value;
 }
 
 // Cuts a list value into pieces: the first separator is whichever of ";"

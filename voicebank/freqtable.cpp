@@ -44,6 +44,13 @@ int32_t handOver(bool complete, int32_t count, double* freq, double* amp, double
     free(amp);
     return 0;
   }
+  // A value that is no number (a table is a file anyone can edit) reads
+  // as 0: unvoiced, silent, no average.
+  for (int32_t k = 0; k <= count; ++k) {
+    if (!std::isfinite(freq[k])) freq[k] = 0.0;
+    if (!std::isfinite(amp[k])) amp[k] = 0.0;
+  }
+  if (!std::isfinite(avg)) avg = 0.0;
   *frequencies = freq;
   *amplitudes = amp;
   *average = avg;
@@ -96,8 +103,8 @@ int32_t readFrequenciesList(const char* samplePath, double** frequencies, double
   return result;
 }
 
-int32_t writeFrequenciesList(const char* samplePath, const double* frequencies, const double* amplitudes,
-                             int32_t count, double average, int32_t step) {
+int32_t writeFrequenciesList(const char* samplePath, const double* frequencies, const double* amplitudes, int32_t count,
+                             double average, int32_t step) {
   FILE* file = fopen(frequencyTablePath(samplePath, "frq").c_str(), "wb");
   if (file == nullptr) return 0;
   const char reserved[16] = {0};
@@ -151,8 +158,8 @@ int32_t readFrequenciesText(const char* samplePath, double** frequencies, double
   return result;
 }
 
-int32_t writeFrequenciesText(const char* samplePath, const double* frequencies, const double* amplitudes,
-                             int32_t count, double average, int32_t step) {
+int32_t writeFrequenciesText(const char* samplePath, const double* frequencies, const double* amplitudes, int32_t count,
+                             double average, int32_t step) {
   FILE* file = fopen(frequencyTablePath(samplePath, "frt").c_str(), "wt");
   if (file == nullptr) return 0;
   char name[16];

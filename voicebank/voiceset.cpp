@@ -4,15 +4,16 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "support/log.h"
 #include "support/multibyte.h"
+#include "support/textcopy.h"
 #include "support/textfile.h"
 #include "voicebank/kana.h"
-#include "support/textcopy.h"
 
 namespace copendir {
 bool isUTF8 = false;
@@ -43,8 +44,12 @@ void freeList(char** list) {
   free(list);
 }
 
-// Reads one number piece with "%f"; an unreadable piece leaves the field.
-void readFloat(const char* piece, float* field) { sscanf(piece, "%f", field); }
+// Reads one number piece with "%f"; an unreadable piece leaves the field,
+// and so does one that is not finite ("nan", "inf"): timings are numbers.
+void readFloat(const char* piece, float* field) {
+  float value = 0.0f;
+  if (sscanf(piece, "%f", &value) == 1 && std::isfinite(value)) *field = value;
+}
 
 // Fills an entry from the text after "=": alias, then offset, fixed,
 // blank, pre-utterance and overlap, split at commas. The alias needs its
@@ -188,8 +193,8 @@ int32_t cvoiceset::wrtie_otoinitxt(const char* path) {
   fprintf(file, "#Charset:UTF8\n");
   for (int32_t i = 0; i < count_; ++i) {
     const VoiceData& e = entries_[i];
-    fprintf(file, "%s=%s,%0.1f,%0.1f,%0.1f,%0.1f,%0.1f\n", e.filename, e.alias, e.offset, e.fixed, e.blank,
-            e.preuttr, e.overlap);
+    fprintf(file, "%s=%s,%0.1f,%0.1f,%0.1f,%0.1f,%0.1f\n", e.filename, e.alias, e.offset, e.fixed, e.blank, e.preuttr,
+            e.overlap);
   }
   const bool ok = fclose(file) == 0;
   return ok ? count_ : 0;
@@ -201,8 +206,7 @@ int32_t cvoiceset::write_prefixmap(const char* path, const char* charset) {
   if (file == nullptr) return 0;
   if (charset != nullptr) fprintf(file, "Charset:%s\n", charset);
   for (int note = 107; note >= 24; --note) {
-    fprintf(file, "%s%d\t%s\t%s\n", kNames[note % 12], note / 12 - 1, prefixMap[note].prefix,
-            prefixMap[note].suffix);
+    fprintf(file, "%s%d\t%s\t%s\n", kNames[note % 12], note / 12 - 1, prefixMap[note].prefix, prefixMap[note].suffix);
   }
   return fclose(file) == 0 ? 1 : 0;
 }
@@ -437,7 +441,7 @@ int32_t cvoiceset::insert_item(int32_t index, const VoiceData* record) {
   if (record == nullptr) return -1;
   VoiceData copy;
   memcpy(&copy, record, sizeof copy);  // record may live in the array
-  (void)index;  // the larger of index and the count: always the end
+  (void)index;                         // the larger of index and the count: always the end
   if (!grow()) return -1;
   memcpy(&entries_[count_], &copy, sizeof copy);
   touch();

@@ -44,15 +44,16 @@ TEST_F(SntRead, FloatListsTakeTheFirstSeparatorThenCommas) {
   EXPECT_EQ(floats(note(0).PBW), "2:1,2,");  // "2;3" reads as 2
   EXPECT_EQ(floats(note(0).PBY), "3:1,2,0,");
   readNote("PBS=\nPBW=5\nPBW=6,7\n");
-  EXPECT_EQ(floats(note(0).PBS), "1:0,");  // an empty value is one piece
+  EXPECT_EQ(floats(note(0).PBS), "1:0,");    // an empty value is one piece
   EXPECT_EQ(floats(note(0).PBW), "2:6,7,");  // a later line replaces the list
 }
 
 TEST_F(SntRead, ShapeVibratoEnvelopeAndPitchLists) {
   std::string many = "PBM=";
   for (int i = 0; i < 200; ++i) many += "s,";
-  readNote("PBM=,r,,\nVBR=65,,180,x,,5,6,7,8,9,10,11,12\n"
-           "Envelope=0,5,35,0,100,100,0\nPitchBend=2.5,-2.5,,abc,1.4\n");
+  readNote(
+      "PBM=,r,,\nVBR=65,,180,x,,5,6,7,8,9,10,11,12\n"
+      "Envelope=0,5,35,0,100,100,0\nPitchBend=2.5,-2.5,,abc,1.4\n");
   const NoteData& n = note(0);
   ASSERT_NE(n.PBM, nullptr);
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(n.PBM), 5), std::string("\x04\0r\0\0", 5));
@@ -78,9 +79,11 @@ TEST_F(SntRead, ShapeVibratoEnvelopeAndPitchLists) {
 }
 
 TEST_F(SntRead, ScalarKeysAndTheirDefaults) {
-  readNote("Flags=B60\nFlags=g-5" + std::string(40, 'x') + "\nPreUtterance=\nVoiceOverlap=abc\n"
+  readNote("Flags=B60\nFlags=g-5" + std::string(40, 'x') +
+           "\nPreUtterance=\nVoiceOverlap=abc\n"
            "Velocity=fast\nModuration=40\nPiches=7\nIntensity=80\nNoteNum=65\nstptrim=2.5\nlayer=3\n"
-           "Lyric=" + std::string(40, 'l') + "\nLabel=chorus\nStartPoint=12\nUnknownKey=1\n");
+           "Lyric=" +
+           std::string(40, 'l') + "\nLabel=chorus\nStartPoint=12\nUnknownKey=1\n");
   const NoteData& n = note(0);
   EXPECT_EQ(std::string(n.Flags), "B60g-5" + std::string(25, 'x'));  // concatenated, 31 bytes
   EXPECT_TRUE(std::isnan(n.PreUtterance));
@@ -127,8 +130,9 @@ TEST_F(SntRead, SectionsSettingsAndTheTrackEnd) {
 
 TEST_F(SntRead, VersionsAndTheRunningVersion) {
   // The 1.2 form: lengths count and each Delta is the previous length.
-  read("[#VERSION]\nSNT Version1.2\n[#SETTING]\n[#0000]\nLength=240\nLyric=a\n"
-       "[#0001]\nLength=480\nLyric=i\n[#0002]\nLength=120\nDelta=100\nLyric=u\n");
+  read(
+      "[#VERSION]\nSNT Version1.2\n[#SETTING]\n[#0000]\nLength=240\nLyric=a\n"
+      "[#0001]\nLength=480\nLyric=i\n[#0002]\nLength=120\nDelta=100\nLyric=u\n");
   EXPECT_EQ(engine_.sntVersion, 120);
   EXPECT_EQ(note(0).Delta, 0);
   EXPECT_EQ(note(1).Delta, 240);
@@ -191,6 +195,23 @@ TEST_F(SntRead, HostileFilesNeverOverrun) {
   ctonm2 other;
   EXPECT_EQ(other.read_snt(dir_.file("absent.snt").c_str(), nullptr, 0), -1);
   EXPECT_STREQ(other.charset, "");  // settings reset all the same
+}
+
+// "nan" and "inf" read as numbers by strtof; no value of a note may be
+// one (a render took a NaN velocity into a buffer size): they, and numbers
+// past the float range, leave the field as it was.
+TEST_F(SntRead, NumbersThatAreNotFiniteLeaveTheField) {
+  readNote(
+      "Velocity=nan\nPreUtterance=inf\nStartPoint=-inf\nTempo=1e39\nPBW=nan,5,INF\nPBS=nan;1e40\n"
+      "Envelope=0,5,nan,0,100,100,0\n");
+  const NoteData& n = note(0);
+  EXPECT_EQ(n.Velocity, 100.0f);
+  EXPECT_TRUE(std::isnan(n.PreUtterance));  // "not set", as without the key
+  EXPECT_EQ(n.StartPoint, 0.0f);
+  EXPECT_EQ(n.Tempo, 0.0f);
+  ASSERT_EQ(floatListCount(n.PBW), 3);
+  for (int i = 1; i <= 3; ++i) EXPECT_TRUE(std::isfinite(n.PBW[i])) << i;
+  for (float v : n.Envelope) EXPECT_TRUE(std::isfinite(v));
 }
 
 TEST_F(SntRead, ManyNotes) {

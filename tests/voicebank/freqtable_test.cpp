@@ -26,7 +26,8 @@ class FrequencyTables : public ::testing::Test {
     voice.f0 = 220.0;
     voice.seconds = 0.5;
     samples_ = voice.render();
-    ASSERT_EQ(saveWaveFile(sample_.c_str(), samples_.data(), static_cast<int32_t>(samples_.size() * 2), 16, 1, 44100), 0);
+    ASSERT_EQ(saveWaveFile(sample_.c_str(), samples_.data(), static_cast<int32_t>(samples_.size() * 2), 16, 1, 44100),
+              0);
   }
   void setTimes(const std::string& path, time_t when) {
     struct utimbuf times = {when, when};
@@ -98,7 +99,8 @@ TEST_F(FrequencyTables, WrongStepRegeneratesAndOverwrites) {
   const double freq[2] = {1.0, 1.0}, amp[2] = {1.0, 1.0};
   ASSERT_EQ(writeFrequenciesList(sample_.c_str(), freq, amp, 1, 1.0, 512), 1);
   Table t;
-  t.freq = initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "-", samples_.data(), frames(), 44100, 1, 2048, 256);
+  t.freq =
+      initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "-", samples_.data(), frames(), 44100, 1, 2048, 256);
   ASSERT_NE(t.freq, nullptr);
   EXPECT_NEAR(t.average, 220.0, 2.0);
   Table again;
@@ -112,7 +114,8 @@ TEST_F(FrequencyTables, AShortTrustedTableIsUsedAsItIs) {
   ASSERT_EQ(writeFrequenciesList(sample_.c_str(), freq.data(), amp.data(), 10, 100.0, 256), 1);
   const std::string stored = readFile(dir_.file("ka_wav.frq"));
   Table t;
-  t.freq = initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "-", samples_.data(), frames(), 44100, 1, 2048, 256);
+  t.freq =
+      initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "-", samples_.data(), frames(), 44100, 1, 2048, 256);
   ASSERT_NE(t.freq, nullptr);
   EXPECT_EQ(t.average, 100.0);
   EXPECT_EQ(t.freq[9], 100.0);
@@ -150,7 +153,8 @@ TEST_F(FrequencyTables, BinaryTableLayout) {
 
 TEST_F(FrequencyTables, TextDumpWrittenAndConvertedOnFirstUse) {
   Table t;
-  t.freq = initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "GT", samples_.data(), frames(), 44100, 1, 2048, 256);
+  t.freq =
+      initFrequenciesList(&t.amp, &t.average, sample_.c_str(), "GT", samples_.data(), frames(), 44100, 1, 2048, 256);
   ASSERT_NE(t.freq, nullptr);
   const std::string text = readFile(dir_.file("ka_wav.frt"));
   EXPECT_EQ(text.rfind("frequencies list Ver0.03\nfreq_avg: ", 0), 0u);
@@ -171,9 +175,8 @@ TEST_F(FrequencyTables, HostileTablesAreUnusable) {
   const std::string frq = dir_.file("ka_wav.frq");
   const std::string header = std::string("FREQ0003") + le32(256) + le64(200.0) + std::string(16, '\0');
   Table t;
-  for (const std::string& bytes : {header + le32(-5), header + le32(1000000) + std::string(32, '\0'),
-                                   header + le32(0), std::string("FREQ0002") + header.substr(8) + le32(1),
-                                   header.substr(0, 20)}) {
+  for (const std::string& bytes : {header + le32(-5), header + le32(1000000) + std::string(32, '\0'), header + le32(0),
+                                   std::string("FREQ0002") + header.substr(8) + le32(1), header.substr(0, 20)}) {
     writeFile(frq, bytes);
     EXPECT_EQ(readFrequenciesList(sample_.c_str(), &t.freq, &t.amp, &t.average, 256), 0);
   }
@@ -185,11 +188,25 @@ TEST_F(FrequencyTables, HostileTablesAreUnusable) {
     writeFile(frt, text);
     EXPECT_EQ(readFrequenciesText(sample_.c_str(), &t.freq, &t.amp, &t.average, 256), 0);
   }
-  writeFile(frt, "frequencies list Ver0.03\nfreq_avg: 123.5Hz (x)\nstep: 256\nlength: 2\n\n0.5\t100Hz\t(x)\n0.25\t0Hz\n");
+  writeFile(frt,
+            "frequencies list Ver0.03\nfreq_avg: 123.5Hz (x)\nstep: 256\nlength: 2\n\n0.5\t100Hz\t(x)\n0.25\t0Hz\n");
   ASSERT_EQ(readFrequenciesText(sample_.c_str(), &t.freq, &t.amp, &t.average, 256), 2);
   EXPECT_EQ(t.average, 123.5);
   EXPECT_EQ(t.amp[1], 0.25);
   EXPECT_EQ(t.freq[0], 100.0);
+  // Values that are no numbers read as 0, in either form.
+  writeFile(frt, "frequencies list Ver0.03\nfreq_avg: nanHz\nstep: 256\nlength: 2\n\ninf\t100Hz\n0.25\tnanHz\n");
+  Table text;
+  ASSERT_EQ(readFrequenciesText(sample_.c_str(), &text.freq, &text.amp, &text.average, 256), 2);
+  EXPECT_EQ(text.average, 0.0);
+  EXPECT_EQ(text.amp[0], 0.0);
+  EXPECT_EQ(text.freq[1], 0.0);
+  writeFile(frq, header.substr(0, 12) + le64(NAN) + std::string(16, '\0') + le32(1) + le64(INFINITY) + le64(NAN));
+  Table binary;
+  ASSERT_EQ(readFrequenciesList(sample_.c_str(), &binary.freq, &binary.amp, &binary.average, 256), 1);
+  EXPECT_EQ(binary.average, 0.0);
+  EXPECT_EQ(binary.freq[0], 0.0);
+  EXPECT_EQ(binary.amp[0], 0.0);
 }
 
 TEST_F(FrequencyTables, ValueTableAndDisplayCurve) {

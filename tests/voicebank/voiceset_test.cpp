@@ -65,10 +65,16 @@ TEST(VoiceSetReading, LinesChartsetsAndPartialEntries) {
   EXPECT_EQ(ke->overlap, 9.0f);
   EXPECT_EQ(set.search_voicedata("ka"), ka);  // through the file-name rule
 
-  // Appending a second table with a prefix keeps counting.
-  bank.write("more.ini", "ko.wav=ko,1,1,1,1,1\n");
-  EXPECT_EQ(set.read_otoini((bank.folder() + "more.ini").c_str(), "sub/"), 7);
+  // Appending a second table with a prefix keeps counting. Numbers that
+  // are not finite are as unreadable as words.
+  bank.write("more.ini", "ko.wav=ko,1,1,1,1,1\nko2.wav=ko2,nan,inf,-INF,1e39,7\n");
+  EXPECT_EQ(set.read_otoini((bank.folder() + "more.ini").c_str(), "sub/"), 8);
   EXPECT_STREQ(set.get_filename(6), "sub/ko.wav");
+  const VoiceData* ko2 = set.getVoiceEntry(7);
+  EXPECT_EQ(ko2->offset, 0.0f);
+  EXPECT_EQ(ko2->fixed, 0.0f);
+  EXPECT_EQ(ko2->blank, 0.0f);
+  EXPECT_EQ(ko2->overlap, 7.0f);
   EXPECT_STREQ(set.charset(), "");  // emptied on every read
   EXPECT_EQ(set.read_otoini((bank.folder() + "missing.ini").c_str(), ""), -1);
 }
@@ -99,7 +105,7 @@ TEST(VoiceSetReading, TopAndSubfolderTables) {
   ASSERT_EQ(set.count(), 3);
   // The subfolder name became Shift_JIS bytes in the file name.
   EXPECT_EQ(filenameSet(set), (std::multiset<std::string>{"a.wav", "low/ka.wav", "\x8d\x82/ka.wav"}));
-  EXPECT_STREQ(set.get_filename(0), "a.wav");  // the top table comes first
+  EXPECT_STREQ(set.get_filename(0), "a.wav");     // the top table comes first
   EXPECT_STREQ(set.prefixMap[60].suffix, "_C4");  // "prefixmap" before "prefix.map"
 
   convertVoicesetTexts(&set);  // the bank's charset is not UTF-8
@@ -140,7 +146,9 @@ TEST(VoiceSetReading, TablesThatNameNoCharsetAreReadByTheirBytes) {
   // systems save it; a Shift_JIS subfolder table beside it.
   TestBank bank;
   bank.write("oto.ini", "\xef\xbb\xbf\xe3\x81\x82.wav=\xe3\x81\x82,1,2,3,4,5\n");
-  bank.write("prefix.map", "\xef\xbb\xbf" "C4\t\xe5\xbc\xb1\t\n");
+  bank.write("prefix.map",
+             "\xef\xbb\xbf"
+             "C4\t\xe5\xbc\xb1\t\n");
   cvoiceset set;
   ASSERT_GT(set.read_voiceset(bank.path().c_str()), 0);
   convertVoicesetTexts(&set);
@@ -170,13 +178,14 @@ TEST(PrefixMap, ReadSkipsBadRowsAndWriteReadsBack) {
   TestBank bank;
   bank.write("prefix.map",
              "Charset:a-very-long-charset\n"
-             "C8\tp\ts\n"       // 108: out of the table
-             "C-1\tp\ts\n"      // 0: ignored too
-             "H4\tp\ts\n"       // not a note
+             "C8\tp\ts\n"   // 108: out of the table
+             "C-1\tp\ts\n"  // 0: ignored too
+             "H4\tp\ts\n"   // not a note
              "A4\tonly one tab\n"
              "B7\ttop\t\n"
              "C#1\tlo\thi\n"
-             "Bb2\t\t" + std::string(40, 'x') + "\n");
+             "Bb2\t\t" +
+                 std::string(40, 'x') + "\n");
   cvoiceset set;
   EXPECT_EQ(set.read_prefixmap((bank.folder() + "prefix.map").c_str()), 96);
   EXPECT_STREQ(set.prefixMap[0].name, "a-very-long");  // 11 bytes
@@ -358,7 +367,8 @@ TEST(LookupOrder, FallbackWithTheSuffixComesBeforeThePrefixWithoutIt) {
   // fallback prefix with the suffix) is tried before "a し" (the prefix
   // without the suffix), and "a し" before the plain lyric.
   TestBank bank;
-  bank.write("oto.ini", "#Charset:UTF-8\nfall_high.wav=* し_H,1,1,1,1,1\na_shi.wav=a し,1,1,1,1,1\nshi.wav=し,1,1,1,1,1\n");
+  bank.write("oto.ini",
+             "#Charset:UTF-8\nfall_high.wav=* し_H,1,1,1,1,1\na_shi.wav=a し,1,1,1,1,1\nshi.wav=し,1,1,1,1,1\n");
   bank.write("prefix.map", "Charset:UTF-8\nC5\t\t_H\n");
   cvoiceset set;
   ASSERT_GT(set.read_voiceset(bank.path().c_str()), 0);

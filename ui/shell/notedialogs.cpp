@@ -340,10 +340,14 @@ void NoteDetailDialog::apply() {
   std::vector<float> widths, heights;
   std::vector<uint8_t> shapes;
   const int rows = pitch_->rowCount();
+  // A cell that holds no finite number ("nan" and "inf" read as numbers) counts as 0.
+  auto cell = [this](int row, int column) {
+    const float value = pitch_->item(row, column) != nullptr ? pitch_->item(row, column)->text().toFloat() : 0.0f;
+    return std::isfinite(value) ? value : 0.0f;
+  };
   for (int row = 0; row < rows; ++row) {
-    widths.push_back(std::max(0.0f, pitch_->item(row, 0) != nullptr ? pitch_->item(row, 0)->text().toFloat() : 0.0f));
-    if (row + 1 < rows)
-      heights.push_back(pitch_->item(row, 1) != nullptr ? pitch_->item(row, 1)->text().toFloat() / 10.0f : 0.0f);
+    widths.push_back(std::max(0.0f, cell(row, 0)));
+    if (row + 1 < rows) heights.push_back(cell(row, 1) / 10.0f);
     shapes.push_back(shapeCode(static_cast<QComboBox*>(pitch_->cellWidget(row, 2))->currentText()));
   }
   document_->beginNoteEdit(index_, undo::kSet);
