@@ -30,6 +30,18 @@ constexpr int32_t kBins = kFftSize / 2 + 1;  // 0..512
 constexpr int32_t kPaddingFrames = 3072;
 constexpr int32_t kResynthesisStep = 256;
 
+// Whole numbers from doubles that hostile timings (an oto entry of 1e30
+// ms, a tempo of 1e-30) can take anywhere: saturated at the type's range,
+// 0 for what is not a number, where a plain conversion is undefined.
+int32_t toInt32(double v) {
+  return v >= INT32_MIN ? (v <= INT32_MAX ? static_cast<int32_t>(v) : INT32_MAX) : (v < 0.0 ? INT32_MIN : 0);
+}
+int64_t toInt64(double v) {
+  constexpr double kLimit = 9.2e18;
+  return v >= -kLimit ? (v <= kLimit ? static_cast<int64_t>(v) : static_cast<int64_t>(kLimit))
+                      : (v < 0.0 ? -static_cast<int64_t>(kLimit) : 0);
+}
+
 struct FftTables {
   double cosTable[kFftSize];
   double sinTable[kFftSize];
@@ -115,7 +127,7 @@ struct Curve {
   }
 };
 
-int32_t tempoStep(double tempo) { return static_cast<int32_t>(0.625 / tempo * SampleRateOut + 0.5); }
+int32_t tempoStep(double tempo) { return toInt32(0.625 / tempo * SampleRateOut + 0.5); }
 
 // "TEMPO CURVE" (or, when the tempo may be left out, just "CURVE"): the
 // curve's step comes from the tempo; `points` values are decoded (missing
@@ -616,13 +628,13 @@ ResampError setUp(Resampling& r) {
   }
   log_printf(5, "fixed:%0.3lf %0.3lf\n", fixedIn, fixedOut);
 
-  const int32_t offsetS = static_cast<int32_t>(offsetMs * rateIn / 1000.0 + 0.5);
+  const int32_t offsetS = toInt32(offsetMs * rateIn / 1000.0 + 0.5);
   const double blankS = rateIn * blankMs / 1000.0;
   if (blankS < 0.0) {
-    frames = std::min(frames, static_cast<int32_t>(offsetS - blankS));
+    frames = std::min(frames, toInt32(offsetS - blankS));
   } else if (frames > blankS) {
     log_printf(5, "end blank %0.3lf\n", blankS);
-    frames -= static_cast<int32_t>(blankS);
+    frames -= toInt32(blankS);
   }
   if (frames <= offsetS) {
     log_printf(2, "Parameter error. Not enough samples.\n");
@@ -636,8 +648,8 @@ ResampError setUp(Resampling& r) {
   velocityFactor = std::pow(2.0, note->Velocity / 100.0 - 1.0);
   const double volume = note->Intensity / 100.0;
   const double startPointMs = static_cast<double>(note->_stp) + note->stptrim;
-  const int32_t lead = static_cast<int32_t>(startPointMs / 1000.0 * SampleRateOut * ratio * velocityFactor + 0.5);
-  const int32_t start = offsetS + lead;
+  const int32_t lead = toInt32(startPointMs / 1000.0 * SampleRateOut * ratio * velocityFactor + 0.5);
+  const int32_t start = toInt32(static_cast<double>(offsetS) + lead);
   fixedIn -= lead;
   fixedOut -= lead / ratio;
   double usable = frames - start;
@@ -647,7 +659,7 @@ ResampError setUp(Resampling& r) {
     const double target = (lengthMs - startPointMs + 1.0) / 1000.0 * SampleRateOut;
     const double consonant = fixedOut / velocityFactor;
     if (consonant > target) {  // the note ends inside the consonant
-      const double m = static_cast<int64_t>(velocityFactor * target * ratio + 0.5);
+      const double m = static_cast<double>(toInt64(velocityFactor * target * ratio + 0.5));
       if (usable > m) {
         usable = m;
       } else {
@@ -656,7 +668,7 @@ ResampError setUp(Resampling& r) {
     } else {
       const double rest = (target - consonant) * ratio;
       if (usable - fixedIn > rest) {
-        usable = static_cast<int64_t>(rest + fixedIn);
+        usable = static_cast<double>(toInt64(rest + fixedIn));
       } else {
         stretch = rest / (usable - fixedIn);
         log_printf(5, "velocity=%lf\n", velocityFactor);
@@ -672,8 +684,12 @@ ResampError setUp(Resampling& r) {
   // by the rate ratio (the same at 44.1 kHz, where the ratio is 1).
   const double lengthOut = fixedIn != 0.0 ? (usable - fixedIn) * stretch / ratio + fixedOut / velocityFactor + 0.5
                                           : usable * stretch / ratio + 0.5;
-  const int32_t n = lengthOut > 0.0 && lengthOut < 1e9 ? static_cast<int32_t>(lengthOut) : 0;
-  log_printf(5, "Length %d -> %d\n", static_cast<int32_t>(usable), n);
+  // Timings so absurd that the read would run at an infinite or undefined
+  // rate (a velocity of 1e30) sing nothing.
+  const bool sound = std::isfinite(velocityFactor) && std::isfinite(stretch) && std::isfinite(fixedIn) &&
+                     std::isfinite(fixedOut) && std::isfinite(ratio / stretch);
+  const int32_t n = sound && lengthOut > 0.0 && lengthOut < 1e9 ? static_cast<int32_t>(lengthOut) : 0;
+  log_printf(5, "Length %d -> %d\n", toInt32(usable), n);
 
   r.rateIn = rateIn;
   r.loadedFrames = loadedFrames;
@@ -1063,7 +1079,7 @@ void correctFormants(Resampling& r) {
   flags.integer('F', &formantFactor);
   flags.integer('L', &lowBand);
   flags.number('f', &fce);
-  int32_t low = static_cast<int32_t>(1024.0 / SampleRateOut * noteFrequency * formantFactor + 0.5);
+  int32_t low = toInt32(1024.0 / SampleRateOut * noteFrequency * formantFactor + 0.5);
   if (lowBand >= 1) low = 4 * lowBand;
   low = std::clamp(low, 0, 35);
   const double gen = std::pow(10.0, gFlag / 200.0);
@@ -1209,6 +1225,7 @@ double* resamp(const char* path, const NoteData* note, float lengthMs, int32_t* 
   Resampling r(path, note, lengthMs, tempo);
   failure = setUp(r);
   if (failure != ResampError::kNone) return nullptr;
+  if (r.n == 0) return static_cast<double*>(calloc(1, sizeof(double)));  // nothing to sing: an empty note
   makePitchCurve(r);
   readEnvironment(r);
   if (!stretchAndShift(r)) return nullptr;

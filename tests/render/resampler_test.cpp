@@ -229,6 +229,30 @@ TEST_F(Resampler, HostileFrequencyTablesGiveFiniteNotes) {
   }
 }
 
+// Timings from an oto entry or a note can be anything a file holds: each
+// absurd one gives a note of finite samples, or an empty one, never an
+// undefined conversion or a buffer the size of the number.
+TEST_F(Resampler, HostileTimingsGiveFiniteNotes) {
+  for (int field = 0; field < 6; ++field) {
+    for (const float value : {1e30f, -1e30f, 3e9f}) {
+      SCOPED_TRACE(std::to_string(field) + " " + std::to_string(value));
+      setUpVowelNote(&entry_, &note_);
+      float length = 400.0f, tempo = 120.0f;
+      if (field == 0) entry_.offset = value;
+      if (field == 1) entry_.fixed = value;
+      if (field == 2) entry_.blank = value;
+      if (field == 3) note_._stp = value;
+      if (field == 4) note_.Velocity = value;
+      if (field == 5) tempo = 1.0f / value, length = value;
+      int32_t count = 0;
+      double* values = resamp(path_->c_str(), &note_, length, &count, tempo);
+      EXPECT_LT(count, 44100 * 60);
+      for (int32_t k = 0; values != nullptr && k < count; ++k) ASSERT_TRUE(std::isfinite(values[k])) << k;
+      free(values);
+    }
+  }
+}
+
 TEST_F(Resampler, RenderWritesASixteenBitFile) {
   const std::string out = folder_->file("note.wav");
   ASSERT_EQ(::render(path_->c_str(), out.c_str(), &note_, 500.0f, 120.0f), 0);
