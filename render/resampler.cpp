@@ -652,7 +652,7 @@ ResampError setUp(Resampling& r) {
   const int32_t start = toInt32(static_cast<double>(offsetS) + lead);
   fixedIn -= lead;
   fixedOut -= lead / ratio;
-  double usable = frames - start;
+  double usable = static_cast<double>(frames) - start;  // start may be far out (a hostile start point)
 
   double stretch = 1.0;
   if (lengthMs > 0.0f) {
