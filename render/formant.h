@@ -18,7 +18,9 @@
 //
 // The aperiodic buffer is resynthesised from an analysis at the sample's
 // own rate (moved by gen only, through the analysis stride), so its
-// envelope already is the target: it gets the equalizer alone.
+// envelope already is the target: it gets the equalizer alone. For the
+// same reason the resampler hands y over without the aperiodic share of
+// its first mix, and adds that share back from the equalized buffer.
 #pragma once
 
 #include <cstdint>
