@@ -25,6 +25,7 @@
 #include "support/textcopy.h"
 #include "support/userdirs.h"
 #include "ui/shell/bankeditor.h"
+#include "ui/shell/dialogbuttons.h"
 #include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
 #include "voicebank/voiceprofile.h"
@@ -238,9 +239,7 @@ PrefixMapDialog::PrefixMapDialog(EditorDocument* document, QWidget* parent) : QD
     table_->setItem(row, 1, new QTableWidgetItem(set != nullptr ? QString::fromUtf8(set->prefixMap[note].prefix) : ""));
     table_->setItem(row, 2, new QTableWidgetItem(set != nullptr ? QString::fromUtf8(set->prefixMap[note].suffix) : ""));
   }
-  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Save | QDialogButtonBox::Cancel, this);
-  connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
-  connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+  auto* buttons = dialogButtons(this, QDialogButtonBox::Save | QDialogButtonBox::Cancel);
   layout->addWidget(table_);
   layout->addWidget(buttons);
   resize(420, 560);

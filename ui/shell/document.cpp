@@ -133,8 +133,7 @@ bool EditorDocument::setVoiceFolder(const QString& folder, QString* error) {
   emit editStarting();
   const std::string path = folder.toStdString();
   model_->changeVoiceSet(path.c_str(), true);
-  ++revision_;
-  emit changed();
+  touch();
   if (voiceEntryCount() == 0) {
     *error = tr("No voice bank entries at %1").arg(folder);
     return false;
@@ -151,8 +150,7 @@ void EditorDocument::beginEdit(uint32_t cmd) {
 void EditorDocument::endEdit(uint32_t cmd) {
   history().endSession(cmd, model_->undoCallback());
   sessionOpen_ = false;
-  ++revision_;
-  emit changed();
+  touch();
 }
 
 void EditorDocument::beginNoteEdit(int32_t index, uint32_t cmd) {
@@ -164,30 +162,26 @@ void EditorDocument::beginNoteEdit(int32_t index, uint32_t cmd) {
 void EditorDocument::endNoteEdit(int32_t index, uint32_t cmd) {
   history().endSession(index, cmd, model_->undoCallback());
   sessionOpen_ = false;
-  ++revision_;
-  emit changed();
+  touch();
 }
 
 void EditorDocument::markOtherModified() {
   history().setOtherModified(model_->undoCallback());
-  ++revision_;
-  emit changed();
+  touch();
 }
 
 void EditorDocument::undo() {
   if (!history().isCanUndo()) return;
   emit editStarting();
   history().undo(model_->undoCallback());
-  ++revision_;
-  emit changed();
+  touch();
 }
 
 void EditorDocument::redo() {
   if (!history().isCanRedo()) return;
   emit editStarting();
   history().redo(model_->undoCallback());
-  ++revision_;
-  emit changed();
+  touch();
 }
 
 void EditorDocument::touch() {

@@ -38,6 +38,7 @@
 #include "support/userdirs.h"
 #include "ui/shell/bankdialogs.h"
 #include "ui/shell/bankeditor.h"
+#include "ui/shell/dialogbuttons.h"
 #include "ui/shell/document.h"
 #include "ui/shell/notedialogs.h"
 #include "ui/shell/player.h"
@@ -640,10 +641,8 @@ void MainWindow::propertiesDialog() {
   form->addRow(tr("Voice folder"), voiceRow);
   form->addRow(tr("Output file"), output);
   form->addRow(tr("Flags"), flags);
-  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, &dialog);
+  auto* buttons = dialogButtons(&dialog);
   form->addRow(buttons);
-  connect(buttons, &QDialogButtonBox::accepted, &dialog, &QDialog::accept);
-  connect(buttons, &QDialogButtonBox::rejected, &dialog, &QDialog::reject);
   if (dialog.exec() != QDialog::Accepted) return;
   Player::instance().stop();
   engine.set_projectName(name->text().toUtf8().constData());

@@ -22,6 +22,7 @@
 
 #include "editing/undoman.h"
 #include "support/textcopy.h"
+#include "ui/shell/dialogbuttons.h"
 #include "ui/shell/document.h"
 #include "voicebank/voiceset.h"
 
@@ -157,9 +158,7 @@ NotePropertiesDialog::NotePropertiesDialog(EditorDocument* document, QWidget* pa
     editors_.push_back(edit);
     initial_.push_back(edit->text());
   }
-  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, this);
-  connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
-  connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+  auto* buttons = dialogButtons(this);
   form->addRow(buttons);
 }
 
@@ -328,9 +327,7 @@ NoteDetailDialog::NoteDetailDialog(EditorDocument* document, int index, QWidget*
   envelopeGrid->addWidget(extended_, 3, 0, 1, 8);
   layout->addWidget(envelopeBox);
 
-  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, this);
-  connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
-  connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+  auto* buttons = dialogButtons(this);
   layout->addWidget(buttons);
 }
 
@@ -406,9 +403,7 @@ AssistantDialog::AssistantDialog(EditorDocument* document, QWidget* parent) : QD
   form->addRow(tr("Vibrato length (share of the note)"), share_);
   form->addRow(tr("Skip notes shorter than"), shortest_);
   form->addRow(pitchLines_);
-  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, this);
-  connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
-  connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+  auto* buttons = dialogButtons(this);
   form->addRow(buttons);
 }
 

@@ -26,6 +26,7 @@
 #include "playback/sdl_output.h"
 #include "render/cache.h"
 #include "support/log.h"
+#include "ui/shell/dialogbuttons.h"
 #include "ui/shell/mainwindow.h"
 #include "ui/shell/player.h"
 
@@ -153,9 +154,7 @@ PreferencesDialog::PreferencesDialog(MainWindow* window) : QDialog(window), wind
   keysLayout->addWidget(shortcuts_);
   tabs->addTab(keys, tr("Shortcuts"));
 
-  auto* buttons = new QDialogButtonBox(QDialogButtonBox::Ok | QDialogButtonBox::Cancel, this);
-  connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
-  connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
+  auto* buttons = dialogButtons(this);
   layout->addWidget(buttons);
 
   connect(tone, &QPushButton::clicked, this, [this] {
