@@ -25,7 +25,7 @@ namespace {
 
 constexpr double kSourceHz = 220.0;  // A3, note 57
 
-// The formant peaks of a signal at pitch `hz`, two ways: from the averaged
+// The formant peaks of a signal, two ways: from the averaged
 // envelope of the project's estimator, and from a plain LPC of the middle.
 struct Peaks {
   double envelope[3];
@@ -87,7 +87,7 @@ std::vector<double> lpcSpectrum(const std::vector<double>& x, int order, double 
   return out;
 }
 
-Peaks peaksOf(const std::vector<double>& signal, double, double rate = 44100.0) {
+Peaks peaksOf(const std::vector<double>& signal, double rate = 44100.0) {
   Peaks peaks{};
   // Pre-emphasis takes the source's tilt away, so that peaks are the
   // resonances' and not shifted down the slope.
@@ -334,7 +334,7 @@ INSTANTIATE_TEST_SUITE_P(Semitones, FormantShift, ::testing::Values(-7, -5, 3, 7
 // F1 where the harmonics do not sit so close to it that it takes one of
 // them for it.
 TEST_F(Formant, ResonancePeaksStayWithinFivePercent) {
-  const Peaks source = peaksOf(*source_, kSourceHz);
+  const Peaks source = peaksOf(*source_);
   const Formants fitted = fittedFormants(*source_, kSourceHz);
   for (int shift : {-7, -5, 3, 7, 12}) {
     SCOPED_TRACE(shift);
@@ -354,7 +354,7 @@ TEST_F(Formant, ResonancePeaksStayWithinFivePercent) {
       plainWorst = std::max(plainWorst, std::fabs(plain.hz[f] / fitted.hz[f] - 1.0));
     }
     EXPECT_GT(plainWorst, 0.15);  // without the stage they move with the pitch
-    const Peaks peaks = peaksOf(corrected, 0);
+    const Peaks peaks = peaksOf(corrected);
     EXPECT_NEAR(peaks.envelope[2] / source.envelope[2], 1.0, 0.05);
     EXPECT_NEAR(peaks.lpc[2] / source.lpc[2], 1.0, 0.05);
     // At -7 the fourth harmonic (660 Hz) sits on F1 and pulls the LPC's
