@@ -24,7 +24,7 @@ const Command kCommands[] = {
     {"play", "play a project through the sound card while it renders", kPlayUsage, runPlay},
     {"info", "show a project's settings and notes", kInfoUsage, runInfo},
     {"edit", "apply editing operations to a project", kEditUsage, runEdit},
-    {"recover", "show or copy the project an editing session left behind", kRecoverUsage, runRecover},
+    {"recover", "list or copy the projects editing sessions left behind", kRecoverUsage, runRecover},
     {"convert", "write a project in the 1.2 or 2.0 form", kConvertUsage, runConvert},
     {"cache", "show or empty the render cache", kCacheUsage, runCache},
     {"import", "make a project of a MIDI file's notes and lyrics", kImportUsage, runImport},

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "editing/noteman.h"
 #include "editing/undoman.h"
@@ -27,6 +28,9 @@ class CCNoteMan {
   void setUndoView(UndoView* view) { notifier_.setView(view); }
   // Off: the recovery file is left alone.
   void setKeepRecovery(bool keep) { notifier_.setKeepRecovery(keep); }
+  // Where the recovery copy is kept (empty: the recovery file).
+  void setRecoveryPath(const std::string& path) { notifier_.setRecoveryPath(path); }
+  const std::string& recoveryPath() const { return notifier_.recoveryPath(); }
 
   int32_t drawmode() const { return drawmode_; }
   void setDrawmode(int32_t mode) { drawmode_ = mode; }

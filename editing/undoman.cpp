@@ -9,6 +9,7 @@
 
 #include "editing/noteman.h"
 #include "editing/noteserial.h"
+#include "editing/recovery.h"
 #include "editing/scaleman.h"
 #include "support/safe_output.h"
 #include "support/userdirs.h"
@@ -333,7 +334,9 @@ int32_t CUndoMan::pushUndo(UndoCallback* callback) {
   }
   // A push discards the redo branch. Only a history that is full up to
   // its position drops its oldest step: a redo step kept below the new
-  // one would later be undone without ever having been redone.
+  // one would later be undone without ever having been redone. A save
+  // point on the discarded branch can never be reached again.
+  if (savePoint_ > position_) savePoint_ = -1;
   for (int32_t k = position_; k < count_; ++k) {
     freeData(&undoList_[k]);
     freeData(&redoList_[k]);
@@ -556,24 +559,28 @@ bool writeRecoveryFile(CNoteMan& notes, const std::string& path) {
   return written && out.commit();
 }
 
-void undo_callback(CNoteMan& notes, UndoView* view, uint32_t undoCode, uint32_t redoCode, bool modified) {
+void undo_callback(CNoteMan& notes, UndoView* view, uint32_t undoCode, uint32_t redoCode, bool modified,
+                   const std::string& recoveryPath) {
   if (view != nullptr) {
     view->setMenuTitles(undoMenuTitle(undoCode), redoMenuTitle(redoCode));
     view->setEdited(modified);
   }
-  const std::string folder = userFolder(UserFolder::kRecovery, true);
-  if (folder.empty()) return;
-  const std::string path = folder + "/.temp.snt";
+  std::string path = recoveryPath;
+  if (path.empty()) {
+    const std::string folder = userFolder(UserFolder::kRecovery, true);
+    if (folder.empty()) return;
+    path = folder + "/.temp.snt";
+  }
   if (modified) {
-    writeRecoveryFile(notes, path);
+    writeRecoveryCopy(notes, path, notes.engine()->projectPath);
   } else {
-    unlink(path.c_str());
+    removeRecoveryCopy(path);
   }
 }
 
 void CUndoNotifier::operator()(uint32_t undoCode, uint32_t redoCode, bool modified) {
   if (keepRecovery_) {
-    undo_callback(notes_, view_, undoCode, redoCode, modified);
+    undo_callback(notes_, view_, undoCode, redoCode, modified, recoveryPath_);
   } else if (view_ != nullptr) {
     view_->setMenuTitles(undoMenuTitle(undoCode), redoMenuTitle(redoCode));
     view_->setEdited(modified);

@@ -157,11 +157,13 @@ std::string redoMenuTitle(uint32_t code);
 std::string recoveryFilePath();
 
 // The editor's notification: retitles the menu items and marks the window
-// through `view` (may be null), and keeps the recovery file: when
-// modified, the whole project is written there (to a temporary name, then
-// renamed, so that a crash leaves the old file or the new one, never a
-// torn one); when not, it is removed.
-void undo_callback(CNoteMan& notes, UndoView* view, uint32_t undoCode, uint32_t redoCode, bool modified);
+// through `view` (may be null), and keeps the recovery copy at
+// `recoveryPath` (empty: the recovery file): when modified, the whole
+// project is written there (to a temporary name, then renamed, so that a
+// crash leaves the old file or the new one, never a torn one) with the
+// project's path beside it; when not, it is removed.
+void undo_callback(CNoteMan& notes, UndoView* view, uint32_t undoCode, uint32_t redoCode, bool modified,
+                   const std::string& recoveryPath = std::string());
 
 // undo_callback as an UndoCallback. With `keepRecovery` off the recovery
 // file is left alone (a command that must not touch another session's).
@@ -172,11 +174,15 @@ class CUndoNotifier : public UndoCallback {
   void operator()(uint32_t undoCode, uint32_t redoCode, bool modified) override;
   void setView(UndoView* view) { view_ = view; }
   void setKeepRecovery(bool keep) { keepRecovery_ = keep; }
+  // Where the copy is kept (empty: the recovery file).
+  void setRecoveryPath(const std::string& path) { recoveryPath_ = path; }
+  const std::string& recoveryPath() const { return recoveryPath_; }
 
  private:
   CNoteMan& notes_;
   UndoView* view_;
   bool keepRecovery_;
+  std::string recoveryPath_;
 };
 
 // Writes the project as a recovery copy at `path` (the 2.0 form, so that

@@ -10,6 +10,7 @@
 #include <map>
 
 #include "editing/noteman.h"
+#include "editing/scaleman.h"
 #include "midi/midifile.h"
 #include "midi/vsqtable.h"
 #include "support/multibyte.h"
@@ -420,17 +421,48 @@ bool CMIDIMan::writeSMFFile(const char* path, CNoteMan* man) {
     body();
     endTrack(out, lengthAt);
   };
-  // The conductor: the song's tempo, then every change at its place.
+  // The conductor: the song's tempo, then every tempo change and every
+  // time signature at its place (signatures first on a tick).
+  struct Conductor {
+    int64_t tick;
+    float bpm;  // 0: a time signature
+    int32_t beats, note;
+  };
+  std::vector<Conductor> conductor;
+  int64_t at = 0;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    at += engine.notes[i].Delta;
+    if (engine.notes[i].Tempo > 0.0f) conductor.push_back({at, engine.notes[i].Tempo, 0, 0});
+  }
+  const CScaleMan* scale = man->scale();
+  int64_t measureTick = 0;
+  for (int32_t k = 0; scale != nullptr && k < scale->count(); ++k) {
+    const TimeSignature& signature = scale->entries()[k];
+    if (signature.beats < 1 || signature.beats > 255 || signature.note < 1) continue;
+    conductor.push_back({measureTick, 0.0f, signature.beats, signature.note});
+    if (signature.measures <= 0) break;
+    measureTick += static_cast<int64_t>(signature.measures) * 1920 * signature.beats / signature.note;
+  }
+  std::stable_sort(conductor.begin(), conductor.end(), [](const Conductor& a, const Conductor& b) {
+    return a.tick != b.tick ? a.tick < b.tick : (a.bpm == 0.0f) > (b.bpm == 0.0f);
+  });
   writeTrack([&] {
     out.writeDeltaTime(0);
     out.writeMetaText(0x03, engine.projectName);
     writeTempoEvent(out, 0, engine.tempo);
-    int64_t position = 0, last = 0;
-    for (int32_t i = 0; i < engine.noteCount; ++i) {
-      position += engine.notes[i].Delta;
-      if (engine.notes[i].Tempo <= 0.0f) continue;
-      writeTempoEvent(out, static_cast<int32_t>(position - last), engine.notes[i].Tempo);
-      last = position;
+    int64_t last = 0;
+    for (const Conductor& event : conductor) {
+      const int32_t delta = static_cast<int32_t>(event.tick - last);
+      last = event.tick;
+      if (event.bpm > 0.0f) {
+        writeTempoEvent(out, delta, event.bpm);
+        continue;
+      }
+      int32_t power = 0;
+      while ((1 << (power + 1)) <= event.note && power < 6) ++power;
+      out.writeDeltaTime(delta);
+      const uint8_t meta[] = {0xFF, 0x58, 0x04, static_cast<uint8_t>(event.beats), static_cast<uint8_t>(power), 24, 8};
+      out.writeBytes(meta, sizeof meta);
     }
   });
 

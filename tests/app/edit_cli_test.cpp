@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -178,4 +179,26 @@ TEST_F(EditCommand, RecoverShowsAndCopiesTheRecoveryFile) {
   EXPECT_EQ(run.status, 0);
   EXPECT_NE(run.err.find("recovery file is waiting"), std::string::npos);
   EXPECT_EQ(readFile(folder + "/.temp.snt"), kProject);
+
+  // An editor window's copy too, with the project's path beside it: both
+  // listed, and -o needs to be told which.
+  writeFile(folder + "/.temp-1-3.snt", "[#SETTING]\nProjectName=other\n[#TRACKEND]\n");
+  writeFile(folder + "/.temp-1-3.snt.path", "/songs/other.snt\n");
+  run = runTona({"recover"});
+  EXPECT_EQ(run.status, 0);
+  EXPECT_NE(run.out.find("1.\n"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("2.\n"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("project:       /songs/other.snt\nname:          other\n"), std::string::npos) << run.out;
+  run = runTona({"recover", "-o", dir_.file("which.snt")});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("2 recovery files: say which"), std::string::npos) << run.err;
+  EXPECT_FALSE(fileExists(dir_.file("which.snt")));
+  EXPECT_EQ(runTona({"recover", "3"}).status, 2);
+  std::set<std::string> copied;
+  for (const char* n : {"1", "2"}) {
+    run = runTona({"recover", n, "-o", dir_.file(std::string(n) + ".snt")});
+    ASSERT_EQ(run.status, 0) << run.err;
+    copied.insert(readFile(dir_.file(std::string(n) + ".snt")));
+  }
+  EXPECT_EQ(copied, (std::set<std::string>{kProject, "[#SETTING]\nProjectName=other\n[#TRACKEND]\n"}));
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 
 #include "editing/ccnoteman.h"
 #include "editing/noteserial.h"
+#include "editing/recovery.h"
 #include "editing/scaleman.h"
 #include "tests/engine/notes.h"
 #include "support/userdirs.h"
@@ -299,6 +301,54 @@ TEST_F(Undo, ModifiedStateFollowsTheSavePoint) {
   EXPECT_FALSE(history().getModified());
 }
 
+TEST_F(Undo, ModifiedIsTrueExactlyWhenTheNotesDifferFromTheSavedFile) {
+  // Random edits, saves, undos and redos (an edit that replaces undone
+  // steps past the save point makes the saved state unreachable: the
+  // first such case comes at step 12). Every edit writes a lyric never
+  // used before, so no two history positions hold the same notes, and
+  // "modified" must say exactly whether the file written now would differ
+  // from the one saved last.
+  owner_.setKeepRecovery(false);
+  TempDir dir;
+  const std::string saved = dir.file("saved.snt"), now = dir.file("now.snt");
+  ASSERT_EQ(man().writeSnt(saved.c_str(), nullptr), 1);
+  const uint32_t seed = 20261125;
+  std::mt19937 random(seed);
+  int token = 0;
+  for (int step = 0; step < 1200; ++step) {
+    const int roll = static_cast<int>(random() % 100);
+    std::string what;
+    if (roll < 45) {
+      const std::string lyric = "w" + std::to_string(++token);
+      if (random() % 2 == 0) {
+        what = "add";
+        history().beginSession(-1, undo::kAdd);
+        const int at = man().insertNotePosition(static_cast<int64_t>(random() % 4000), 240, 60, lyric.c_str());
+        history().endSession(at, undo::kAdd, &recorder_);
+      } else {
+        what = "lyric";
+        const int index = static_cast<int>(random() % static_cast<uint32_t>(man().noteCount()));
+        history().beginSession(index, undo::kLyric);
+        man().setLyric(index, lyric.c_str());
+        history().endSession(index, undo::kLyric, &recorder_);
+      }
+    } else if (roll < 70) {
+      what = "undo";
+      history().undo(&recorder_);
+    } else if (roll < 88) {
+      what = "redo";
+      history().redo(&recorder_);
+    } else {
+      what = "save";
+      ASSERT_EQ(man().writeSnt(saved.c_str(), nullptr), 1);
+      history().setSavePoint(&recorder_);
+    }
+    ASSERT_EQ(man().writeSnt(now.c_str(), nullptr), 1);
+    const bool differs = readFile(now) != readFile(saved);
+    ASSERT_EQ(history().getModified(), differs) << "seed " << seed << ", step " << step << " (" << what << ")";
+  }
+}
+
 TEST_F(Undo, BrokenSessionProtocolAborts) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   select({0});
@@ -385,4 +435,60 @@ TEST_F(Undo, RecoveryFileIsNeverTorn) {
     const int sections = reread.openSnt(path.c_str(), nullptr);
     EXPECT_TRUE(sections == 1 || sections == 408) << "round " << round << ": " << sections;
   }
+}
+
+TEST_F(Undo, EachWindowKeepsItsOwnCopyListedOnceItsProcessHasEnded) {
+  // A child process is an editor with two windows: their copies, each with
+  // the project's path beside it, are not offered while it runs, and are
+  // once it has been killed.
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    CScaleMan scale;
+    CCNoteMan first(&scale), second(&scale);
+    NoteData note = makeNote("ka");
+    first.noteman()->engine()->insert_note(0, &note);
+    first.noteman()->engine()->set_projectName("song one");
+    first.setRecoveryPath(newRecoveryCopyPath());
+    second.setRecoveryPath(newRecoveryCopyPath());
+    first.noteman()->engine()->set_projectPath("/music/one.snt");
+    first.undoman()->setOtherModified(first.undoCallback());
+    second.undoman()->setOtherModified(second.undoCallback());
+    const char byte = 1;
+    if (write(ready[1], &byte, 1) != 1) _exit(1);
+    pause();
+    _exit(0);
+  }
+  close(ready[1]);
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  close(ready[0]);
+  EXPECT_TRUE(findRecoveryCopies().empty());  // still running
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+
+  const std::string folder = home_.path() + "/.local/state/tona/temp";
+  ASSERT_EQ(mkfifo((folder + "/.temp-1-1.snt").c_str(), 0600), 0);  // not a file: never opened
+  const std::vector<RecoveryCopy> copies = findRecoveryCopies();
+  ASSERT_EQ(copies.size(), 2u);
+  const std::string prefix = folder + "/.temp-" + std::to_string(child) + "-";
+  EXPECT_TRUE(copies[0].file.rfind(prefix, 0) == 0 && copies[1].file.rfind(prefix, 0) == 0);
+  const RecoveryCopy& one = copies[0].projectPath.empty() ? copies[1] : copies[0];
+  const RecoveryCopy& two = copies[0].projectPath.empty() ? copies[0] : copies[1];
+  EXPECT_EQ(one.projectPath, "/music/one.snt");
+  EXPECT_EQ(one.projectName, "song one");
+  EXPECT_EQ(one.noteCount, 1);
+  EXPECT_EQ(two.projectPath, "");
+  EXPECT_EQ(two.projectName, "");  // none of its own
+  EXPECT_EQ(two.noteCount, 0);
+  EXPECT_EQ(recoveryCopyProjectPath(one.file), "/music/one.snt");
+
+  // Taken back: the copy, what is beside it, and the ended process's lock go.
+  removeRecoveryCopy(one.file);
+  removeRecoveryCopy(two.file);
+  EXPECT_FALSE(fileExists(one.file + ".path"));
+  EXPECT_TRUE(findRecoveryCopies().empty());
+  EXPECT_FALSE(fileExists(folder + "/.temp-" + std::to_string(child) + ".lock"));
 }

@@ -227,6 +227,17 @@ TEST_F(Midi, ExportedAndImportedAgain) {
   std::string signatures;
   ASSERT_EQ(midi_.importMIDIFile(path.c_str(), 1, -1, &back, &signatures), 3);
   EXPECT_NEAR(back.getNote(back.noteCount() - 1)->Intensity, 50, 2);
+  EXPECT_EQ(signatures, "(4/4/0),");
+
+  // Time signatures go out at their measures (after the tempo, the same
+  // tick as a tempo change) and come back.
+  for (const char* text : {"(3/4/0),", "(2/2/3),(3/4/0),"}) {
+    scale.unserializeText(text);
+    ASSERT_TRUE(midi_.writeSMFFile(path.c_str(), &man));
+    ASSERT_EQ(midi_.importMIDIFile(path.c_str(), 1, -1, &back, &signatures), 3);
+    EXPECT_EQ(signatures, text);
+    EXPECT_EQ(import(path, 1), "\xe3\x81\x8b@0:480/60 T150@480 \xe3\x81\x95@480:240/64 \xe3\x82\x89@960:960/67 ");
+  }
 }
 
 TEST(Vsq, KanaPhonemeTableAndLyricConversions) {
