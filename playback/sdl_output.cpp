@@ -40,6 +40,9 @@ class SdlAudio {
  public:
   SdlAudio() {
     QuietStderr quiet;
+    // The programs handle their own signals: SDL's handlers would turn
+    // SIGTERM into an event nobody reads, and the process would not end.
+    SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
     ok_ = SDL_InitSubSystem(SDL_INIT_AUDIO) == 0;
   }
   ~SdlAudio() {

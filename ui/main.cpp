@@ -1,13 +1,18 @@
 // tona-editor: the desktop editor.
 //
-//   tona-editor [PROJECT]
+//   tona-editor [--play] [PROJECT]
 //   tona-editor --screenshot OUT.png [--size WIDTHxHEIGHT] [PROJECT]
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <QApplication>
 #include <QDir>
 #include <QFileInfo>
 #include <QLocale>
 #include <QSettings>
+#include <QSocketNotifier>
 #include <QTableView>
 #include <QTimer>
 #include <cstdio>
@@ -20,6 +25,7 @@
 #include "ui/shell/bankeditor.h"
 #include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
+#include "ui/shell/player.h"
 #include "ui/shell/preferences.h"
 #include "ui/shell/startup.h"
 #include "ui/shell/texts.h"
@@ -28,12 +34,13 @@
 namespace {
 
 const char kUsage[] =
-    "usage: tona-editor [PROJECT]\n"
+    "usage: tona-editor [--play] [PROJECT]\n"
     "       tona-editor --screenshot OUT.png [--size WIDTHxHEIGHT] [--select FIRST[-LAST]] [PROJECT]\n"
     "       tona-editor --entries BANK [--screenshot OUT.png [--size WIDTHxHEIGHT] [--select ROW]]\n"
     "\n"
     "Opens PROJECT (an .snt file) in the desktop editor, or a new project; a\n"
-    "MIDI (.mid) or VSQ (.vsq) file is imported as a new project.\n"
+    "MIDI (.mid) or VSQ (.vsq) file is imported as a new project. With\n"
+    "--play, plays it from the start once it is open.\n"
     "With --screenshot, lays out the window off screen, writes it as a PNG\n"
     "picture (1280x800 unless --size says otherwise) and exits; --select\n"
     "selects notes FIRST to LAST (counted from 0) first, to show their handles.\n"
@@ -43,6 +50,36 @@ const char kUsage[] =
 int fail(const char* message) {
   fprintf(stderr, "tona-editor: %s\n", message);
   return 2;
+}
+
+// SIGTERM and SIGHUP (a logout, a kill) end the editor without questions:
+// every project with unsaved edits is in its recovery copy already, and
+// the copies stay for the next start. The handler only writes the signal
+// to a pipe; the event loop reads it.
+int signalPipe[2] = {-1, -1};
+
+void onTerminate(int signal) {
+  const char byte = static_cast<char>(signal);
+  const ssize_t written = write(signalPipe[1], &byte, 1);
+  static_cast<void>(written);
+}
+
+void handleTermination(QApplication* app) {
+  if (pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return;
+  struct sigaction action = {};
+  action.sa_handler = onTerminate;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGHUP, &action, nullptr);
+  auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, app);
+  QObject::connect(notifier, &QSocketNotifier::activated, app, [app] {
+    char byte = 0;
+    while (read(signalPipe[0], &byte, 1) == 1) {
+    }
+    Player::instance().stop();
+    app->exit(0);
+  });
 }
 
 // The widget as laid out, as a PNG file; the exit status.
@@ -58,6 +95,7 @@ int main(int argc, char** argv) {
   std::string screenshot, project, entries;
   int width = 1280, height = 800;
   int selectFirst = -1, selectLast = -1;
+  bool play = false;
   for (int i = 1; i < argc; ++i) {
     const char* arg = argv[i];
     if (strcmp(arg, "--help") == 0 || strcmp(arg, "-h") == 0) {
@@ -68,7 +106,9 @@ int main(int argc, char** argv) {
       printf("tona-editor %s\n", TONA_VERSION);
       return 0;
     }
-    if (strcmp(arg, "--screenshot") == 0) {
+    if (strcmp(arg, "--play") == 0) {
+      play = true;
+    } else if (strcmp(arg, "--screenshot") == 0) {
       if (++i >= argc) return fail("--screenshot needs a file name");
       screenshot = argv[i];
     } else if (strcmp(arg, "--size") == 0) {
@@ -155,9 +195,13 @@ int main(int argc, char** argv) {
     return status;
   }
 
+  handleTermination(&app);
   window->show();
-  offerRecovery(window, QString::fromStdString(recoveryFilePath()));
+  offerRecovery(window);
   // The project asked for gets a window of its own beside a recovered one.
-  if (!project.empty()) window->openElsewhere(QString::fromLocal8Bit(project.c_str()));
+  if (!project.empty()) {
+    MainWindow* shown = window->openElsewhere(QString::fromLocal8Bit(project.c_str()));
+    if (play && shown != nullptr) shown->action("play")->trigger();
+  }
   return app.exec();
 }

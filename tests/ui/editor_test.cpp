@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <QAction>
 #include <QApplication>
@@ -7,11 +11,14 @@
 #include <QImage>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
 #include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
+#include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,6 +26,7 @@
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "editing/undoman.h"
+#include "midi/midiman.h"
 #include "playback/audioout.h"
 #include "tests/testutil.h"
 #include "tests/ui/editor_fixture.h"
@@ -224,32 +232,123 @@ TEST_F(Editor, SavesInBothFormsAndTheCoreReadsTheSameSong) {
   EXPECT_FALSE(fileExists(recoveryFilePath()));
 }
 
-TEST_F(Editor, TheRecoveryFileFollowsTheModifiedStateAndIsOfferedAtStartUp) {
-  window_->action("toolPen")->trigger();
-  click(at(480, 70));
-  ASSERT_TRUE(fileExists(recoveryFilePath()));  // written after the edit
+// The copies of a process that has ended: this one's, renamed.
+std::vector<std::string> asIfCrashed(const std::vector<QString>& copies) {
+  std::vector<std::string> moved;
+  for (const QString& copy : copies) {
+    const std::string from = copy.toStdString();
+    const std::string to = from.substr(0, from.rfind('/')) + "/.temp-1-" + std::to_string(moved.size() + 1) + ".snt";
+    EXPECT_EQ(rename(from.c_str(), to.c_str()), 0) << from;
+    rename((from + ".path").c_str(), (to + ".path").c_str());
+    moved.push_back(to);
+  }
+  return moved;
+}
 
-  // A new window, as after a crash: the question, then Load.
+MainWindow* otherWindow(const std::vector<MainWindow*>& known) {
+  for (QWidget* widget : QApplication::topLevelWidgets()) {
+    auto* window = qobject_cast<MainWindow*>(widget);
+    if (window != nullptr && std::find(known.begin(), known.end(), window) == known.end()) return window;
+  }
+  return nullptr;
+}
+
+TEST_F(Editor, EveryWindowKeepsItsRecoveryCopyAndEachIsOfferedAtStartUp) {
+  open({{480, 480, "さ", 70}});
+  const std::string saved = dir_.file("song.snt");
+  QTest::keyClick(roll_, Qt::Key_A, Qt::ControlModifier);
+  QTest::keyClick(roll_, Qt::Key_Up);
+  auto* blank = new MainWindow;  // a second window with a new project
+  blank->action("toolPen")->trigger();
+  QTest::mouseClick(blank->editor()->roll(), Qt::LeftButton, Qt::NoModifier,
+                    blank->editor()->roll()->rect().center());
+  ASSERT_TRUE(fileExists(doc().recoveryPath().toStdString()));
+  ASSERT_TRUE(fileExists(blank->document()->recoveryPath().toStdString()));
+  EXPECT_NE(doc().recoveryPath(), blank->document()->recoveryPath());
+  const std::vector<std::string> copies = asIfCrashed({doc().recoveryPath(), blank->document()->recoveryPath()});
+  delete blank;
+
+  // The next start: both listed by name, path and time; both loaded.
   MainWindow* next = new MainWindow;
-  QString question;
+  QStringList listed;
   whenModal([&](QWidget* box) {
-    question = static_cast<QMessageBox*>(box)->text();
+    EXPECT_EQ(box->findChild<QLabel*>("recoveryText")->text(), "前回異常終了したプロジェクトがあります。");
+    auto* list = box->findChild<QListWidget*>("recoveryList");
+    for (int k = 0; k < list->count(); ++k) listed << list->item(k)->text();
     box->findChild<QPushButton*>("recoveryLoad")->click();
   });
-  EXPECT_TRUE(offerRecovery(next, QString::fromStdString(recoveryFilePath())));
-  EXPECT_EQ(question, "前回異常終了したプロジェクトがあります。");
-  EXPECT_EQ(soundingNotes(next->document()->engine()), (std::vector<Read>{{480, 480, "あ", 70}}));
-  EXPECT_TRUE(next->document()->modified());
-  EXPECT_TRUE(next->document()->path().isEmpty());
+  EXPECT_EQ(offerRecovery(next), 2);
+  ASSERT_EQ(listed.size(), 2);
+  const QString savedLine = listed[0].contains("song.snt") ? listed[0] : listed[1];
+  EXPECT_TRUE(savedLine.startsWith("test — " + QString::fromStdString(saved) + " — ")) << savedLine.toStdString();
+  EXPECT_TRUE(listed.filter("Untitled — never saved — ").size() == 1) << listed.join("|").toStdString();
+  MainWindow* second = otherWindow({window_, next});
+  ASSERT_NE(second, nullptr);
+  MainWindow* restored = next->document()->path().isEmpty() ? second : next;
+  MainWindow* unsaved = restored == next ? second : next;
+  EXPECT_EQ(restored->document()->path().toStdString(), saved);
+  EXPECT_TRUE(restored->document()->modified());
+  EXPECT_TRUE(unsaved->document()->modified());
+  EXPECT_TRUE(unsaved->document()->path().isEmpty());
+  EXPECT_EQ(soundingNotes(restored->document()->engine()), (std::vector<Read>{{480, 480, "さ", 71}}));
+  // The old copies gave way to the windows' own.
+  for (const std::string& copy : copies) EXPECT_FALSE(fileExists(copy)) << copy;
+  EXPECT_TRUE(fileExists(restored->document()->recoveryPath().toStdString()));
+  // Saving goes to the project's own file, and its copy goes.
+  ASSERT_TRUE(restored->save());
+  EXPECT_NE(readFile(saved).find("NoteNum=71"), std::string::npos);
+  EXPECT_FALSE(fileExists(restored->document()->recoveryPath().toStdString()));
+  EXPECT_EQ(restored->suggestedPath("snt").toStdString(), saved);
+
+  // Quitting an unsaved window with Discard takes its copy away.
+  const std::string unsavedCopy = unsaved->document()->recoveryPath().toStdString();
+  ASSERT_TRUE(fileExists(unsavedCopy));
+  whenModal([](QWidget* box) { static_cast<QMessageBox*>(box)->button(QMessageBox::Discard)->click(); });
+  unsaved->setAttribute(Qt::WA_DeleteOnClose, false);
+  EXPECT_TRUE(unsaved->close());
+  EXPECT_FALSE(fileExists(unsavedCopy));
+  delete unsaved;
+  if (restored != next) delete restored;
   delete next;
 
-  // Discard removes it.
-  MainWindow* other = new MainWindow;
+  // Closing the question keeps the copies; Discard removes them.
+  window_->action("toolPen")->trigger();
+  click(at(1920, 70));
+  const std::vector<std::string> left = asIfCrashed({doc().recoveryPath()});
+  MainWindow* later = new MainWindow;
+  whenModal([](QWidget* box) { static_cast<QDialog*>(box)->reject(); });
+  EXPECT_EQ(offerRecovery(later), 0);
+  EXPECT_TRUE(fileExists(left[0]));
   whenModal([](QWidget* box) { box->findChild<QPushButton*>("recoveryDiscard")->click(); });
-  EXPECT_FALSE(offerRecovery(other, QString::fromStdString(recoveryFilePath())));
-  EXPECT_FALSE(fileExists(recoveryFilePath()));
-  EXPECT_FALSE(offerRecovery(other, QString::fromStdString(recoveryFilePath())));  // nothing to ask
-  delete other;
+  EXPECT_EQ(offerRecovery(later), 0);
+  EXPECT_FALSE(fileExists(left[0]));
+  EXPECT_EQ(offerRecovery(later), 0);  // nothing to ask
+  delete later;
+}
+
+TEST_F(Editor, AnEditAfterUndoingPastTheSaveLeavesTheProjectModified) {
+  // Open, select all, up, save, undo, down: the notes differ from the file.
+  open({{480, 480, "さ", 70}, {0, 480, "く", 72}});
+  const std::string path = dir_.file("song.snt");
+  QTest::keyClick(roll_, Qt::Key_A, Qt::ControlModifier);
+  QTest::keyClick(roll_, Qt::Key_Up);
+  QTest::keyClick(roll_, Qt::Key_S, Qt::ControlModifier);
+  EXPECT_FALSE(window_->isWindowModified());
+  const std::string saved = readFile(path);
+  QTest::keyClick(roll_, Qt::Key_Z, Qt::ControlModifier);
+  QTest::keyClick(roll_, Qt::Key_Down);
+  EXPECT_TRUE(window_->isWindowModified());
+  EXPECT_TRUE(doc().modified());
+  EXPECT_TRUE(fileExists(doc().recoveryPath().toStdString()));
+  EXPECT_EQ(readFile(path), saved);
+  // Quitting asks.
+  bool asked = false;
+  whenModal([&](QWidget* box) {
+    asked = true;
+    static_cast<QMessageBox*>(box)->button(QMessageBox::Cancel)->click();
+  });
+  EXPECT_FALSE(window_->close());
+  EXPECT_TRUE(asked);
 }
 
 TEST_F(Editor, ClosingAModifiedProjectAsksToSave) {
@@ -442,6 +541,71 @@ TEST(EditorProgram, HelpBadOptionsAndAScreenshot) {
   // Not a project: one line and a failure.
   EXPECT_EQ(run("--screenshot " + picture + " " + dir.path()), 1);
   EXPECT_NE(readFile(out).find("Not a project"), std::string::npos);
+}
+
+}  // namespace
+
+namespace {
+
+std::vector<std::string> listFolder(const std::string& path) {
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(path.c_str())) {
+    while (const dirent* entry = readdir(dir)) names.push_back(entry->d_name);
+    closedir(dir);
+  }
+  return names;
+}
+
+// A logout after playback: SIGTERM ends the editor at once and leaves the
+// unsaved project in its recovery copy.
+TEST(EditorProgram, TerminationAfterPlaybackKeepsTheRecoveryCopy) {
+  FakeHome home;
+  TempDir dir;
+  CScaleMan scale;
+  CNoteMan notes(&scale);
+  notes.insertNotePosition(0, 480, 60, "la");
+  const std::string song = dir.file("song.mid");
+  CMIDIMan midi;
+  ASSERT_TRUE(midi.writeSMFFile(song.c_str(), &notes));
+  const std::string folder = home.path() + "/.local/state/tona/temp";
+  for (int signal : {SIGTERM, SIGHUP}) {
+    SCOPED_TRACE(signal);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      const int null = open("/dev/null", O_WRONLY);
+      dup2(null, 1);
+      dup2(null, 2);
+      execl(TONA_EDITOR_BINARY, TONA_EDITOR_BINARY, "--play", song.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    // The import is an unsaved project: its copy appears, then Play runs.
+    std::string copy;
+    for (int k = 0; k < 1000 && copy.empty(); ++k) {
+      for (const std::string& name : listFolder(folder)) {
+        if (name.size() > 4 && name.compare(name.size() - 4, 4, ".snt") == 0) copy = folder + "/" + name;
+      }
+      usleep(10000);
+    }
+    ASSERT_FALSE(copy.empty());
+    usleep(300000);
+    kill(child, signal);
+    int status = 0;
+    pid_t ended = 0;
+    for (int k = 0; k < 200 && ended == 0; ++k) {
+      ended = waitpid(child, &status, WNOHANG);
+      if (ended == 0) usleep(10000);
+    }
+    if (ended == 0) {
+      kill(child, SIGKILL);
+      waitpid(child, &status, 0);
+      FAIL() << "still running 2 s after the signal";
+    }
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_TRUE(fileExists(copy));
+    EXPECT_NE(readFile(copy).find("Lyric=la"), std::string::npos);
+    unlink(copy.c_str());
+  }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "app/project_file.h"
 #include "app/voice_bank.h"
+#include "editing/recovery.h"
 #include "support/safe_output.h"
 #include "support/userdirs.h"
 #include "ui/shell/texts.h"
@@ -13,6 +14,7 @@
 
 EditorDocument::EditorDocument(QObject* parent) : QObject(parent), model_(std::make_unique<CCNoteMan>(&scale_)) {
   model_->setUndoView(this);
+  model_->setRecoveryPath(newRecoveryCopyPath());
   reset();
 }
 
@@ -25,9 +27,10 @@ EditorDocument::~EditorDocument() {
 }
 
 void EditorDocument::reset() {
-  // The history is emptied without telling the notifier: that would remove
-  // a recovery file the user has not been asked about yet.
+  // The notes the window held are gone (the user was asked): so is their
+  // recovery copy. The notifier is not told, which would also retitle.
   history().clean(nullptr);
+  discardRecovery();
   undoTitle_ = coreText(undoMenuTitle(0).c_str());
   redoTitle_ = coreText(redoMenuTitle(0).c_str());
   ++revision_;
@@ -44,11 +47,17 @@ void EditorDocument::newProject() {
   e.sntVersion = 200;
   scale_.resetScale();
   path_.clear();
+  sourcePath_.clear();
   reset();
   emit pathChanged();
 }
 
 bool EditorDocument::open(const QString& path, QString* error, QString* warning) {
+  return load(path, path, error, warning);
+}
+
+// Reads `path`, finding a relative voice folder from `bankBase`'s folder.
+bool EditorDocument::load(const QString& path, const QString& bankBase, QString* error, QString* warning) {
   const std::string file = path.toStdString();
   const std::string reason = notAProject(file);
   if (!reason.empty()) {
@@ -64,9 +73,10 @@ bool EditorDocument::open(const QString& path, QString* error, QString* warning)
     return false;
   }
   path_ = QFileInfo(path).absoluteFilePath();
+  sourcePath_.clear();
   const std::string named = engine().voiceDir;
   bool elsewhere = false;
-  const std::string bank = resolveVoiceBank(file, named, &elsewhere);
+  const std::string bank = resolveVoiceBank(bankBase.toStdString(), named, &elsewhere);
   const bool none = bank.empty();
   engine().set_voiceDir(bank.c_str());
   if (!bank.empty()) notes().readVoiceset();
@@ -83,15 +93,24 @@ bool EditorDocument::open(const QString& path, QString* error, QString* warning)
 }
 
 bool EditorDocument::openRecovery(const QString& path, QString* error) {
-  if (!open(path, error)) return false;
-  // The recovery copy is not the user's file: the project has no path
-  // until it is saved, and it differs from anything saved.
-  path_.clear();
-  engine().set_projectPath("");
-  engine().preparationNotes();
+  const std::string copy = path.toStdString();
+  const QString saved = QString::fromStdString(recoveryCopyProjectPath(copy));
+  if (!load(path, saved.isEmpty() ? path : saved, error, nullptr)) return false;
+  ctonm2& e = engine();
+  // The copy's file name is no name of the project's.
+  if (QFileInfo(path).fileName() == QString::fromUtf8(e.projectName)) e.set_projectName("");
+  path_ = saved.isEmpty() ? QString() : QFileInfo(saved).absoluteFilePath();
+  e.set_projectPath(path_.toStdString().c_str());
+  e.preparationNotes();
+  // Modified, and so kept in this document's own copy before the old one goes.
   history().setOtherModified(model_->undoCallback());
+  if (QString::fromStdString(model_->recoveryPath()) != path) removeRecoveryCopy(copy);
   emit pathChanged();
   return true;
+}
+
+void EditorDocument::discardRecovery() {
+  if (!model_->recoveryPath().empty()) removeRecoveryCopy(model_->recoveryPath());
 }
 
 bool EditorDocument::save(const QString& path, int version, QString* error) {

@@ -40,12 +40,22 @@ class EditorDocument : public QObject, private UndoView {
   // the file holds no project or cannot be read; a missing voice bank is
   // not an error (the notes stay silent and *warning says so).
   bool open(const QString& path, QString* error, QString* warning = nullptr);
-  // The recovery file as a fresh, unsaved and modified project.
+  // A recovery copy as an unsaved, modified project that remembers the
+  // path it was saved at (if it ever was); the copy becomes this
+  // document's own.
   bool openRecovery(const QString& path, QString* error);
+  // This document's recovery copy, kept while it has unsaved edits.
+  QString recoveryPath() const { return QString::fromStdString(model_->recoveryPath()); }
+  // Removes the recovery copy: the user chose to lose the edits.
+  void discardRecovery();
   // Saves in the 1.2 form (version 120) or the 2.0 form (200); on success
   // the project is at its save point.
   bool save(const QString& path, int version, QString* error);
   QString path() const { return path_; }
+  // The file the notes came from when it is not a project (an imported
+  // sequence), else the project's path; may be empty.
+  QString sourcePath() const { return path_.isEmpty() ? sourcePath_ : path_; }
+  void setSourcePath(const QString& path) { sourcePath_ = path; }
   // The project's name, or the file name, or "Untitled".
   QString displayName();
   bool modified() const { return model_->undoman()->getModified(); }
@@ -96,10 +106,12 @@ class EditorDocument : public QObject, private UndoView {
   void setMenuTitles(const std::string& undoTitle, const std::string& redoTitle) override;
   void setEdited(bool modified) override;
   void reset();
+  bool load(const QString& path, const QString& bankBase, QString* error, QString* warning);
 
   CScaleMan scale_;
   std::unique_ptr<CCNoteMan> model_;
   QString path_;
+  QString sourcePath_;
   QString undoTitle_;
   QString redoTitle_;
   uint64_t revision_ = 1;

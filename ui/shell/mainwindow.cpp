@@ -8,6 +8,7 @@
 #include <QComboBox>
 #include <QDialog>
 #include <QDialogButtonBox>
+#include <QDir>
 #include <QDockWidget>
 #include <QDoubleSpinBox>
 #include <QFileDialog>
@@ -361,12 +362,9 @@ bool MainWindow::openProject(const QString& path, bool quiet) {
   return true;
 }
 
-void MainWindow::openElsewhere(const QString& path) {
+MainWindow* MainWindow::openElsewhere(const QString& path) {
   const QString suffix = QFileInfo(path).suffix().toLower();
-  if (suffix == "mid" || suffix == "midi" || suffix == "smf" || suffix == "vsq") {
-    importSequence(path, -1, -1);
-    return;
-  }
+  if (suffix == "mid" || suffix == "midi" || suffix == "smf" || suffix == "vsq") return importSequence(path, -1, -1);
   // A project already open here is raised rather than read twice.
   const QString absolute = QFileInfo(path).absoluteFilePath();
   for (QWidget* widget : QApplication::topLevelWidgets()) {
@@ -374,21 +372,26 @@ void MainWindow::openElsewhere(const QString& path) {
     if (window != nullptr && window->document()->path() == absolute) {
       window->raise();
       window->activateWindow();
-      return;
+      return window;
     }
   }
   MainWindow* window = windowFor();
-  if (!window->openProject(absolute, false) && window != this) window->close();
+  if (window->openProject(absolute, false)) return window;
+  if (window != this) window->close();
+  return nullptr;
 }
 
-bool MainWindow::openRecovery(const QString& path) {
+MainWindow* MainWindow::restoreRecovery(const QString& path) {
+  MainWindow* window = windowFor();
   QString error;
-  if (!document_->openRecovery(path, &error)) {
+  if (!window->document_->openRecovery(path, &error)) {
     showMessage(error, true);
-    return false;
+    if (window != this) window->close();
+    return nullptr;
   }
-  updateTitle();
-  return true;
+  window->editor_->showSongStart();
+  window->updateTitle();
+  return window;
 }
 
 void MainWindow::openDialog() {
@@ -423,9 +426,8 @@ void MainWindow::saveAsDialog() {
   const QString form2 = tr("Project, 2.0 form (*.snt)");
   const QString form12 = tr("Project, 1.2 form (*.snt)");
   QString filter = document_->formVersion() < 200 ? form12 : form2;
-  QString start = document_->path();
-  if (start.isEmpty()) start = document_->displayName() + ".snt";
-  QString path = QFileDialog::getSaveFileName(this, tr("Save Project As"), start, form2 + ";;" + form12, &filter);
+  QString path =
+      QFileDialog::getSaveFileName(this, tr("Save Project As"), suggestedPath("snt"), form2 + ";;" + form12, &filter);
   if (path.isEmpty()) return;
   if (QFileInfo(path).suffix().isEmpty()) path += ".snt";
   saveAs(path, filter == form12 ? 120 : 200);
@@ -754,6 +756,8 @@ void MainWindow::closeEvent(QCloseEvent* event) {
     event->ignore();
     return;
   }
+  // Still modified: the user discarded the edits, and their copy with them.
+  if (document_->modified()) document_->discardRecovery();
   if (Player::instance().document() == document_) Player::instance().stop();
   saveSettings();
   event->accept();
@@ -861,7 +865,7 @@ void MainWindow::prefixMapDialog() {
   dialog.exec();
 }
 
-bool MainWindow::importSequence(const QString& path, int track, int channel) {
+MainWindow* MainWindow::importSequence(const QString& path, int track, int channel) {
   const bool vsq = path.endsWith(".vsq", Qt::CaseInsensitive);
   CMIDIMan midi;
   const QByteArray file = path.toLocal8Bit();
@@ -878,17 +882,18 @@ bool MainWindow::importSequence(const QString& path, int track, int channel) {
     window->showMessage(error, true);
     if (window != this) window->close();
     QMessageBox::warning(this, tr("Import"), error);
-    return false;
+    return nullptr;
   }
   if (!signatures.empty()) document->scale().unserializeText(signatures.c_str());
   document->engine().set_projectName(QFileInfo(path).completeBaseName().toUtf8().constData());
   document->engine().set_charset("UTF-8");
   document->notes().synchronizeNotes();
+  document->setSourcePath(QFileInfo(path).absoluteFilePath());
   document->markOtherModified();  // a new project, not saved yet
   window->editor()->showSongStart();
   window->updateTitle();
   window->showMessage(tr("Imported %n note(s) from %1", nullptr, notes).arg(QFileInfo(path).fileName()));
-  return true;
+  return window;
 }
 
 void MainWindow::importDialog() {
@@ -938,13 +943,22 @@ bool MainWindow::exportSequence(const QString& path) {
 }
 
 void MainWindow::exportDialog() {
-  QString filter;
-  const QString start =
-      (document_->path().isEmpty() ? document_->displayName() : QFileInfo(document_->path()).completeBaseName()) +
-      ".vsq";
-  QString path =
-      QFileDialog::getSaveFileName(this, tr("Export"), start, tr("VSQ (*.vsq);;Standard MIDI file (*.mid)"), &filter);
+  const QString vsq = tr("VSQ (*.vsq)"), smf = tr("Standard MIDI file (*.mid)");
+  const QString start = suggestedPath("export");
+  QString filter = start.endsWith(".mid") ? smf : vsq;
+  QString path = QFileDialog::getSaveFileName(this, tr("Export"), start, vsq + ";;" + smf, &filter);
   if (path.isEmpty()) return;
-  if (QFileInfo(path).suffix().isEmpty()) path += filter.startsWith("VSQ") ? ".vsq" : ".mid";
+  if (QFileInfo(path).suffix().isEmpty()) path += filter == vsq ? ".vsq" : ".mid";
   exportSequence(path);
+}
+
+QString MainWindow::suggestedPath(const QString& kind) {
+  const QString source = document_->sourcePath();
+  const QString suffix = QFileInfo(source).suffix().toLower();
+  QString extension = kind;
+  if (kind == "export") extension = suffix == "mid" || suffix == "midi" || suffix == "smf" ? "mid" : "vsq";
+  if (kind == "snt" && !document_->path().isEmpty()) return document_->path();
+  const QString base = source.isEmpty() ? document_->displayName() : QFileInfo(source).completeBaseName();
+  const QString folder = source.isEmpty() ? QDir::currentPath() : QFileInfo(source).absolutePath();
+  return QDir(folder).filePath(base + "." + extension);
 }

@@ -33,9 +33,12 @@ class MainWindow : public QMainWindow {
   bool openProject(const QString& path, bool quiet = false);
   // Opens a project in a window of its own: this one while it holds a
   // blank project, else a new one; a project open already is raised.
-  void openElsewhere(const QString& path);
-  // Loads the recovery file as an unsaved, modified project.
-  bool openRecovery(const QString& path);
+  // The window that shows it, or null when it could not be opened.
+  MainWindow* openElsewhere(const QString& path);
+  // Loads a recovery copy as an unsaved, modified project into this
+  // window while it is blank, else into a new one; that window, or null
+  // with a message shown.
+  MainWindow* restoreRecovery(const QString& path);
   // Saves to the project's own path, or asks for one.
   bool save();
   bool saveAs(const QString& path, int version);
@@ -49,9 +52,16 @@ class MainWindow : public QMainWindow {
   // Reads a MIDI file's track (-1: the first with lyrics) and channel (-1:
   // all), or a VSQ file's voice tracks, as a new unsaved project in this
   // window (which must be blank) or a new one. False with a message.
-  bool importSequence(const QString& path, int track, int channel);
+  // Returns the window it went to, or null.
+  MainWindow* importSequence(const QString& path, int track, int channel);
   // Writes the project's notes as a VSQ or a standard MIDI file, by extension.
   bool exportSequence(const QString& path);
+
+  // Where the Save As ("snt") and Export ("export") dialogs start: the
+  // project's own path, or beside the file its notes came from (an
+  // imported sequence, a recovered project), exported in the form it was
+  // imported from.
+  QString suggestedPath(const QString& kind);
 
   // The last error or notice shown in the status bar.
   QString lastMessage() const { return lastMessage_; }
