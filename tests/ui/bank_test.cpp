@@ -141,6 +141,12 @@ TEST_F(Bank, TheTableFiltersSortsAndMarksWhatIsMissing) {
   EXPECT_FALSE(editor->renderedSamples(67, &error).empty()) << error.toStdString();
   EXPECT_TRUE(Player::instance().playClip(editor->cutSamples(), &error)) << error.toStdString();
   delete editor;
+  // With its table beside it, the sample lacks nothing.
+  bank_.write("a_wav.frq", "table");
+  editor = openEditor();
+  EXPECT_EQ(editor->model()->missing(0), "");
+  EXPECT_EQ(editor->model()->missing(1), "no frequency table");
+  delete editor;
 }
 
 TEST_F(Bank, AnalysingABankMakesItsTablesAndNamesWhatFailed) {
@@ -232,9 +238,19 @@ TEST_F(Bank, PreferencesRefuseShortcutConflictsAndKeepTheirChoices) {
   ASSERT_TRUE(dialog.apply(&error)) << error.toStdString();
   EXPECT_EQ(window_->action("play")->shortcut(), QKeySequence(Qt::Key_P));
   EXPECT_EQ(EditorPreferences::load().renderThreads, 3);
-  // A new window takes the shortcut too.
+  // A new window takes the shortcut too; a command's second default key
+  // stays (Redo's Ctrl+Y).
   MainWindow other;
   EXPECT_EQ(other.action("play")->shortcut(), QKeySequence(Qt::Key_P));
+  EXPECT_EQ(other.action("redo")->shortcuts(),
+            (QList<QKeySequence>{QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z), QKeySequence(Qt::CTRL | Qt::Key_Y)}));
+  // Backspace clears a shortcut rather than becoming it.
+  auto* playKey = static_cast<QKeySequenceEdit*>(keys->cellWidget(playRow, 1));
+  playKey->setFocus();
+  QTest::keyClick(playKey, Qt::Key_Backspace);
+  EXPECT_TRUE(playKey->keySequence().isEmpty());
+  ASSERT_TRUE(dialog.apply(&error)) << error.toStdString();
+  EXPECT_TRUE(window_->action("play")->shortcut().isEmpty());
   QSettings().remove("shortcuts");
   QSettings().remove("render/threads");
   EXPECT_TRUE(dialog.playTestTone(&error)) << error.toStdString();

@@ -326,6 +326,27 @@ TEST_F(Editor, EveryWindowKeepsItsRecoveryCopyAndEachIsOfferedAtStartUp) {
   delete later;
 }
 
+TEST_F(Editor, ZoomAndRedoHaveKeysOnEveryKeyboard) {
+  // Ctrl+= and Ctrl++ zoom in (not vertically), Ctrl+- out; Ctrl+Y redoes.
+  const double ppt = scale_->pixelsPerTick();
+  const int row = scale_->rowHeight();
+  QTest::keyClick(roll_, Qt::Key_Equal, Qt::ControlModifier);
+  const double once = scale_->pixelsPerTick();
+  EXPECT_GT(once, ppt);
+  QTest::keyClick(roll_, Qt::Key_Plus, Qt::ControlModifier);  // the window system drops the Shift that made "+"
+  EXPECT_GT(scale_->pixelsPerTick(), once);
+  EXPECT_EQ(scale_->rowHeight(), row);
+  QTest::keyClick(roll_, Qt::Key_Minus, Qt::ControlModifier);
+  EXPECT_DOUBLE_EQ(scale_->pixelsPerTick(), once);
+  QTest::keyClick(roll_, Qt::Key_Equal, Qt::ControlModifier | Qt::AltModifier);
+  EXPECT_GT(scale_->rowHeight(), row);
+  window_->action("toolPen")->trigger();
+  click(at(480, 70));
+  trigger("undo");
+  QTest::keyClick(roll_, Qt::Key_Y, Qt::ControlModifier);
+  EXPECT_EQ(soundingNotes(doc().engine()).size(), 1u);
+}
+
 TEST_F(Editor, AnEditAfterUndoingPastTheSaveLeavesTheProjectModified) {
   // Open, select all, up, save, undo, down: the notes differ from the file.
   open({{480, 480, "さ", 70}, {0, 480, "く", 72}});

@@ -46,7 +46,7 @@ EntryModel::EntryModel(cvoiceset* set, const QString& folder, QObject* parent)
     if (!QFileInfo::exists(sample)) {
       why = tr("sample missing");
     } else if (!QFileInfo::exists(
-                   QString::fromStdString(frequencyTablePath(sample.toLocal8Bit().constData(), ".frq")))) {
+                   QString::fromStdString(frequencyTablePath(sample.toLocal8Bit().constData(), "frq")))) {
       why = tr("no frequency table");
     }
     missing_[static_cast<size_t>(row)] = why;

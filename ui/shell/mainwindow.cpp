@@ -175,15 +175,18 @@ void MainWindow::buildMenus() {
                              &MainWindow::preferencesDialog));
 
   QMenu* view = menuBar()->addMenu(tr("&View"));
-  view->addAction(makeAction("zoomIn", tr("Zoom &In"), QKeySequence::ZoomIn, nullptr));
+  // Ctrl+= is Ctrl++ without Shift on most keyboards: both zoom in, so the
+  // vertical zooms keep off Shift.
+  view->addAction(makeAction("zoomIn", tr("Zoom &In"), QKeySequence(Qt::CTRL | Qt::Key_Equal), nullptr));
+  action("zoomIn")->setShortcuts({QKeySequence(Qt::CTRL | Qt::Key_Equal), QKeySequence(Qt::CTRL | Qt::Key_Plus)});
   connect(action("zoomIn"), &QAction::triggered, editor_, &RollEditor::zoomIn);
-  view->addAction(makeAction("zoomOut", tr("Zoom &Out"), QKeySequence::ZoomOut, nullptr));
+  view->addAction(makeAction("zoomOut", tr("Zoom &Out"), QKeySequence(Qt::CTRL | Qt::Key_Minus), nullptr));
   connect(action("zoomOut"), &QAction::triggered, editor_, &RollEditor::zoomOut);
   view->addAction(makeAction("zoomInVertical", tr("Zoom In &Vertically"),
-                             QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Equal), nullptr));
+                             QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_Equal), nullptr));
   connect(action("zoomInVertical"), &QAction::triggered, editor_, &RollEditor::zoomInVertical);
   view->addAction(makeAction("zoomOutVertical", tr("Zoom Out V&ertically"),
-                             QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Minus), nullptr));
+                             QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_Minus), nullptr));
   connect(action("zoomOutVertical"), &QAction::triggered, editor_, &RollEditor::zoomOutVertical);
   QMenu* follow = view->addMenu(tr("&Follow Playback"));
   auto* followGroup = new QActionGroup(this);
@@ -817,7 +820,21 @@ void MainWindow::applyShortcuts() {
   QSettings settings;
   settings.beginGroup("shortcuts");
   for (const QString& name : settings.childKeys()) {
-    if (QAction* act = action(name)) act->setShortcut(QKeySequence(settings.value(name).toString()));
+    QAction* act = action(name);
+    if (act == nullptr) continue;
+    // The defaults, some of two keys (Redo: Ctrl+Shift+Z and Ctrl+Y), as
+    // the window made them.
+    if (!act->property("defaultKeys").isValid()) {
+      act->setProperty("defaultKeys", QKeySequence::listToString(act->shortcuts(), QKeySequence::PortableText));
+    }
+    const QList<QKeySequence> defaults =
+        QKeySequence::listFromString(act->property("defaultKeys").toString(), QKeySequence::PortableText);
+    const QKeySequence chosen(settings.value(name).toString(), QKeySequence::PortableText);
+    if (!defaults.isEmpty() && chosen == defaults.first()) {
+      act->setShortcuts(defaults);
+    } else {
+      act->setShortcut(chosen);
+    }
   }
 }
 

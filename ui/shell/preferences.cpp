@@ -8,6 +8,7 @@
 #include <QFormLayout>
 #include <QHBoxLayout>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QKeySequenceEdit>
 #include <QLabel>
 #include <QLineEdit>
@@ -147,7 +148,7 @@ PreferencesDialog::PreferencesDialog(MainWindow* window) : QDialog(window), wind
     name->setData(Qt::UserRole, act->objectName());
     name->setFlags(Qt::ItemIsEnabled);
     shortcuts_->setItem(row, 0, name);
-    auto* edit = new QKeySequenceEdit(act->shortcut(), shortcuts_);
+    auto* edit = new ShortcutEdit(act->shortcut(), shortcuts_);
     shortcuts_->setCellWidget(row, 1, edit);
   }
   shortcuts_->resizeColumnToContents(0);
@@ -206,6 +207,15 @@ bool PreferencesDialog::playTestTone(QString* error) {
     tone[i] = static_cast<int16_t>(8000.0 * fade * std::sin(2.0 * M_PI * 440.0 * static_cast<double>(i) / 44100.0));
   }
   return Player::instance().playClip(tone, error);
+}
+
+void ShortcutEdit::keyPressEvent(QKeyEvent* event) {
+  if ((event->key() == Qt::Key_Backspace || event->key() == Qt::Key_Delete) && event->modifiers() == Qt::NoModifier) {
+    clear();
+    emit editingFinished();
+    return;
+  }
+  QKeySequenceEdit::keyPressEvent(event);
 }
 
 bool PreferencesDialog::apply(QString* error) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <QDialog>
+#include <QKeySequenceEdit>
 #include <QString>
 
 class MainWindow;
@@ -28,6 +29,18 @@ struct EditorPreferences {
   void save() const;
   // Logging as chosen, now.
   void applyLogging() const;
+};
+
+// A shortcut's field: Backspace or Delete alone clears it (the command
+// then has no key) instead of being taken as the key.
+class ShortcutEdit : public QKeySequenceEdit {
+  Q_OBJECT
+
+ public:
+  using QKeySequenceEdit::QKeySequenceEdit;
+
+ protected:
+  void keyPressEvent(QKeyEvent* event) override;
 };
 
 class PreferencesDialog : public QDialog {
