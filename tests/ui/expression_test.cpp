@@ -109,13 +109,24 @@ TEST_F(Expression, PointsAreAddedDeletedAndShapedFromTheMenu) {
   scale_->setPixelsPerTick(1.0);  // a millisecond is about a pixel
   scale_->setScrollX(300);
   click(centreOf(0));
-  // Right of point 1: a point goes in the middle of the second segment.
-  noteMenu((roll_->pitchPointPosition(0, 1) + QPointF(2, 0)).toPoint(), "Add Point Here");
-  EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 30, 30}));
+  // A point goes where the menu was opened, the later points staying put:
+  // inside the second segment, then past the last point.
+  const double msPerPixel = 1.0 / (roll_->pitchPointPosition(0, 2).x() - roll_->pitchPointPosition(0, 1).x()) * 60.0;
+  noteMenu((roll_->pitchPointPosition(0, 1) + QPointF(20, 0)).toPoint(), "Add Point Here");
+  std::vector<float> widths = list(note(0).PBW);
+  ASSERT_EQ(widths.size(), 3u);
+  EXPECT_EQ(widths[0], 40);
+  EXPECT_NEAR(widths[1], 20 * msPerPixel, 2 * msPerPixel);
+  EXPECT_FLOAT_EQ(widths[1] + widths[2], 60);
   EXPECT_EQ(pitchPoints(doc().engine(), 0).size(), 4u);
   EXPECT_EQ(title("undo"), "ピッチの変更を元に戻す");
   noteMenu(roll_->pitchPointPosition(0, 2).toPoint(), "Delete Point");
   EXPECT_EQ(list(note(0).PBW), (std::vector<float>{40, 60}));
+  noteMenu((roll_->pitchPointPosition(0, 2) + QPointF(30, 0)).toPoint(), "Add Point Here");
+  widths = list(note(0).PBW);
+  ASSERT_EQ(widths.size(), 3u);
+  EXPECT_NEAR(widths[2], 30 * msPerPixel, 2 * msPerPixel);
+  trigger("undo");
   noteMenu((roll_->pitchPointPosition(0, 1) + QPointF(2, 0)).toPoint(), "Linear");
   EXPECT_EQ(doc().notes().getPitchKind(0, 2), 's');
   trigger("undo");

@@ -565,7 +565,21 @@ void PianoRoll::contextMenuEvent(QContextMenuEvent* event) {
   }
   const int segment = std::clamp(before + 1, 1, std::max(1, static_cast<int>(points.size()) - 1));
   QAction* add = pitch->addAction(tr("&Add Point Here"), this, [=] {
-    editNote(index, undo::kPitch, [=] { document_->notes().addPitchPoint(index, std::max(before, 0)); });
+    editNote(index, undo::kPitch, [=] {
+      // The core halves the segment after point k; the new point is then
+      // moved to the click, the following point staying where it was.
+      const int k = std::max(before, 0);
+      if (document_->notes().addPitchPoint(index, k) == 0) return;
+      float* widths = document_->notes().getNote(index)->PBW;
+      const double width = std::max(0.0, ms - points[static_cast<size_t>(k)].ms);
+      if (static_cast<size_t>(k) + 1 < points.size()) {
+        const double following = points[static_cast<size_t>(k) + 1].ms - points[static_cast<size_t>(k)].ms;
+        widths[k + 1] = static_cast<float>(std::min(width, following));
+        widths[k + 2] = static_cast<float>(following - widths[k + 1]);
+      } else {
+        widths[k + 1] = static_cast<float>(width);
+      }
+    });
   });
   add->setEnabled(!points.empty());
   QAction* remove = pitch->addAction(tr("&Delete Point"), this, [=] {
