@@ -295,29 +295,7 @@ bool Editor::apply(const Operation& op, std::string* report, std::string* error)
       count = session(undo::kMove, [&] { return man_.addNoteNum(static_cast<int32_t>(op.a), -1); });
       break;
     case Op::kTempo: {
-      // On the first note starting there ("tmpo"), else on a new
-      // zero-length rest record ("add "), as the project reader keeps
-      // tempo changes.
-      int32_t at = -1;
-      for (int32_t i = 0; i < engine.noteCount && at < 0; ++i) {
-        if (man_.getPosition(i) == op.a) at = i;
-      }
-      if (at >= 0) {
-        undo_.beginSession(at, undo::kTempo);
-        man_.setTempo(at, static_cast<float>(op.value));
-        undo_.endSession(at, undo::kTempo, owner_.undoCallback());
-      } else {
-        NoteData rest;
-        memset(&rest, 0, sizeof rest);
-        ctonm2::default_env(rest.Envelope);
-        rest.Intensity = 100;
-        rest.Velocity = 100.0f;
-        rest.Tempo = static_cast<float>(op.value);
-        undo_.beginSession(-1, undo::kAdd);
-        at = man_.insertNotePosition(op.a, &rest);
-        undo_.endSession(at, undo::kAdd, owner_.undoCallback());
-        man_.synchronizeNotes();
-      }
+      owner_.setTempoAt(op.a, static_cast<float>(op.value));
       count = 1;
       break;
     }

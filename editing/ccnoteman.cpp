@@ -99,3 +99,44 @@ int32_t CCNoteMan::quantizeSelection(int32_t step) {
   noteman_->synchronizeNotes();
   return count;
 }
+
+int32_t CCNoteMan::setTempoAt(int64_t tick, float tempo) {
+  CNoteMan& man = *noteman_;
+  ctonm2& engine = *man.engine();
+  int32_t at = -1;
+  for (int32_t i = 0; i < engine.noteCount && at < 0; ++i) {
+    if (man.getPosition(i) == tick) at = i;
+  }
+  if (at >= 0) {
+    undoman_->beginSession(at, undo::kTempo);
+    man.setTempo(at, tempo);
+    undoman_->endSession(at, undo::kTempo, &notifier_);
+    return at;
+  }
+  if (tempo <= 0.0f) return -1;
+  NoteData rest;
+  memset(&rest, 0, sizeof rest);
+  ctonm2::default_env(rest.Envelope);
+  rest.Intensity = 100;
+  rest.Velocity = 100.0f;
+  rest.Tempo = tempo;
+  undoman_->beginSession(-1, undo::kAdd);
+  at = man.insertNotePosition(tick, &rest);
+  undoman_->endSession(at, undo::kAdd, &notifier_);
+  man.synchronizeNotes();
+  return at;
+}
+
+float CCNoteMan::tempoAt(int64_t tick) {
+  ctonm2& engine = *noteman_->engine();
+  float tempo = engine.tempo;
+  int64_t position = 0, latest = -1;
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    position += engine.notes[i].Delta;
+    if (engine.notes[i].Tempo > 0.0f && position <= tick && position >= latest) {
+      tempo = engine.notes[i].Tempo;
+      latest = position;
+    }
+  }
+  return tempo;
+}

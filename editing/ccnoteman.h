@@ -66,6 +66,14 @@ class CCNoteMan {
   int32_t resizeSelection(int32_t dTicks, int32_t step);
   // Quantizes the selection and restores time order.
   int32_t quantizeSelection(int32_t step);
+  // A tempo change at `tick`, one undo step: on the first note starting
+  // there ("tmpo"), else on a new zero-length rest record ("add "), as the
+  // project reader keeps tempo changes. A tempo of 0 removes the change on
+  // such a note. Returns the note's index, -1 when nothing was done.
+  int32_t setTempoAt(int64_t tick, float tempo);
+  // The tempo in force at `tick`: the last change at or before it, else
+  // the project's.
+  float tempoAt(int64_t tick);
   // Moves every note that starts before its predecessor back into time
   // order (absolute positions kept); returns the normalizeNotes passes run.
   int32_t normalizeAll();

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QComboBox>
 #include <QDoubleSpinBox>
+#include <QInputDialog>
 #include <QLineEdit>
 #include <QSpinBox>
 #include <QTableWidget>
@@ -54,6 +56,19 @@ class Expression : public Editor {
     after();
   }
   // Opens the note menu over a point and triggers the item named `text`.
+  void rulerMenu(int x, const QString& text) {
+    Ruler* ruler = window_->editor()->ruler();
+    bool found = false;
+    whenPopup([&](QMenu* menu) {
+      QAction* act = findAction(menu, text);
+      found = act != nullptr && act->isEnabled();
+      if (found) act->trigger();
+    });
+    const QPoint at(x, ruler->height() / 2);
+    QContextMenuEvent event(QContextMenuEvent::Mouse, at, ruler->mapToGlobal(at));
+    QApplication::sendEvent(ruler, &event);
+    EXPECT_TRUE(found) << text.toStdString();
+  }
   void noteMenu(QPoint at, const QString& text) {
     bool found = false;
     whenPopup([&](QMenu* menu) {
@@ -292,20 +307,53 @@ TEST_F(Expression, TheAssistantGivesLinesAndVibratosToLongEnoughNotes) {
 TEST_F(Expression, TemposAndTimeSignaturesAreSetOnTheRuler) {
   open({{480, 480, "さ", 70}, {480, 480, "く", 72}, {480, 480, "ら", 74}});
   Ruler* ruler = window_->editor()->ruler();
-  const int index = ruler->tempoNoteAt(900);
-  EXPECT_EQ(index, 1);  // the note starting at 960
-  ruler->setTempoAt(index, 90.0f);
-  EXPECT_FLOAT_EQ(note(1).Tempo, 90.0f);
+  // The ruler's menu at 960 offers a tempo there, starting from the song's.
+  const int x960 = static_cast<int>(scale_->tickToX(960.0)) + 1;
+  EXPECT_EQ(ruler->menuTick(x960), 960);
+  whenModal([](QWidget* box) {
+    auto* input = static_cast<QInputDialog*>(box);
+    EXPECT_DOUBLE_EQ(input->doubleValue(), 120.0);
+    input->setDoubleValue(90.0);
+    input->accept();
+  });
+  rulerMenu(x960, "Set Tempo Here (Measure 1)…");
+  EXPECT_FLOAT_EQ(note(1).Tempo, 90.0f);  // the note starting at 960
   EXPECT_EQ(title("undo"), "テンポの変更を元に戻す");
   EXPECT_NEAR(doc().notes().Ticks2MSec(1440), 960 * 125.0 / 120 + 480 * 125.0 / 90, 0.01);
+  EXPECT_FLOAT_EQ(doc().model().tempoAt(1000), 90.0f);
   trigger("undo");
   EXPECT_FLOAT_EQ(note(1).Tempo, 0.0f);
+  // Where no note starts (bar 1 here), a change of its own goes there.
+  ruler->setTempoAt(0, 100.0f);
+  ASSERT_EQ(doc().engine().noteCount, 4);
+  EXPECT_FLOAT_EQ(note(0).Tempo, 100.0f);
+  EXPECT_EQ(soundingNotes(doc().engine())[0].start, 480);
+  trigger("undo");
+  EXPECT_EQ(doc().engine().noteCount, 3);
 
-  ruler->setTimeSignature(2, 3, 4);
+  // The signature dialog opens with the one in force, and OK alone changes nothing.
+  const int bar3 = static_cast<int>(scale_->tickToX(2 * 1920.0)) + 1;
+  whenModal([](QWidget* box) {
+    EXPECT_EQ(box->findChild<QSpinBox*>("signatureBeats")->value(), 4);
+    EXPECT_EQ(box->findChild<QComboBox*>("signatureUnit")->currentText(), "4");
+    static_cast<QDialog*>(box)->accept();
+  });
+  rulerMenu(bar3, "Time Signature at Measure 3…");
+  EXPECT_EQ(doc().scale().count(), 1);
+  whenModal([](QWidget* box) {
+    box->findChild<QSpinBox*>("signatureBeats")->setValue(3);
+    static_cast<QDialog*>(box)->accept();
+  });
+  rulerMenu(bar3, "Time Signature at Measure 3…");
   EXPECT_EQ(doc().scale().count(), 2);
   EXPECT_EQ(ruler->measureStart(3), 2 * 1920 + 1440);  // two 4/4 bars, then 3/4
   EXPECT_EQ(ruler->measureAt(2 * 1920 + 1500), 3);
   EXPECT_EQ(title("undo"), "拍子記号を元に戻す");
+  whenModal([](QWidget* box) {
+    EXPECT_EQ(box->findChild<QSpinBox*>("signatureBeats")->value(), 3);  // in force at measure 4
+    static_cast<QDialog*>(box)->reject();
+  });
+  rulerMenu(static_cast<int>(scale_->tickToX(2 * 1920.0 + 1440)) + 1, "Time Signature at Measure 4…");
   ruler->removeTimeSignature(2);
   EXPECT_EQ(doc().scale().count(), 1);
   trigger("undo");

@@ -1,15 +1,20 @@
 #include "ui/views/rulers.h"
 
+#include <QComboBox>
 #include <QContextMenuEvent>
+#include <QFormLayout>
 #include <QInputDialog>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QSpinBox>
 #include <algorithm>
 #include <cmath>
 
 #include "editing/undoman.h"
+#include "ui/shell/dialogbuttons.h"
 #include "ui/shell/document.h"
 #include "ui/views/beats.h"
 #include "ui/views/timescale.h"
@@ -72,16 +77,35 @@ void Ruler::paintEvent(QPaintEvent*) {
     }
   });
 
-  // Tempo changes, on the note that carries them.
+  // Where time signatures start: a tempo mark there stands after the signature.
+  std::vector<int64_t> signatureTicks;
+  {
+    const CScaleMan& signatures = document_->scale();
+    int startMeasure = 0;
+    for (int k = 0; k < signatures.count(); ++k) {
+      signatureTicks.push_back(measureStart(startMeasure));
+      if (signatures.entries()[k].measures <= 0) break;
+      startMeasure += signatures.entries()[k].measures;
+    }
+  }
+  auto tempoX = [&](int64_t tick) {
+    const bool shared = std::find(signatureTicks.begin(), signatureTicks.end(), tick) != signatureTicks.end();
+    return scale_->tickToX(static_cast<double>(tick)) + (shared ? 40 : 3);
+  };
+  // The song's tempo at bar 1, then each change on the note that carries it.
   const ctonm2& engine = document_->engine();
   const std::vector<int64_t>& starts = document_->starts();
   p.setPen(QColor(120, 60, 20));
+  bool changeAtStart = false;
   for (int32_t i = 0; i < engine.noteCount; ++i) {
     if (engine.notes[i].Tempo <= 0.0f) continue;
-    const double x = scale_->tickToX(static_cast<double>(starts[static_cast<size_t>(i)]));
+    const int64_t start = starts[static_cast<size_t>(i)];
+    changeAtStart = changeAtStart || start == 0;
+    const double x = tempoX(start);
     if (x < -60 || x > w) continue;
-    p.drawText(QPointF(x + 3, 26), QString("♩=%1").arg(static_cast<double>(engine.notes[i].Tempo)));
+    p.drawText(QPointF(x, 26), QString("♩=%1").arg(static_cast<double>(engine.notes[i].Tempo)));
   }
+  if (!changeAtStart) p.drawText(QPointF(tempoX(0), 26), QString("♩=%1").arg(static_cast<double>(engine.tempo)));
 
   // Time signatures at the measures where they start.
   CScaleMan& signatures = document_->scale();
@@ -167,20 +191,25 @@ int64_t Ruler::measureStart(int measure) {
   return std::max<int64_t>(found, 0);
 }
 
-int Ruler::tempoNoteAt(int64_t tick) {
-  const ctonm2& engine = document_->engine();
-  const std::vector<int64_t>& starts = document_->starts();
-  for (int32_t i = 0; i < engine.noteCount; ++i) {
-    if (starts[static_cast<size_t>(i)] >= tick && !ctonm2::is_r(engine.notes[i].Lyric)) return i;
-  }
-  return engine.noteCount - 1;
+int64_t Ruler::menuTick(int x) { return std::max<int64_t>(0, scale_->snapNearest(scale_->xToTick(x))); }
+
+void Ruler::setTempoAt(int64_t tick, float tempo) {
+  emit document_->editStarting();
+  document_->model().setTempoAt(tick, tempo);
+  document_->touch();
 }
 
-void Ruler::setTempoAt(int index, float tempo) {
-  if (document_->notes().getNote(index) == nullptr) return;
-  document_->beginNoteEdit(index, undo::kTempo);
-  document_->notes().setTempo(index, tempo);
-  document_->endNoteEdit(index, undo::kTempo);
+void Ruler::signatureAt(int measure, int* beats, int* note) {
+  const CScaleMan& signatures = document_->scale();
+  int start = 0;
+  *beats = 4;
+  *note = 4;
+  for (int k = 0; k < signatures.count() && start <= measure; ++k) {
+    *beats = signatures.getBeat(k);
+    *note = signatures.getNote(k);
+    if (signatures.entries()[k].measures <= 0) break;
+    start += signatures.entries()[k].measures;
+  }
 }
 
 void Ruler::setTimeSignature(int measure, int beats, int note) {
@@ -196,37 +225,32 @@ void Ruler::removeTimeSignature(int measure) {
 }
 
 void Ruler::contextMenuEvent(QContextMenuEvent* event) {
-  const int64_t tick = std::max<int64_t>(0, scale_->xToTick(event->pos().x()));
+  const int64_t tick = menuTick(event->pos().x());
   const int measure = measureAt(tick);
-  const int note = tempoNoteAt(tick);
   QMenu menu(this);
-  if (note >= 0) {
-    const float current = document_->engine().notes[note].Tempo;
-    menu.addAction(
-        tr("Set &Tempo at \"%1\"…").arg(QString::fromUtf8(document_->engine().notes[note].Lyric)), this, [this, note] {
-          bool ok = false;
-          const double tempo = QInputDialog::getDouble(this, tr("Tempo"), tr("Quarter notes per minute:"),
-                                                       document_->engine().get_tempo(note), 10.0, 512.0, 2, &ok);
-          if (ok) setTempoAt(note, static_cast<float>(tempo));
-        });
-    QAction* remove = menu.addAction(tr("&Remove Tempo Change"), this, [this, note] { setTempoAt(note, 0.0f); });
-    remove->setEnabled(current > 0.0f);
+  // A tempo change where the menu was opened, starting from the tempo in force.
+  const QString where = QString::number(measure + 1);
+  menu.addAction(tr("Set &Tempo Here (Measure %1)…").arg(where), this, [this, tick] {
+    bool ok = false;
+    const double tempo = QInputDialog::getDouble(this, tr("Tempo"), tr("Quarter notes per minute:"),
+                                                 document_->model().tempoAt(tick), 10.0, 512.0, 2, &ok);
+    if (ok) setTempoAt(tick, static_cast<float>(tempo));
+  });
+  bool changeHere = false;
+  const ctonm2& engine = document_->engine();
+  const std::vector<int64_t>& starts = document_->starts();
+  for (int32_t i = 0; i < engine.noteCount; ++i) {
+    changeHere = changeHere || (engine.notes[i].Tempo > 0.0f && starts[static_cast<size_t>(i)] == tick);
   }
+  QAction* remove = menu.addAction(tr("&Remove Tempo Change Here"), this, [this, tick] { setTempoAt(tick, 0.0f); });
+  remove->setEnabled(changeHere);
   menu.addSeparator();
   menu.addAction(tr("Time &Signature at Measure %1…").arg(measure + 1), this, [this, measure] {
-    bool ok = false;
-    const QString text = QInputDialog::getText(this, tr("Time Signature"), tr("Beats/note (for example 3/4):"),
-                                               QLineEdit::Normal, "3/4", &ok);
-    if (!ok) return;
-    const QStringList parts = text.split('/');
-    const int beats = parts.value(0).trimmed().toInt();
-    const int value = parts.value(1).trimmed().toInt();
-    // The note value is a power of two a beat can be written in.
-    if (beats < 1 || beats > 32 ||
-        (value != 1 && value != 2 && value != 4 && value != 8 && value != 16 && value != 32)) {
-      return;
-    }
-    setTimeSignature(measure, beats, value);
+    int beats = 4, note = 4;
+    signatureAt(measure, &beats, &note);
+    TimeSignatureDialog dialog(measure, beats, note, this);
+    if (dialog.exec() != QDialog::Accepted) return;
+    if (dialog.beats() != beats || dialog.note() != note) setTimeSignature(measure, dialog.beats(), dialog.note());
   });
   QAction* removeSignature = menu.addAction(tr("Remove Time Signature at Measure %1").arg(measure + 1), this,
                                             [this, measure] { removeTimeSignature(measure); });
@@ -242,3 +266,23 @@ void Ruler::contextMenuEvent(QContextMenuEvent* event) {
   removeSignature->setEnabled(startsHere);
   menu.exec(event->globalPos());
 }
+
+TimeSignatureDialog::TimeSignatureDialog(int measure, int beats, int note, QWidget* parent) : QDialog(parent) {
+  setWindowTitle(tr("Time Signature"));
+  auto* form = new QFormLayout(this);
+  form->addRow(new QLabel(tr("From measure %1 on:").arg(measure + 1), this));
+  beats_ = new QSpinBox(this);
+  beats_->setObjectName("signatureBeats");
+  beats_->setRange(1, 32);
+  beats_->setValue(beats);
+  unit_ = new QComboBox(this);
+  unit_->setObjectName("signatureUnit");
+  for (int value : {1, 2, 4, 8, 16, 32}) unit_->addItem(QString::number(value), value);
+  unit_->setCurrentIndex(std::max(0, unit_->findData(note)));
+  form->addRow(tr("Beats per measure:"), beats_);
+  form->addRow(tr("Beat unit:"), unit_);
+  form->addRow(dialogButtons(this));
+}
+
+int TimeSignatureDialog::beats() const { return beats_->value(); }
+int TimeSignatureDialog::note() const { return unit_->currentData().toInt(); }

@@ -3,9 +3,12 @@
 // its left. Both follow the roll's time scale.
 #pragma once
 
+#include <QDialog>
 #include <QWidget>
 #include <cstdint>
 
+class QComboBox;
+class QSpinBox;
 class EditorDocument;
 class TimeScale;
 
@@ -33,13 +36,15 @@ class Ruler : public QWidget {
   // The measure (from 0) that holds a tick, and the tick where measure m starts.
   int measureAt(int64_t tick);
   int64_t measureStart(int measure);
-  // The note a tempo change at a tick goes on: the first sounding note
-  // starting at or after it (the last note when none), -1 without notes.
-  int tempoNoteAt(int64_t tick);
-  // As the ruler's menu does them, each one undo step.
-  void setTempoAt(int index, float tempo);
+  // The position the ruler's menu works at: the tick under x, on the grid.
+  int64_t menuTick(int x);
+  // As the ruler's menu does them, each one undo step: a tempo change at a
+  // tick (0 removes the one there), a time signature from a measure on.
+  void setTempoAt(int64_t tick, float tempo);
   void setTimeSignature(int measure, int beats, int note);
   void removeTimeSignature(int measure);
+  // The signature in force at a measure: beats and note value.
+  void signatureAt(int measure, int* beats, int* note);
 
  private:
   EditorDocument* document_;
@@ -48,6 +53,21 @@ class Ruler : public QWidget {
   int64_t renderedFrom_ = -1;
   int64_t renderedTo_ = -1;
   int64_t cursorTick_ = 0;
+};
+
+// The time signature of a measure on, as notation programs ask for it:
+// beats per measure over the beat unit.
+class TimeSignatureDialog : public QDialog {
+  Q_OBJECT
+
+ public:
+  TimeSignatureDialog(int measure, int beats, int note, QWidget* parent = nullptr);
+  int beats() const;
+  int note() const;
+
+ private:
+  QSpinBox* beats_;
+  QComboBox* unit_;
 };
 
 class Keyboard : public QWidget {
