@@ -326,6 +326,28 @@ TEST_F(Editor, EveryWindowKeepsItsRecoveryCopyAndEachIsOfferedAtStartUp) {
   delete later;
 }
 
+TEST_F(Editor, ProjectPropertiesKeepANamelessProjectNameless) {
+  window_->action("toolPen")->trigger();
+  click(at(480, 70));
+  const std::string path = dir_.file("new.snt");
+  ASSERT_TRUE(window_->saveAs(QString::fromStdString(path), 200));
+  whenModal([](QWidget* box) {
+    EXPECT_EQ(box->findChild<QLineEdit*>("projectName")->text(), "");
+    static_cast<QDialog*>(box)->accept();
+  });
+  trigger("properties");
+  EXPECT_FALSE(doc().modified());  // OK alone changes nothing
+  ASSERT_TRUE(window_->saveAs(QString::fromStdString(path), 200));
+  EXPECT_NE(readFile(path).find("ProjectName=\n"), std::string::npos) << readFile(path);
+  whenModal([](QWidget* box) {
+    box->findChild<QLineEdit*>("projectName")->setText("Spring");
+    static_cast<QDialog*>(box)->accept();
+  });
+  trigger("properties");
+  EXPECT_TRUE(doc().modified());
+  EXPECT_EQ(window_->windowTitle(), "Spring[*] — TONA");
+}
+
 TEST_F(Editor, ZoomAndRedoHaveKeysOnEveryKeyboard) {
   // Ctrl+= and Ctrl++ zoom in (not vertically), Ctrl+- out; Ctrl+Y redoes.
   const double ppt = scale_->pixelsPerTick();

@@ -15,6 +15,7 @@
 EditorDocument::EditorDocument(QObject* parent) : QObject(parent), model_(std::make_unique<CCNoteMan>(&scale_)) {
   model_->setUndoView(this);
   model_->setRecoveryPath(newRecoveryCopyPath());
+  engine().set_projectName("");  // a new project has no name until it is given one
   reset();
 }
 
@@ -129,14 +130,18 @@ bool EditorDocument::save(const QString& path, int version, QString* error) {
     return false;
   }
   path_ = QFileInfo(path).absoluteFilePath();
+  // Saving names no project: the engine would take the file's name for one.
+  const std::string name = e.projectName;
   e.set_projectPath(path_.toStdString().c_str());
+  e.set_projectName(name.c_str());
   history().setSavePoint(model_->undoCallback());
   emit pathChanged();
   return true;
 }
 
 QString EditorDocument::displayName() {
-  if (engine().projectName[0] != '\0') return QString::fromUtf8(engine().projectName);
+  const char* name = engine().projectName;
+  if (name[0] != '\0' && strcmp(name, "(no title)") != 0) return QString::fromUtf8(name);
   if (!path_.isEmpty()) return QFileInfo(path_).completeBaseName();
   return tr("Untitled");
 }

@@ -625,7 +625,11 @@ void MainWindow::propertiesDialog() {
   QDialog dialog(this);
   dialog.setWindowTitle(tr("Project Properties"));
   auto* form = new QFormLayout(&dialog);
-  auto* name = new QLineEdit(QString::fromUtf8(engine.projectName), &dialog);
+  // The name the core gives a project that has none is no name to keep.
+  const QString oldName = strcmp(engine.projectName, "(no title)") == 0 ? QString() : QString::fromUtf8(engine.projectName);
+  auto* name = new QLineEdit(oldName, &dialog);
+  name->setObjectName("projectName");
+  name->setPlaceholderText(tr("(no title)"));
   auto* tempo = new QDoubleSpinBox(&dialog);
   tempo->setRange(10.0, 512.0);
   tempo->setDecimals(2);
@@ -649,12 +653,17 @@ void MainWindow::propertiesDialog() {
   auto* buttons = dialogButtons(&dialog);
   form->addRow(buttons);
   if (dialog.exec() != QDialog::Accepted) return;
-  Player::instance().stop();
-  engine.set_projectName(name->text().toUtf8().constData());
-  engine.tempo = static_cast<float>(tempo->value());
-  engine.set_outfile(output->text().toUtf8().constData());
-  engine.set_flags(flags->text().toUtf8().constData());
-  document_->markOtherModified();
+  const bool changed = name->text() != oldName || static_cast<float>(tempo->value()) != engine.tempo ||
+                       output->text() != QString::fromUtf8(engine.outfile) ||
+                       flags->text() != QString::fromUtf8(engine.flags);
+  if (changed) {
+    Player::instance().stop();
+    engine.set_projectName(name->text().toUtf8().constData());
+    engine.tempo = static_cast<float>(tempo->value());
+    engine.set_outfile(output->text().toUtf8().constData());
+    engine.set_flags(flags->text().toUtf8().constData());
+    document_->markOtherModified();
+  }
   QString folder = voice->text();
   QString current = QString::fromUtf8(engine.voiceDir);
   if (!folder.endsWith('/')) folder += '/';
