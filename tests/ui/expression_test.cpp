@@ -7,10 +7,12 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDoubleSpinBox>
+#include <QImage>
 #include <QInputDialog>
 #include <QLineEdit>
 #include <QSpinBox>
 #include <QTableWidget>
+#include <algorithm>
 #include <cmath>
 #include <functional>
 
@@ -149,6 +151,72 @@ TEST_F(Expression, PointsAreAddedDeletedAndShapedFromTheMenu) {
   noteMenu(centreOf(0), "Reset to Default");
   EXPECT_EQ(list(note(0).PBS), (std::vector<float>{-40}));
   EXPECT_EQ(list(note(0).PBW), (std::vector<float>{80}));
+}
+
+// Pixels of the pitch line's red inside a rectangle of a picture of the roll.
+int redPixels(const QImage& image, const QRect& area) {
+  int count = 0;
+  for (int y = std::max(area.top(), 0); y <= std::min(area.bottom(), image.height() - 1); ++y) {
+    for (int x = std::max(area.left(), 0); x <= std::min(area.right(), image.width() - 1); ++x) {
+      const QColor c = image.pixelColor(x, y);
+      count += c.red() > 150 && c.green() < 110 && c.blue() < 120 ? 1 : 0;
+    }
+  }
+  return count;
+}
+
+TEST_F(Expression, LyricsStayLegibleAndPitchLinesStayDrawnThroughPlayback) {
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  std::vector<Note> notes;
+  for (int i = 0; i < 12; ++i) notes.push_back({480, 480, "a", 60 + i % 2 * 5, kPitchLine});
+  open(notes, bank.folder());
+  scale_->setPixelsPerTick(0.25);
+  auto lyricAreas = [&] {
+    std::vector<QRectF> areas;
+    const QFontMetrics metrics(roll_->lyricFont());
+    for (int i = 0; i < doc().engine().noteCount; ++i) areas.push_back(roll_->lyricRect(i, metrics));
+    return areas;
+  };
+  // Selected: the handles at the start leave the lyric alone, and no line crosses it.
+  click(centreOf(1));
+  std::vector<QRectF> areas = lyricAreas();
+  ASSERT_FALSE(areas[1].isEmpty());
+  for (size_t k = 0; k < pitchPoints(doc().engine(), 1).size(); ++k) {
+    const QPointF h = roll_->pitchPointPosition(1, static_cast<int>(k));
+    const QRectF handle(h.x() - PianoRoll::kHandleRadius, h.y() - PianoRoll::kHandleRadius,
+                        2 * PianoRoll::kHandleRadius, 2 * PianoRoll::kHandleRadius);
+    EXPECT_FALSE(handle.intersects(areas[1])) << "point " << k;
+  }
+  QImage picture = roll_->grab().toImage();
+  for (int i : {0, 1, 2}) {
+    EXPECT_EQ(redPixels(picture, areas[static_cast<size_t>(i)].toAlignedRect().adjusted(1, 1, -1, -1)), 0) << i;
+  }
+  // Zoomed far out, lyrics are cut short or left out, never over a neighbour.
+  scale_->setPixelsPerTick(0.03);
+  areas = lyricAreas();
+  for (size_t i = 0; i < areas.size(); ++i) {
+    if (areas[i].isEmpty()) continue;
+    EXPECT_LE(areas[i].right(), roll_->noteRect(static_cast<int>(i)).right()) << i;
+    if (i + 1 < areas.size()) {
+      EXPECT_FALSE(areas[i].intersects(areas[i + 1])) << i;
+    }
+  }
+
+  // Playing the song to its end (the render frees the engine's curves when
+  // it is done): the lines stay.
+  scale_->setPixelsPerTick(0.25);
+  window_->action("selectAll")->trigger();
+  doc().notes().ReleaseAll();
+  doc().touch();
+  const QRect lines = roll_->rect();
+  const int before = redPixels(roll_->grab().toImage(), lines);
+  ASSERT_GT(before, 100);
+  trigger("play");
+  ASSERT_TRUE(Player::instance().active()) << window_->lastMessage().toStdString();
+  ASSERT_TRUE(waitFor([&] { return doc().engine().renderState.load() == 0; }, 20000));
+  EXPECT_GT(redPixels(roll_->grab().toImage(), lines), before / 2);
+  Player::instance().stop();
 }
 
 TEST_F(Expression, PitchLinesAndVibratosAreCopiedBetweenNotes) {

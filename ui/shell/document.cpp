@@ -250,6 +250,16 @@ void EditorDocument::preparePitchCurves() {
   for (int32_t i = 0; i < e.noteCount; ++i) memcpy(&envelopes[static_cast<size_t>(i) * 16], e.notes[i].Envelope, 64);
   e.preparationNotes();
   e.makePitchMode2();
-  for (int32_t i = 0; i < e.noteCount; ++i) memcpy(e.notes[i].Envelope, &envelopes[static_cast<size_t>(i) * 16], 64);
+  curves_.assign(static_cast<size_t>(e.noteCount), Curve());
+  for (int32_t i = 0; i < e.noteCount; ++i) {
+    const NoteData& note = e.notes[i];
+    memcpy(e.notes[i].Envelope, &envelopes[static_cast<size_t>(i) * 16], 64);
+    if (note._pitch == nullptr || note._pitchlen <= 1) continue;
+    Curve& curve = curves_[static_cast<size_t>(i)];
+    curve.cents.assign(note._pitch, note._pitch + note._pitchlen);
+    curve.lead = static_cast<double>(note._preuttr) + note._stp + note.stptrim;
+    curve.lengthMs = note._notelen;
+    curve.tempo = note._tempo;
+  }
   pitchRevision_ = revision_;
 }

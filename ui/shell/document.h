@@ -91,7 +91,19 @@ class EditorDocument : public QObject, private UndoView {
   const std::vector<int64_t>& starts();
   // Prepares the notes and builds their pitch curves, for drawing only:
   // the envelopes the preparation reshapes are put back as they were.
+  // Nothing is done while a render runs (it owns the notes' curves then).
   void preparePitchCurves();
+  // A note's rendered pitch curve as drawn: cents about the note every
+  // kPitchStepMs from `lead` ms before its start, in the tempo in force.
+  struct Curve {
+    std::vector<float> cents;
+    double lead = 0.0;
+    double lengthMs = 0.0;
+    float tempo = 0.0f;
+  };
+  // By note index, as last prepared: a render frees the engine's curves
+  // and builds them anew on its own thread, so the views draw these copies.
+  const std::vector<Curve>& curves() const { return curves_; }
   // The end of the last note in ticks.
   int64_t lengthTicks();
 
@@ -118,5 +130,6 @@ class EditorDocument : public QObject, private UndoView {
   uint64_t startsRevision_ = 0;
   uint64_t pitchRevision_ = 0;
   std::vector<int64_t> starts_;
+  std::vector<Curve> curves_;
   bool sessionOpen_ = false;
 };

@@ -168,8 +168,7 @@ void PianoRoll::paintEvent(QPaintEvent*) {
   if (!document.editing()) document.preparePitchCurves();
   const ctonm2& engine = document.engine();
   const std::vector<int64_t>& starts = document.starts();
-  QFont font = p.font();
-  font.setPixelSize(std::clamp(row - 3, 8, 18));
+  const QFont font = lyricFont();
   p.setFont(font);
   const QFontMetrics metrics(font);
   const bool dragging = document.editing();
@@ -199,10 +198,12 @@ void PianoRoll::paintEvent(QPaintEvent*) {
     }
     // The rendered curve, in cents about the note, across the note's own
     // time (the tempo in force at the note throughout).
-    if (note._pitch != nullptr && note._pitchlen > 1 && !(hideSelectedCurves_ && note.selected != 0) &&
-        note._tempo > 0.0f) {
-      const double lead = static_cast<double>(note._preuttr) + note._stp + note.stptrim;
-      const double pixelsPerMs = note._tempo / 125.0 * scale_->pixelsPerTick();
+    const EditorDocument::Curve* curve =
+        static_cast<size_t>(i) < document.curves().size() ? &document.curves()[static_cast<size_t>(i)] : nullptr;
+    if (curve != nullptr && curve->cents.size() > 1 && !(hideSelectedCurves_ && note.selected != 0) &&
+        curve->tempo > 0.0f) {
+      const double lead = curve->lead;
+      const double pixelsPerMs = curve->tempo / 125.0 * scale_->pixelsPerTick();
       const double centre = y + row / 2.0;
       QPainterPath path;
       bool started = false;
@@ -210,10 +211,11 @@ void PianoRoll::paintEvent(QPaintEvent*) {
       // (the glide into the note).
       const double glide = floatListCount(note.PBS) >= 1 ? std::min(0.0, static_cast<double>(note.PBS[1])) : 0.0;
       const int32_t kFirst = std::max(0, static_cast<int32_t>(std::floor((lead + glide) / ctonm2::kPitchStepMs)));
-      for (int32_t k = kFirst; k < note._pitchlen; ++k) {
+      const int32_t count = static_cast<int32_t>(curve->cents.size());
+      for (int32_t k = kFirst; k < count; ++k) {
         const double ms = k * ctonm2::kPitchStepMs - lead;  // from the note's start
-        if (ms > note._notelen) break;
-        const QPointF point(x + ms * pixelsPerMs, centre - note._pitch[k] / 100.0 * row);
+        if (ms > curve->lengthMs) break;
+        const QPointF point(x + ms * pixelsPerMs, centre - curve->cents[static_cast<size_t>(k)] / 100.0 * row);
         if (!started) {
           path.moveTo(point);
           started = true;
@@ -225,18 +227,18 @@ void PianoRoll::paintEvent(QPaintEvent*) {
       p.setBrush(Qt::NoBrush);
       p.drawPath(path);
     }
-    // The lyric last, over the curve, on a light patch so that it stays legible.
-    // A lyric that does not fit is cut short with an ellipsis, and left out
-    // where not even its first character fits, so neighbours never overlap.
-    const QString full = QString::fromUtf8(note.Lyric);
-    const int room = static_cast<int>(width) - 4;
-    const QString lyric =
-        metrics.horizontalAdvance(full) <= room ? full : metrics.elidedText(full, Qt::ElideRight, room);
-    if (!lyric.isEmpty() && lyric != QStringLiteral("…")) {
-      const QRectF patch(x + 2, y + 1, std::min<double>(metrics.horizontalAdvance(lyric) + 2, width - 3), row - 2);
-      p.fillRect(patch, QColor(255, 255, 255, note.selected != 0 ? 90 : 140));
+    // The lyric last, over the curve, on a patch of its own so that the
+    // line never crosses it. A lyric that does not fit is cut short with an
+    // ellipsis, and left out where not even its first character fits, so
+    // neighbours never overlap.
+    QString lyric;
+    const QRectF patch = lyricRect(i, metrics, &lyric);
+    if (!patch.isEmpty()) {
+      QColor under = fill;
+      under.setAlpha(255);
+      p.fillRect(patch, under.lighter(note.selected != 0 ? 115 : 135));
       p.setPen(silent ? QColor(60, 60, 60, 140) : QColor(20, 20, 30));
-      p.drawText(box.adjusted(3, 0, -1, 0), Qt::AlignVCenter | Qt::AlignLeft, lyric);
+      p.drawText(patch.adjusted(1, 0, 0, 0), Qt::AlignVCenter | Qt::AlignLeft, lyric);
     }
   }
 
@@ -446,6 +448,46 @@ void PianoRoll::commitLyric(bool moveOn) {
 void PianoRoll::setHideSelectedCurves(bool hide) {
   hideSelectedCurves_ = hide;
   update();
+}
+
+QRectF PianoRoll::lyricRect(int index, const QFontMetrics& metrics, QString* shown) {
+  const NoteData* note = document_->notes().getNote(index);
+  if (note == nullptr) return QRectF();
+  const QRectF box = noteRect(index);
+  double left = box.x() + 2;
+  const double right = box.right() - 2;
+  // Past the handles at the note's start (they are grabbed there).
+  if (handlesShown(index)) {
+    const size_t count = pitchPoints(document_->engine(), index).size();
+    for (size_t k = 0; k < count; ++k) {
+      const QPointF h = pitchPointPosition(index, static_cast<int>(k));
+      const double reach = kHandleRadius + 1;
+      if (h.y() + reach < box.top() || h.y() - reach > box.bottom()) continue;
+      if (h.x() + reach > left && h.x() - reach < left + metrics.horizontalAdvance(QString::fromUtf8(note->Lyric)) + 3) {
+        left = std::max(left, h.x() + reach + 1);
+      }
+    }
+  }
+  const QString full = QString::fromUtf8(note->Lyric);
+  const int room = static_cast<int>(right - left) - 3;
+  if (room <= 0) return QRectF();
+  const QString lyric = metrics.horizontalAdvance(full) <= room ? full : metrics.elidedText(full, Qt::ElideRight, room);
+  if (lyric.isEmpty() || lyric == QStringLiteral("…")) return QRectF();
+  if (shown != nullptr) *shown = lyric;
+  return QRectF(left, box.y() + 1, std::min<double>(metrics.horizontalAdvance(lyric) + 3, right - left),
+                box.height() - 2);
+}
+
+QFont PianoRoll::lyricFont() {
+  QFont font = this->font();
+  font.setPixelSize(std::clamp(scale_->rowHeight() - 3, 8, 18));
+  return font;
+}
+
+bool PianoRoll::handlesShown(int index) {
+  CNoteMan& notes = document_->notes();
+  const NoteData* note = notes.getNote(index);
+  return note != nullptr && note->selected != 0 && notes.getSelectCount() <= kMaxHandleNotes && !hideSelectedCurves_;
 }
 
 QPointF PianoRoll::pitchPointPosition(int index, int point) {

@@ -9,12 +9,14 @@
 
 #include <QPointer>
 #include <QRect>
+#include <QFont>
 #include <QWidget>
 #include <cstdint>
 #include <functional>
 #include <memory>
 
 class EditorDocument;
+class QFontMetrics;
 class QLineEdit;
 class RollTool;
 class TimeScale;
@@ -49,6 +51,13 @@ class PianoRoll : public QWidget {
   int noteAt(const QPoint& point);
   // The box of note i on screen.
   QRectF noteRect(int index);
+  // Where a note's lyric is drawn (empty when it is left out): inside the
+  // note, after any pitch handle at its start; *shown gets the text drawn,
+  // elided to fit.
+  QRectF lyricRect(int index, const QFontMetrics& metrics, QString* shown = nullptr);
+  QFont lyricFont();
+  // Whether a note shows its pitch and vibrato handles.
+  bool handlesShown(int index);
 
   // The play cursor (-1: hidden) and the note being sung (-1: none).
   void setPlayCursor(int64_t tick, int singing);
