@@ -8,6 +8,8 @@
 #include <QDoubleSpinBox>
 #include <QKeySequenceEdit>
 #include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
 #include <QListWidget>
 #include <QSettings>
 #include <QSortFilterProxyModel>
@@ -188,6 +190,25 @@ TEST_F(Bank, ThePrefixMapIsSavedAndReadBackAsTyped) {
   EXPECT_TRUE(error.contains("31 bytes")) << error.toStdString();
 }
 
+TEST_F(Bank, TheSingerDialogOffersAFolderFromAnywhereAndWaitsForAChoice) {
+  SingerDialog dialog(&doc());
+  ASSERT_EQ(dialog.list()->count(), 0);  // a first run: no banks yet
+  for (const char* name : {"sing", "analyze", "entries"}) {
+    EXPECT_FALSE(dialog.findChild<QPushButton*>(name)->isEnabled()) << name;
+  }
+  ASSERT_NE(dialog.findChild<QPushButton*>("addFolder"), nullptr);
+  bank_.write("oto.ini", "a.wav=a,30,60,-400,40,10\n");
+  bank_.write("readme.txt", "A voice recorded\nin one day.\n\nこれは\nテストです。\n");
+  dialog.addFolder(QString::fromStdString(bank_.folder()));
+  dialog.addFolder(QString::fromStdString(bank_.folder()));  // once only
+  ASSERT_EQ(dialog.list()->count(), 1);
+  EXPECT_TRUE(dialog.findChild<QPushButton*>("sing")->isEnabled());
+  EXPECT_EQ(dialog.findChild<QPlainTextEdit*>("profile")->toPlainText(), "A voice recorded in one day.\n\nこれはテストです。");
+  QString error;
+  ASSERT_TRUE(dialog.singWithChosen(&error)) << error.toStdString();
+  EXPECT_GT(doc().voiceEntryCount(), 0);
+}
+
 TEST_F(Bank, TheSingerDialogShowsProfilesAndChoosingMarksTheProject) {
   // A bank in the user's voice folder, with its name in character.txt.
   const std::string voices = userFolder(UserFolder::kVoice, true);
@@ -211,6 +232,7 @@ TEST_F(Bank, TheSingerDialogShowsProfilesAndChoosingMarksTheProject) {
     }
   }
   EXPECT_EQ(dialog.shownName(), "はな");
+  EXPECT_EQ(dialog.findChild<QPlainTextEdit*>("profile")->toPlainText(), "author=test");  // no charset line
   QString error;
   ASSERT_TRUE(dialog.singWithChosen(&error)) << error.toStdString();
   EXPECT_TRUE(doc().modified());

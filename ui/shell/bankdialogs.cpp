@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QDialogButtonBox>
 #include <QDir>
+#include <QFileDialog>
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QHeaderView>
@@ -102,6 +103,8 @@ QStringList analyzeBank(QWidget* parent, const QString& folder, bool* cancelled)
 SingerDialog::SingerDialog(EditorDocument* document, QWidget* parent) : QDialog(parent), document_(document) {
   setWindowTitle(tr("Singer"));
   auto* layout = new QHBoxLayout(this);
+  // The list gets the room: it is what the user chooses from.
+  auto* left = new QVBoxLayout;
   list_ = new QListWidget(this);
   list_->setObjectName("banks");
   for (const QString& folder : knownVoiceBanks()) {
@@ -111,44 +114,58 @@ SingerDialog::SingerDialog(EditorDocument* document, QWidget* parent) : QDialog(
     item->setToolTip(folder);
     if (QDir(folder) == QDir(document_->voiceFolder())) list_->setCurrentItem(item);
   }
-  layout->addWidget(list_, 1);
+  left->addWidget(list_, 1);
+  auto* add = new QPushButton(tr("&Add Folder…"), this);
+  add->setObjectName("addFolder");
+  left->addWidget(add);
+  layout->addLayout(left, 3);
   auto* right = new QVBoxLayout;
   image_ = new QLabel(this);
   image_->setFixedSize(100, 100);
   image_->setScaledContents(true);
   name_ = new QLabel(this);
   name_->setObjectName("singerName");
+  name_->setWordWrap(true);
   QFont big = name_->font();
-  big.setPointSizeF(big.pointSizeF() * 1.4);
+  big.setPointSizeF(big.pointSizeF() * 1.25);
   name_->setFont(big);
   auto* head = new QHBoxLayout;
   head->addWidget(image_);
   head->addWidget(name_, 1);
   right->addLayout(head);
   profile_ = new QPlainTextEdit(this);
+  profile_->setObjectName("profile");
   profile_->setReadOnly(true);
+  profile_->setLineWrapMode(QPlainTextEdit::WidgetWidth);
   right->addWidget(profile_, 1);
   auto* buttons = new QHBoxLayout;
-  auto* sing = new QPushButton(tr("&Sing with This Bank"), this);
-  sing->setObjectName("sing");
-  auto* analyze = new QPushButton(tr("&Analyze Bank…"), this);
-  auto* entries = new QPushButton(tr("Edit &Entries…"), this);
+  sing_ = new QPushButton(tr("&Sing with This Bank"), this);
+  sing_->setObjectName("sing");
+  analyze_ = new QPushButton(tr("&Analyze Bank…"), this);
+  analyze_->setObjectName("analyze");
+  entries_ = new QPushButton(tr("Edit &Entries…"), this);
+  entries_->setObjectName("entries");
   auto* close = new QPushButton(tr("Close"), this);
-  buttons->addWidget(sing);
-  buttons->addWidget(analyze);
-  buttons->addWidget(entries);
+  buttons->addWidget(sing_);
+  buttons->addWidget(analyze_);
+  buttons->addWidget(entries_);
   buttons->addStretch();
   buttons->addWidget(close);
   right->addLayout(buttons);
-  layout->addLayout(right, 2);
+  layout->addLayout(right, 4);
 
   connect(list_, &QListWidget::currentItemChanged, this, &SingerDialog::showProfile);
   connect(close, &QPushButton::clicked, this, &QDialog::accept);
-  connect(sing, &QPushButton::clicked, this, [this] {
+  connect(add, &QPushButton::clicked, this, [this] {
+    const QString folder = QFileDialog::getExistingDirectory(this, tr("Voice Bank Folder"),
+                                                             QString::fromStdString(userFolder(UserFolder::kVoice)));
+    if (!folder.isEmpty()) addFolder(folder);
+  });
+  connect(sing_, &QPushButton::clicked, this, [this] {
     QString error;
     if (!singWithChosen(&error)) QMessageBox::warning(this, tr("Singer"), error);
   });
-  connect(analyze, &QPushButton::clicked, this, [this] {
+  connect(analyze_, &QPushButton::clicked, this, [this] {
     if (chosen().isEmpty()) return;
     bool cancelled = false;
     const QStringList failures = analyzeBank(this, chosen(), &cancelled);
@@ -161,7 +178,7 @@ SingerDialog::SingerDialog(EditorDocument* document, QWidget* parent) : QDialog(
     if (!failures.isEmpty()) box.setDetailedText(failures.join('\n'));
     box.exec();
   });
-  connect(entries, &QPushButton::clicked, this, [this] {
+  connect(entries_, &QPushButton::clicked, this, [this] {
     if (chosen().isEmpty()) return;
     auto* editor = new BankEditor;
     QString error;
@@ -174,7 +191,46 @@ SingerDialog::SingerDialog(EditorDocument* document, QWidget* parent) : QDialog(
   });
   if (list_->currentItem() == nullptr && list_->count() > 0) list_->setCurrentRow(0);
   showProfile();
-  resize(720, 440);
+  resize(760, 460);
+}
+
+void SingerDialog::addFolder(const QString& folder) {
+  QString path = QDir(folder).absolutePath();
+  if (!path.endsWith('/')) path += '/';
+  for (int row = 0; row < list_->count(); ++row) {
+    if (QDir(list_->item(row)->data(Qt::UserRole).toString()) == QDir(path)) {
+      list_->setCurrentRow(row);
+      return;
+    }
+  }
+  CVoiceProfile profile(path.toLocal8Bit().constData());
+  auto* item = new QListWidgetItem(QString::fromUtf8(profile.voiceName()), list_);
+  item->setData(Qt::UserRole, path);
+  item->setToolTip(path);
+  list_->setCurrentItem(item);
+}
+
+QString reflowProfile(const QString& text) {
+  QStringList paragraphs;
+  QString paragraph;
+  for (const QString& raw : text.split('\n')) {
+    const QString line = raw.trimmed();
+    // "charset=UTF-8", "#Charset:UTF-8": how the file is written, not what it says.
+    if (line.startsWith("charset", Qt::CaseInsensitive) || line.startsWith("#charset", Qt::CaseInsensitive)) continue;
+    if (line.isEmpty()) {
+      if (!paragraph.isEmpty()) paragraphs << paragraph;
+      paragraph.clear();
+      continue;
+    }
+    // Lines of a paragraph join; with a space only between words of
+    // scripts that separate their words.
+    if (!paragraph.isEmpty() && paragraph.back().unicode() < 0x3000 && line.front().unicode() < 0x3000) {
+      paragraph += ' ';
+    }
+    paragraph += line;
+  }
+  if (!paragraph.isEmpty()) paragraphs << paragraph;
+  return paragraphs.join("\n\n");
 }
 
 QString SingerDialog::chosen() const {
@@ -186,9 +242,14 @@ QString SingerDialog::shownName() const { return name_->text(); }
 
 void SingerDialog::showProfile() {
   const QString folder = chosen();
+  for (QPushButton* button : {sing_, analyze_, entries_}) button->setEnabled(!folder.isEmpty());
   if (folder.isEmpty()) {
-    name_->setText(
-        tr("No voice banks found: put them in %1").arg(QString::fromStdString(userFolder(UserFolder::kVoice))));
+    name_->setText(tr("No voice bank chosen"));
+    image_->setVisible(false);
+    profile_->setPlainText(
+        tr("Voice banks are folders of recorded syllables with an oto.ini table. Put them in %1, or add a "
+           "folder from anywhere with Add Folder….")
+            .arg(QString::fromStdString(userFolder(UserFolder::kVoice))));
     return;
   }
   CVoiceProfile profile(folder.toLocal8Bit().constData());
@@ -202,7 +263,7 @@ void SingerDialog::showProfile() {
   if (profile.samplePath() != nullptr && profile.samplePath()[0] != '\0') {
     text += "\n\n" + tr("Sample: %1").arg(QString::fromUtf8(profile.samplePath()));
   }
-  profile_->setPlainText(text.trimmed());
+  profile_->setPlainText(reflowProfile(text.trimmed()));
 }
 
 bool SingerDialog::singWithChosen(QString* error) {

@@ -12,6 +12,7 @@ class EditorDocument;
 class QLabel;
 class QListWidget;
 class QPlainTextEdit;
+class QPushButton;
 class QTableWidget;
 
 // The bank folders (each ending in "/") found in the per-user voice folder
@@ -34,6 +35,8 @@ class SingerDialog : public QDialog {
   QString shownName() const;
   // Sings with the chosen bank (the project is marked modified).
   bool singWithChosen(QString* error);
+  // Puts a bank folder from elsewhere in the list and chooses it.
+  void addFolder(const QString& folder);
 
  signals:
   void singerChanged(const QString& folder);
@@ -46,7 +49,14 @@ class SingerDialog : public QDialog {
   QLabel* image_;
   QLabel* name_;
   QPlainTextEdit* profile_;
+  QPushButton* sing_;
+  QPushButton* analyze_;
+  QPushButton* entries_;
 };
+
+// A profile's text as shown: without its charset line, the lines of each
+// paragraph joined (readme files are wrapped by hand), paragraphs apart.
+QString reflowProfile(const QString& text);
 
 // The prefix and suffix of every note from B7 down to C1, of the bank the
 // project sings with; saved as "prefixmap" (UTF-8) and "prefix.map"
