@@ -348,6 +348,27 @@ TEST_F(Editor, ProjectPropertiesKeepANamelessProjectNameless) {
   EXPECT_EQ(window_->windowTitle(), "Spring[*] — TONA");
 }
 
+TEST_F(Editor, NotesDroppedOnOneAnotherAreRefusedOrMarked) {
+  open({{480, 480, "さ", 70}, {480, 480, "く", 72}});
+  // The pen on a note's start and pitch chooses that note.
+  window_->action("toolPen")->trigger();
+  click(at(480, 70));
+  EXPECT_EQ(soundingNotes(doc().engine()).size(), 2u);
+  EXPECT_TRUE(doc().notes().isSelected(0));
+  EXPECT_TRUE(window_->lastMessage().contains("already there")) << window_->lastMessage().toStdString();
+  EXPECT_FALSE(doc().modified());
+  // A drag that puts one on the other: both marked, and the user told.
+  window_->action("toolSelect")->trigger();
+  click(centreOf(1));
+  drag(centreOf(1), centreOf(0));
+  ASSERT_EQ(soundingNotes(doc().engine()).size(), 2u);
+  EXPECT_EQ(soundingNotes(doc().engine())[0].start, soundingNotes(doc().engine())[1].start);
+  EXPECT_EQ(doc().stacked(), (std::vector<bool>{true, true}));
+  EXPECT_TRUE(window_->lastMessage().contains("one hides the other")) << window_->lastMessage().toStdString();
+  trigger("undo");
+  EXPECT_EQ(doc().stacked(), (std::vector<bool>{false, false}));
+}
+
 TEST_F(Editor, ZoomAndRedoHaveKeysOnEveryKeyboard) {
   // Ctrl+= and Ctrl++ zoom in (not vertically), Ctrl+- out; Ctrl+Y redoes.
   const double ppt = scale_->pixelsPerTick();

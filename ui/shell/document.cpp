@@ -1,6 +1,8 @@
 #include "ui/shell/document.h"
 
 #include <QFileInfo>
+#include <algorithm>
+#include <tuple>
 #include <cerrno>
 #include <cstring>
 
@@ -28,6 +30,7 @@ EditorDocument::~EditorDocument() {
 }
 
 void EditorDocument::reset() {
+  stackedCount_ = 0;
   // The notes the window held are gone (the user was asked): so is their
   // recovery copy. The notifier is not told, which would also retitle.
   history().clean(nullptr);
@@ -175,6 +178,7 @@ void EditorDocument::endEdit(uint32_t cmd) {
   history().endSession(cmd, model_->undoCallback());
   sessionOpen_ = false;
   touch();
+  checkStacked();
 }
 
 void EditorDocument::beginNoteEdit(int32_t index, uint32_t cmd) {
@@ -187,6 +191,50 @@ void EditorDocument::endNoteEdit(int32_t index, uint32_t cmd) {
   history().endSession(index, cmd, model_->undoCallback());
   sessionOpen_ = false;
   touch();
+  checkStacked();
+}
+
+void EditorDocument::checkStacked() {
+  const std::vector<bool>& marks = stacked();
+  const int count = static_cast<int>(std::count(marks.begin(), marks.end(), true));
+  if (count > stackedCount_) {
+    emit notice(tr("%n note(s) start on the same tick and pitch as another: one hides the other", nullptr, count));
+  }
+  stackedCount_ = count;
+}
+
+const std::vector<bool>& EditorDocument::stacked() {
+  if (stackedRevision_ == revision_) return stacked_;
+  const ctonm2& e = engine();
+  const std::vector<int64_t>& s = starts();
+  std::vector<int32_t> order;
+  for (int32_t i = 0; i < e.noteCount; ++i) {
+    if (!ctonm2::is_r(e.notes[i].Lyric)) order.push_back(i);
+  }
+  auto key = [&](int32_t i) { return std::make_tuple(s[static_cast<size_t>(i)], e.notes[i].NoteNum, e.notes[i].layer); };
+  std::sort(order.begin(), order.end(), [&](int32_t a, int32_t b) { return key(a) < key(b); });
+  stacked_.assign(static_cast<size_t>(e.noteCount), false);
+  for (size_t k = 1; k < order.size(); ++k) {
+    if (key(order[k]) == key(order[k - 1])) {
+      stacked_[static_cast<size_t>(order[k])] = true;
+      stacked_[static_cast<size_t>(order[k - 1])] = true;
+    }
+  }
+  stackedRevision_ = revision_;
+  return stacked_;
+}
+
+int32_t EditorDocument::noteAt(int64_t tick, int32_t noteNum, int32_t layer) {
+  const ctonm2& e = engine();
+  const std::vector<int64_t>& s = starts();
+  for (int32_t i = 0; i < e.noteCount; ++i) {
+    const NoteData& note = e.notes[i];
+    if (s[static_cast<size_t>(i)] == tick && note.NoteNum == noteNum && !ctonm2::is_r(note.Lyric) &&
+        (layer < 0 || note.layer == layer)) {
+      return i;
+    }
+  }
+  return -1;
 }
 
 void EditorDocument::markOtherModified() {

@@ -106,6 +106,12 @@ class EditorDocument : public QObject, private UndoView {
   const std::vector<Curve>& curves() const { return curves_; }
   // The end of the last note in ticks.
   int64_t lengthTicks();
+  // By note index: whether the note starts where another sounding note of
+  // its layer starts, on the same pitch (one hides the other).
+  const std::vector<bool>& stacked();
+  // The index of a sounding note starting at `tick` on `noteNum` (on
+  // `layer`, or any with -1), or -1.
+  int32_t noteAt(int64_t tick, int32_t noteNum, int32_t layer);
 
  signals:
   void editStarting();
@@ -113,12 +119,16 @@ class EditorDocument : public QObject, private UndoView {
   void undoTitlesChanged(const QString& undoTitle, const QString& redoTitle);
   void modifiedChanged(bool modified);
   void pathChanged();
+  // Something the user should know about the edit just made.
+  void notice(const QString& text);
 
  private:
   void setMenuTitles(const std::string& undoTitle, const std::string& redoTitle) override;
   void setEdited(bool modified) override;
   void reset();
   bool load(const QString& path, const QString& bankBase, QString* error, QString* warning);
+  // After an edit: a word when it stacked notes on one another.
+  void checkStacked();
 
   CScaleMan scale_;
   std::unique_ptr<CCNoteMan> model_;
@@ -131,5 +141,8 @@ class EditorDocument : public QObject, private UndoView {
   uint64_t pitchRevision_ = 0;
   std::vector<int64_t> starts_;
   std::vector<Curve> curves_;
+  uint64_t stackedRevision_ = 0;
+  std::vector<bool> stacked_;
+  int stackedCount_ = 0;
   bool sessionOpen_ = false;
 };

@@ -81,6 +81,7 @@ MainWindow::MainWindow(QWidget* parent)
   connect(document_, &EditorDocument::undoTitlesChanged, this, [this] { updateActions(); });
   connect(document_, &EditorDocument::modifiedChanged, this, [this](bool modified) { setWindowModified(modified); });
   connect(document_, &EditorDocument::pathChanged, this, &MainWindow::updateTitle);
+  connect(document_, &EditorDocument::notice, this, [this](const QString& text) { showMessage(text, true); });
   connect(document_, &EditorDocument::changed, this, &MainWindow::updateActions);
   // The note list never changes while a render runs: an edit stops playback first.
   connect(document_, &EditorDocument::editStarting, this, [this] {

@@ -42,6 +42,7 @@ const QColor kNoteFill(104, 160, 220);
 const QColor kNoteSelected(245, 166, 80);
 const QColor kNoteBorder(52, 92, 150);
 const QColor kPitchLine(200, 40, 60);
+const QColor kStacked(230, 120, 0);  // the border of notes on one another
 const QColor kPlayCursor(220, 30, 30);
 const QColor kEditCursor(40, 40, 40);
 
@@ -186,7 +187,8 @@ void PianoRoll::paintEvent(QPaintEvent*) {
     if (silent && !dragging) fill.setAlpha(90);
     // Notes off the target layer stay in view, greyed.
     if (engine.currentLayer >= 0 && note.layer != engine.currentLayer) fill = QColor(190, 194, 204, 140);
-    p.setPen(i == singing_ ? QPen(kPlayCursor, 2) : QPen(kNoteBorder));
+    const bool onAnother = !dragging && document.stacked()[static_cast<size_t>(i)];
+    p.setPen(i == singing_ ? QPen(kPlayCursor, 2) : onAnother ? QPen(kStacked, 2, Qt::DashLine) : QPen(kNoteBorder));
     p.setBrush(fill);
     p.drawRoundedRect(box.adjusted(0.5, 0.5, -0.5, -0.5), 2, 2);
 

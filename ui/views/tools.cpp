@@ -305,6 +305,16 @@ void PenTool::press(QMouseEvent* event) {
   const int note =
       std::clamp(scale.yToNote(point.y()), static_cast<int>(CNoteMan::kMinNote), static_cast<int>(CNoteMan::kMaxNote));
   const int32_t length = std::clamp(document.model().notelength(), CNoteMan::kMinLength, CNoteMan::kMaxLength);
+  // A note already there is chosen, not buried under a new one.
+  const int32_t layer = document.engine().currentLayer >= 0 ? document.engine().currentLayer : 0;
+  const int32_t there = document.noteAt(start_, note, layer);
+  if (there >= 0) {
+    document.notes().ReleaseAll();
+    document.notes().addSelect(there, 0);
+    document.touch();
+    emit document.notice(PianoRoll::tr("A note is already there: it is selected instead"));
+    return;
+  }
   document.beginNoteEdit(-1, undo::kAdd);
   made_ = document.notes().insertNotePosition(start_, length, note, PianoRoll::kPenLyric);
   if (made_ >= 0) document.notes().addSelect(made_, 0);
