@@ -295,6 +295,9 @@ TEST_F(Bank, MelodiesGoOutAsVsqAndMidiAndComeBack) {
     EXPECT_EQ(soundingNotes(imported->document()->engine()), song);
     EXPECT_TRUE(imported->document()->modified());
     EXPECT_TRUE(imported->document()->path().isEmpty());
+    // Saved and exported beside the file, exported in its own form.
+    EXPECT_EQ(imported->suggestedPath("snt").toStdString(), dir_.file("song.snt"));
+    EXPECT_EQ(imported->suggestedPath("export").toStdString(), dir_.file(name));
     delete imported;
   }
   // A file that is no sequence: nothing opens.
