@@ -15,11 +15,14 @@
 #include <QMessageBox>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QScreen>
+#include <QSettings>
 #include <QTest>
 #include <QTimer>
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -367,6 +370,19 @@ TEST_F(Editor, NotesDroppedOnOneAnotherAreRefusedOrMarked) {
   EXPECT_TRUE(window_->lastMessage().contains("one hides the other")) << window_->lastMessage().toStdString();
   trigger("undo");
   EXPECT_EQ(doc().stacked(), (std::vector<bool>{false, false}));
+}
+
+TEST_F(Editor, TheFirstWindowTakesMostOfTheScreenAndTheNextOneWhatWasLeft) {
+  QSettings().remove("mainWindowFrame");
+  auto first = std::make_unique<MainWindow>();
+  const QRect screen = QGuiApplication::primaryScreen()->availableGeometry();
+  EXPECT_GE(first->width(), screen.width() * 3 / 4);
+  EXPECT_GE(first->height(), screen.height() * 3 / 4);
+  first->resize(700, 500);
+  first->setAttribute(Qt::WA_DeleteOnClose, false);
+  first->close();
+  MainWindow next;
+  EXPECT_EQ(next.size(), QSize(700, 500));
 }
 
 TEST_F(Editor, ZoomAndRedoHaveKeysOnEveryKeyboard) {

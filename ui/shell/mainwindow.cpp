@@ -23,6 +23,7 @@
 #include <QPlainTextEdit>
 #include <QProgressDialog>
 #include <QPushButton>
+#include <QScreen>
 #include <QSettings>
 #include <QStatusBar>
 #include <QThread>
@@ -742,7 +743,15 @@ void MainWindow::updateSingerMenu() {
 
 void MainWindow::restoreSettings() {
   QSettings settings;
-  restoreGeometry(settings.value("mainWindowFrame").toByteArray());
+  // The first time, most of the screen: the toolbar and a few measures need
+  // the room. Afterwards, as the user left it.
+  if (!restoreGeometry(settings.value("mainWindowFrame").toByteArray())) {
+    if (const QScreen* screen = QGuiApplication::primaryScreen()) {
+      const QRect free = screen->availableGeometry();
+      resize(free.width() * 4 / 5, free.height() * 4 / 5);
+      move(free.center() - rect().center());
+    }
+  }
   TimeScale* scale = editor_->timeScale();
   scale->setPixelsPerTick(settings.value("zoom/pixelsPerTick", scale->pixelsPerTick()).toDouble());
   scale->setRowHeight(settings.value("zoom/rowHeight", scale->rowHeight()).toInt());
