@@ -22,7 +22,7 @@
 const char kImportUsage[] =
     "usage: tona import FILE.mid|FILE.vsq -o OUT.snt [--track N] [--channel C] [--list]\n"
     "                   [--voice-dir DIR] [--form 1.2|2.0] [--charset auto|utf-8|shift_jis]\n"
-    "                   [--phonemes]\n"
+    "                   [--text-lyrics auto|yes|no] [--phonemes]\n"
     "\n"
     "Makes a project of the notes of one track of a Standard MIDI file, with\n"
     "their lyrics, the tempo changes and the time signatures; or of every\n"
@@ -32,7 +32,9 @@ const char kImportUsage[] =
     "  --channel C    only the notes of channel C, 0..15 (default: every one)\n"
     "  --voice-dir    the voice bank the project sings with\n"
     "  --form         the project's form (default 2.0)\n"
-    "  --charset      how lyrics are read (default auto: by their bytes)\n"
+    "  --charset      how lyrics are read (default auto: each by its bytes)\n"
+    "  --text-lyrics  whether text events are lyrics (default auto: in a track\n"
+    "                 without lyric events, the texts on note starts)\n"
     "  --phonemes     VSQ: take the lyrics from the phonemes\n";
 
 const char kExportUsage[] =
@@ -54,7 +56,7 @@ bool endsWith(const std::string& text, const char* tail) {
 
 int runImport(int argc, char** argv) {
   const Command& command = *findCommand("import");
-  std::string output, trackText, channelText, voiceDir, form, charsetText;
+  std::string output, trackText, channelText, voiceDir, form, charsetText, textLyrics = "auto";
   bool list = false, phonemes = false;
   ArgParser parser(command);
   parser.flag("--phonemes", &phonemes);
@@ -65,6 +67,7 @@ int runImport(int argc, char** argv) {
   parser.option("--voice-dir", &voiceDir);
   parser.option("--form", &form);
   parser.option("--charset", &charsetText);
+  parser.option("--text-lyrics", &textLyrics);
   parser.flag("--list", &list);
   std::vector<std::string> args;
   const int status = parser.parse(argc, argv, &args, 1, 1);
@@ -78,9 +81,15 @@ int runImport(int argc, char** argv) {
   if (charsetText != "auto" && !parseCharset(charsetText, &charset)) {
     return usageError(command, "--charset is auto, utf-8 or shift_jis");
   }
+  if (textLyrics != "auto" && textLyrics != "yes" && textLyrics != "no") {
+    return usageError(command, "--text-lyrics is auto, yes or no");
+  }
   const bool vsq = endsWith(input, ".vsq");
   CMIDIMan midi;
   midi.setCharset(charset);
+  midi.setTextLyrics(textLyrics == "yes"  ? CMIDIMan::TextLyrics::kYes
+                     : textLyrics == "no" ? CMIDIMan::TextLyrics::kNo
+                                          : CMIDIMan::TextLyrics::kAuto);
   midi.setUsePhoneme(phonemes);
   if (list) {
     const std::vector<std::string> tracks = midi.getTrackList(input.c_str());

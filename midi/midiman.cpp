@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
@@ -98,32 +99,22 @@ std::string validUtf8(const std::string& text) {
   return text.substr(0, i);
 }
 
+// Texts of a file as UTF-8, each judged by its own bytes (valid UTF-8 with
+// non-ASCII bytes: UTF-8, else Shift_JIS), since files mix them (a
+// Shift_JIS track name over UTF-8 lyrics); a forced charset decides all.
 class TextReader {
  public:
-  TextReader(const std::vector<Track>& tracks, const std::string& forced) {
-    if (!forced.empty()) {
-      utf8_ = forced == "utf-8";
-      return;
-    }
-    std::string all;
-    for (const Track& track : tracks) {
-      for (const Event& event : track.events) {
-        if (event.status == 0xFF && (event.data1 == 0x01 || event.data1 == 0x03 || event.data1 == 0x05)) {
-          all += event.text;
-        }
-      }
-    }
-    utf8_ = looksLikeUtf8(all.data(), all.size());
-  }
+  explicit TextReader(const std::string& forced) : forced_(forced) {}
   // A text of the file as UTF-8: never invalid.
   std::string operator()(const std::string& raw) {
-    if (utf8_) return validUtf8(raw);
+    const bool utf8 = forced_.empty() ? looksLikeUtf8(raw.data(), raw.size()) : forced_ == "utf-8";
+    if (utf8) return validUtf8(raw);
     const char* converted = cm_.sjisToUtf8(raw.c_str());
     return converted != nullptr ? converted : "";
   }
 
  private:
-  bool utf8_ = false;
+  std::string forced_;
   CMultiByte cm_;
 };
 
@@ -237,7 +228,7 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
     return -1;
   }
   ctonm2& engine = *man->engine();
-  TextReader text(tracks, charset_);
+  TextReader text(charset_);
   const int64_t division = division_;
   // In 480 per quarter, kept within 2^30 ticks (beyond that a file has no
   // song in it, only huge numbers).
@@ -296,47 +287,84 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
   // The notes: a note-on opens a key on its channel, a note-off (or a
   // note-on of velocity 0, or a later note-on of the same key) closes it.
   const Track& source = tracks[noteTrack];
-  struct Open {
-    int64_t start;
-    int32_t velocity;
-    std::string lyric;
-  };
-  std::map<int32_t, Open> open;  // channel * 128 + key
-  std::string pending = "あ", previousLyric;
-  const bool lyricsFromText = !source.hasLyrics;  // some files carry lyrics as text events
+  // Text events are lyrics in karaoke files: a track without lyric events
+  // whose texts sit on note starts. Then only those texts are sung, never
+  // a title or a copyright line before the song.
+  std::set<int64_t> noteStarts;  // the ticks where notes start
+  for (const Event& event : source.events) {
+    if ((event.status & 0xF0) == 0x90 && event.data2 > 0 && (channel < 0 || (event.status & 0x0F) == channel)) {
+      noteStarts.insert(event.tick);
+    }
+  }
+  int textsOnStarts = 0, texts = 0;
+  for (const Event& event : source.events) {
+    if (event.status != 0xFF || event.data1 != 0x01) continue;
+    ++texts;
+    textsOnStarts += noteStarts.count(event.tick) > 0 ? 1 : 0;
+  }
+  const bool karaoke = !source.hasLyrics && textsOnStarts > 0 && textsOnStarts * 2 >= texts &&
+                       textsOnStarts * 2 >= static_cast<int>(noteStarts.size());
+  const bool lyricsFromText = textLyrics_ == TextLyrics::kYes || (textLyrics_ == TextLyrics::kAuto && karaoke);
   struct Made {
     int64_t start, end;
     int32_t key, velocity;
     std::string lyric;
   };
   std::vector<Made> made;
-  auto close = [&](int32_t slot, int64_t end) {
-    auto found = open.find(slot);
-    if (found == open.end()) return;
-    made.push_back({found->second.start, end, slot % 128, found->second.velocity, found->second.lyric});
-    open.erase(found);
-  };
-  for (const Event& event : source.events) {
+  // A lyric belongs to the note it sits on: the note starting on its tick
+  // (written before or after the note-on), else the note sounding then
+  // (taken when that note ends), else the next note to start. Two on one
+  // note: the last one.
+  std::map<int32_t, size_t> open;  // channel * 128 + key -> its note in `made`
+  std::map<int64_t, size_t> startedAt;  // tick -> the first note made there
+  std::string pending;
+  size_t latestOpen = SIZE_MAX;
+  for (size_t i = 0; i < source.events.size(); ++i) {
+    const Event& event = source.events[i];
     if (event.status == 0xFF) {
-      if (event.data1 == 0x05 || (lyricsFromText && event.data1 == 0x01)) {
-        std::string lyric = text(event.text);
-        // A melisma mark continues the previous syllable's vowel.
-        if ((lyric == "+" || lyric == "-") && !vowelOf(previousLyric).empty()) lyric = vowelOf(previousLyric);
-        if (!lyric.empty()) pending = lyric;  // two on one tick: the last one
+      const bool sung = event.data1 == 0x01 && lyricsFromText &&
+                        (textLyrics_ == TextLyrics::kYes || noteStarts.count(event.tick) > 0);
+      if (event.data1 != 0x05 && !sung) continue;
+      std::string lyric = text(event.text);
+      // Karaoke texts mark a new line with "/" and a new verse with "\".
+      if (event.data1 == 0x01) lyric.erase(0, lyric.find_first_not_of("/\\"));
+      if (lyric.empty()) continue;
+      const auto starting = startedAt.find(event.tick);
+      if (starting != startedAt.end()) {
+        made[starting->second].lyric = lyric;
+      } else if (noteStarts.count(event.tick) == 0 && latestOpen != SIZE_MAX) {
+        made[latestOpen].lyric = lyric;
+      } else {
+        pending = lyric;
       }
       continue;
     }
     const int32_t kind = event.status & 0xF0, eventChannel = event.status & 0x0F;
     if ((kind != 0x90 && kind != 0x80) || (channel >= 0 && eventChannel != channel)) continue;
     const int32_t slot = eventChannel * 128 + event.data1;
-    if (kind == 0x90 && event.data2 > 0) {
-      close(slot, event.tick);  // a later note-on of the same key ends the earlier one
-      open[slot] = {event.tick, event.data2, pending};
-      previousLyric = pending;
-      pending = "あ";
-    } else {
-      close(slot, event.tick);
+    // A note-off, a note-on of velocity 0, or a later note-on of the same
+    // key ends the note sounding on that key.
+    const auto found = open.find(slot);
+    if (found != open.end()) {
+      made[found->second].end = event.tick;
+      if (latestOpen == found->second) latestOpen = SIZE_MAX;
+      open.erase(found);
     }
+    if (kind == 0x90 && event.data2 > 0) {
+      made.push_back({event.tick, -1, event.data1, event.data2, pending});
+      pending.clear();
+      open[slot] = latestOpen = made.size() - 1;
+      startedAt.emplace(event.tick, made.size() - 1);
+    }
+  }
+  // Notes never ended are dropped; a note with no lyric sings あ, and a
+  // melisma mark continues the previous syllable's vowel.
+  made.erase(std::remove_if(made.begin(), made.end(), [](const Made& m) { return m.end < 0; }), made.end());
+  std::string previousLyric;
+  for (Made& note : made) {
+    if (note.lyric.empty()) note.lyric = "あ";
+    if ((note.lyric == "+" || note.lyric == "-") && !vowelOf(previousLyric).empty()) note.lyric = vowelOf(previousLyric);
+    previousLyric = note.lyric;
   }
   std::stable_sort(made.begin(), made.end(), [](const Made& a, const Made& b) { return a.start < b.start; });
 
@@ -356,7 +384,7 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
     while (nextTempo < tempos.size() && tempos[nextTempo].tick <= start) addTempo(tempos[nextTempo++]);
     NoteData record;
     memset(&record, 0, sizeof record);
-    record.Length = static_cast<int32_t>(std::clamp<int64_t>(ticks(note.end) - start, 1, int64_t(1) << 30));
+    record.Length = static_cast<int32_t>(std::clamp<int64_t>((note.end - note.start) * 480 / division, 1, int64_t(1) << 30));
     record.NoteNum = static_cast<int16_t>(note.key);
     strcpy_utf8_n(record.Lyric, note.lyric.c_str(), sizeof record.Lyric);
     ctonm2::default_env(record.Envelope);
@@ -378,7 +406,7 @@ std::vector<std::string> CMIDIMan::getTrackList(const char* path) {
   bool timeCode = false;
   error_.clear();
   if (!parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) return list;
-  TextReader text(tracks, charset_);
+  TextReader text(charset_);
   for (size_t k = 0; k < tracks.size(); ++k) {
     int notes = 0;
     for (const Event& event : tracks[k].events) notes += (event.status & 0xF0) == 0x90 && event.data2 > 0;

@@ -33,6 +33,11 @@ class CMIDIMan {
   // bytes (valid UTF-8 with non-ASCII bytes: UTF-8, else Shift_JIS);
   // "utf-8" or "shift_jis" forces one.
   void setCharset(const std::string& charset) { charset_ = charset; }
+  // Whether text events (type 1) are read as lyrics: kAuto where a track
+  // has no lyric events and its texts sit on note starts (karaoke files),
+  // and then only the texts on note starts; kYes every text; kNo none.
+  enum class TextLyrics { kAuto, kYes, kNo };
+  void setTextLyrics(TextLyrics mode) { textLyrics_ = mode; }
 
   // Reads the notes of `track` (format 0: its one track) on `channel` (-1:
   // every channel) into the manager's note list, on its current layer;
@@ -82,6 +87,7 @@ class CMIDIMan {
   bool usePhoneme_ = false;
   int64_t preRoll_ = 0;  // ticks before a VSQ sequence begins (its [Master] PreMeasure)
   std::string charset_;
+  TextLyrics textLyrics_ = TextLyrics::kAuto;
   std::string error_;
   std::vector<std::string> warnings_;
   int32_t format_ = 0;

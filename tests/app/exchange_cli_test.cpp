@@ -44,5 +44,6 @@ TEST(ExchangeCommands, BadInputsSayWhy) {
   EXPECT_EQ(cut.err.rfind("tona import: ", 0), 0u) << cut.err;
   EXPECT_EQ(runTona({"import", dir.file("not.mid"), "-o", dir.file("o.snt"), "--channel", "16"}).status, 2);
   EXPECT_EQ(runTona({"import", dir.file("not.mid"), "-o", dir.file("o.snt"), "--charset", "latin1"}).status, 2);
+  EXPECT_EQ(runTona({"import", dir.file("not.mid"), "-o", dir.file("o.snt"), "--text-lyrics", "maybe"}).status, 2);
   EXPECT_EQ(runTona({"export", TONA_SOURCE_DIR "/demo/song.snt", "-o", dir.file("o.wav")}).status, 2);
 }

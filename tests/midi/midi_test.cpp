@@ -188,6 +188,60 @@ TEST_F(Midi, WhatRealFilesDo) {
   EXPECT_NE(midi_.warnings()[0].find("outside 10..1000 BPM"), std::string::npos);
 }
 
+TEST_F(Midi, LyricsTextsAndLengthsAsRealFilesWriteThem) {
+  const std::string na = "\xe3\x81\xaa", ni = "\xe3\x81\xab", a = "\xe3\x81\x82";
+  struct Case {
+    const char* what;
+    std::string events;
+    CMIDIMan::TextLyrics mode;
+    std::string notes;
+  };
+  const Case cases[] = {
+      {"a lyric just after its note-on, and one before the previous note's end at the next note's start",
+       d(0) + on(0, 60, 100) + d(0) + meta(0x05, na) + d(480) + meta(0x05, ni) + d(0) + off(0, 60) + d(0) +
+           on(0, 62, 100) + d(480) + off(0, 62) + d(0) + on(0, 64, 100) + d(480) + off(0, 64),
+       CMIDIMan::TextLyrics::kAuto, na + "@0:480/60 " + ni + "@480:480/62 " + a + "@960:480/64 "},
+      {"a lyric in the middle of its note",
+       d(0) + on(0, 60, 100) + d(240) + meta(0x05, na) + d(240) + off(0, 60),
+       CMIDIMan::TextLyrics::kAuto, na + "@0:480/60 "},
+      {"texts before the song are no lyrics",
+       d(0) + meta(0x01, "Copyright 1999") + d(0) + meta(0x01, "verse") + d(480) + on(0, 60, 100) + d(480) +
+           off(0, 60) + d(0) + on(0, 62, 100) + d(480) + off(0, 62),
+       CMIDIMan::TextLyrics::kAuto, a + "@480:480/60 " + a + "@960:480/62 "},
+      {"karaoke texts on the note starts are",
+       d(0) + meta(0x01, "@Ttitle") + d(480) + meta(0x01, "/" + na) + d(0) + on(0, 60, 100) + d(480) + off(0, 60) +
+           d(0) + meta(0x01, "\\" + ni) + d(0) + on(0, 62, 100) + d(480) + off(0, 62),
+       CMIDIMan::TextLyrics::kAuto, na + "@480:480/60 " + ni + "@960:480/62 "},
+      {"unless told no",
+       d(480) + meta(0x01, na) + d(0) + on(0, 60, 100) + d(480) + off(0, 60),
+       CMIDIMan::TextLyrics::kNo, a + "@480:480/60 "},
+      {"or told yes, every text",
+       d(0) + meta(0x01, "verse") + d(480) + on(0, 60, 100) + d(480) + off(0, 60),
+       CMIDIMan::TextLyrics::kYes, "verse@480:480/60 "},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    midi_.setTextLyrics(c.mode);
+    EXPECT_EQ(import(file(header(0, 1, 480) + chunk(c.events + kEnd)), 0), c.notes);
+  }
+  midi_.setTextLyrics(CMIDIMan::TextLyrics::kAuto);
+
+  // Lengths are (end - start) x 480 / division in one product: 333..1000
+  // at 1000 per quarter is 320 long, not 480 - 159 = 321.
+  EXPECT_EQ(import(file(header(0, 1, 1000) + chunk(d(333) + on(0, 60, 100) + d(667) + off(0, 60) + kEnd)), 0),
+            a + "@159:320/60 ");
+
+  // Each text in its own charset: a Shift_JIS track name over UTF-8 lyrics.
+  const std::string mixed = file(header(0, 1, 480) + chunk(d(0) + meta(0x03, "\x82\xa9") + d(0) + meta(0x05, na) +
+                                                            d(0) + on(0, 60, 100) + d(480) + off(0, 60) + kEnd));
+  CScaleMan scale;
+  CNoteMan man(&scale);
+  std::string signatures;
+  ASSERT_EQ(midi_.importMIDIFile(mixed.c_str(), 0, -1, &man, &signatures), 1);
+  EXPECT_STREQ(man.engine()->projectName, "\xe3\x81\x8b");
+  EXPECT_EQ(man.getNote(man.noteCount() - 1)->Lyric, na);
+}
+
 TEST_F(Midi, BadFilesEndTheImportWithAReason) {
   const std::string good = chunk(d(0) + on(0, 60, 100) + d(10) + off(0, 60) + kEnd);
   for (const auto& [bytes, reason] : std::vector<std::pair<std::string, std::string>>{
