@@ -647,12 +647,63 @@ void CMIDIMan::writeVSQTrack(CMIDIWriter& out, CNoteMan* man, int32_t layer, int
   endTrack(out, lengthAt);
 }
 
+namespace {
+
+// What a sequence text says of its timing: the pre-roll's measures in
+// [Master] (-1: none said) and the earliest event of [EventList] after 0.
+void scanSequence(const std::string& text, long long* preMeasures, long long* earliest) {
+  bool master = false, events = false;
+  size_t begin = 0;
+  while (begin < text.size()) {
+    size_t end = text.find('\n', begin);
+    if (end == std::string::npos) end = text.size();
+    const std::string line = text.substr(begin, end - begin);
+    begin = end + 1;
+    if (!line.empty() && line[0] == '[') {
+      master = line.rfind("[Master]", 0) == 0;
+      events = line.rfind("[EventList]", 0) == 0;
+      continue;
+    }
+    const size_t equals = line.find('=');
+    if (equals == std::string::npos) continue;
+    if (master && line.compare(0, equals, "PreMeasure") == 0 && *preMeasures < 0) {
+      *preMeasures = std::clamp(strtoll(line.c_str() + equals + 1, nullptr, 10), 0LL, 1000LL);
+    } else if (events && equals + 1 < line.size() && line[equals + 1] != 'E') {
+      const long long tick = std::clamp(strtoll(line.c_str(), nullptr, 10), 0LL, 1LL << 30);
+      if (tick > 0) *earliest = std::min(*earliest, tick);
+    }
+  }
+}
+
+}  // namespace
+
+int64_t CMIDIMan::preRollTicks(long long measures) const {
+  // Each measure as long as the master track's signature in force there.
+  int64_t tick = 0;
+  for (long long m = 0; m < measures; ++m) {
+    int32_t beats = 4, note = 4;
+    for (const MasterSignature& signature : masterSignatures_) {
+      if (signature.tick <= tick) beats = signature.beats, note = signature.note;
+    }
+    tick += int64_t(1920) * beats / note;
+  }
+  return tick;
+}
+
 int32_t CMIDIMan::importVSQText(int32_t layer, const char* text, CNoteMan* man) {
   if (text == nullptr || man == nullptr) return 0;
   ctonm2& engine = *man->engine();
   if (layer < 0) layer = std::max(man->targetLayer(), 0);
   const std::string all = text;
   const bool utf8 = charset_.empty() ? looksLikeUtf8(all.data(), all.size()) : charset_ == "utf-8";
+  // The song is moved back by its pre-roll, or less where events sit
+  // inside the pre-roll: they keep their order and distance.
+  int64_t shift = shift_;
+  if (shift < 0) {
+    long long preMeasures = -1, earliest = 1LL << 30;
+    scanSequence(all, &preMeasures, &earliest);
+    shift = std::min<int64_t>(preRollTicks(std::max(preMeasures, 0LL)), earliest);
+  }
   CMultiByte cm;
   enum class Section { kOther, kMaster, kEventList, kEvent, kHandle } section = Section::kOther;
   int32_t inserted = 0, eventNote = -1, handleNote = -1, current = -1;
@@ -701,13 +752,10 @@ int32_t CMIDIMan::importVSQText(int32_t layer, const char* text, CNoteMan* man) 
     auto number = [](const std::string& digits, long long low, long long high) {
       return std::clamp<long long>(strtoll(digits.c_str(), nullptr, 10), low, high);
     };
-    if (section == Section::kMaster && key == "PreMeasure") {
-      preRoll_ = number(value, 0, 1000) * kPreRoll;
-    } else if (section == Section::kEventList) {
+    if (section == Section::kEventList) {
       const long long tick = number(key, 0, 1LL << 30);
       if (tick <= 0 || value.empty() || value[0] == 'E') continue;
-      // The sequence begins after its pre-roll: positions count from there.
-      const int64_t position = std::max<int64_t>(tick - preRoll_, 0);
+      const int64_t position = std::max<int64_t>(tick - shift, 0);
       const int32_t slot = man->insertNotePosition(position, 120, 48, value.c_str());
       if (slot >= 0) {
         engine.notes[slot].layer = layer;
@@ -786,7 +834,19 @@ int32_t CMIDIMan::importVSQFile(const char* path, CNoteMan* man) {
     for (const auto& piece : pieces) joined += piece.second;
     texts.push_back(joined);
   }
-  preRoll_ = 0;  // until the first track's [Master] says
+  // The pre-roll's measures follow the master track's time signatures.
+  masterSignatures_.clear();
+  for (const Event& event : tracks[0].events) {
+    if (event.status == 0xFF && event.data1 == 0x58 && event.text.size() >= 2 && static_cast<uint8_t>(event.text[0]) > 0) {
+      masterSignatures_.push_back({event.tick * 480 / division_, static_cast<uint8_t>(event.text[0]),
+                                   1 << std::min<int32_t>(static_cast<uint8_t>(event.text[1]), 6)});
+    }
+  }
+  // One shift for every track: the pre-roll of the first [Master], or less
+  // where any track has events inside it.
+  long long preMeasures = -1, earliest = 1LL << 30;
+  for (const std::string& text : texts) scanSequence(text, &preMeasures, &earliest);
+  shift_ = std::min<int64_t>(preRollTicks(std::max(preMeasures, 0LL)), earliest);
   int32_t layer = 0, notes = 0;
   for (const std::string& text : texts) {
     if (text.empty()) continue;
@@ -794,6 +854,7 @@ int32_t CMIDIMan::importVSQFile(const char* path, CNoteMan* man) {
     notes += importVSQText(layer++, text.c_str(), man);
   }
   if (layer == 0) {
+    shift_ = -1;
     error_ = "no VSQ sequence in the file (no DM: text events)";
     return -1;
   }
@@ -802,7 +863,7 @@ int32_t CMIDIMan::importVSQFile(const char* path, CNoteMan* man) {
   for (const Event& event : tracks[0].events) {
     if (event.status != 0xFF || event.data1 != 0x51 || bpmOf(event) == 0.0) continue;
     const float bpm = static_cast<float>(std::clamp(bpmOf(event), 10.0, 1000.0));
-    const int64_t at = std::max<int64_t>(event.tick * 480 / division_ - preRoll_, 0);
+    const int64_t at = std::max<int64_t>(event.tick * 480 / division_ - shift_, 0);
     if (at == 0) {
       engine.tempo = bpm;
       continue;
@@ -810,7 +871,8 @@ int32_t CMIDIMan::importVSQFile(const char* path, CNoteMan* man) {
     NoteData rest = tempoRecord(bpm, 0);
     if (man->insertNotePosition(at, &rest) < 0) ctonm2::note_clear(&rest);
   }
-  preRoll_ = 0;  // the pre-roll was this file's
+  shift_ = -1;  // the shift was this file's
+  masterSignatures_.clear();
   return notes;
 }
 

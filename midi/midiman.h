@@ -85,7 +85,14 @@ class CMIDIMan {
 
  private:
   bool usePhoneme_ = false;
-  int64_t preRoll_ = 0;  // ticks before a VSQ sequence begins (its [Master] PreMeasure)
+  // The ticks a VSQ pre-roll of `measures` measures lasts.
+  int64_t preRollTicks(long long measures) const;
+  struct MasterSignature {
+    int64_t tick;  // 480 per quarter
+    int32_t beats, note;
+  };
+  std::vector<MasterSignature> masterSignatures_;  // a VSQ file's master track's
+  int64_t shift_ = -1;  // ticks a VSQ song moves back by; -1: each text decides
   std::string charset_;
   TextLyrics textLyrics_ = TextLyrics::kAuto;
   std::string error_;

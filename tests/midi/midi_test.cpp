@@ -319,6 +319,47 @@ TEST(Vsq, KanaPhonemeTableAndLyricConversions) {
   EXPECT_EQ(transformLyric(other), 0);
 }
 
+TEST_F(Midi, VsqPreRollFollowsTheMasterTrackAndKeepsNotesInsideIt) {
+  // A voice track's sequence: notes at the given ticks, one measure of pre-roll.
+  auto voiceTrack = [](std::vector<int> ticks) {
+    std::string list = "[EventList]\n0=ID#0000\n", ids, handles;
+    for (size_t k = 0; k < ticks.size(); ++k) {
+      char line[128];
+      snprintf(line, sizeof line, "%d=ID#%04zu\n", ticks[k], k + 1);
+      list += line;
+      snprintf(line, sizeof line, "[ID#%04zu]\nType=Anote\nLength=240\nNote#=%zu\nLyricHandle=h#%04zu\n", k + 1,
+               60 + k, k + 1);
+      ids += line;
+      snprintf(line, sizeof line, "[h#%04zu]\nL0=\"a\",\"a\",0.000000,64,0,0\n", k + 1);
+      handles += line;
+    }
+    std::string events;
+    for (const std::string& piece : vsqTextEvents("[Common]\nVersion=DSB301\n[Master]\nPreMeasure=1\n" + list +
+                                                  "99999=EOS\n" + ids + handles)) {
+      events += d(0) + meta(0x01, piece);
+    }
+    return chunk(events + kEnd);
+  };
+  auto importVsq = [&](const std::string& master, std::vector<int> ticks) {
+    const std::string path = dir_.file("pre" + std::to_string(++count_) + ".vsq");
+    writeFile(path, header(1, 2, 480) + chunk(master + kEnd) + voiceTrack(ticks));
+    CScaleMan scale;
+    CNoteMan man(&scale);
+    EXPECT_GT(midi_.importVSQFile(path.c_str(), &man), 0) << midi_.error();
+    std::string out;
+    for (int i = 0; i < man.noteCount(); ++i) {
+      out += std::to_string(man.getPosition(i)) + "/" + std::to_string(man.getNote(i)->NoteNum) + " ";
+    }
+    return out;
+  };
+  // A 3/4 master track: its pre-roll measure is 1440 long.
+  const std::string threeFour = d(0) + meta(0x58, std::string("\x03\x02\x18\x08", 4));
+  EXPECT_EQ(importVsq(threeFour, {1440, 1920}), "0/60 480/61 ");
+  EXPECT_EQ(importVsq("", {1920, 2400}), "0/60 480/61 ");  // 4/4 when it says nothing
+  // Notes inside the pre-roll move back with the song, in order and apart.
+  EXPECT_EQ(importVsq("", {960, 1440, 2400}), "0/60 480/61 1440/62 ");
+}
+
 TEST_F(Midi, VsqTracksAndTheirWayBack) {
   CScaleMan scale;
   CNoteMan man(&scale);
