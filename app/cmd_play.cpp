@@ -137,7 +137,29 @@ int runPlay(int argc, char** argv) {
   CNoteMan manager(&scale);
   ctonm2& engine = *manager.engine();
   if (!openProjectFile(manager, project, "play")) return kExitFailure;
-  if (!loadVoiceBank(manager, project, voiceDir, "play")) return kExitFailure;
+  // The playback start's own refusals, in its order and with its texts: no
+  // notes, then no voice folder, then no voice bank there.
+  if (engine.noteCount == 0) {
+    fprintf(stderr, "tona play: 音符がありません (the project has no notes)\n");
+    return kExitFailure;
+  }
+  // An empty "VoiceDir=" reads as "/": no folder either.
+  if (voiceDir.empty() && (engine.voiceDir[0] == '\0' || strcmp(engine.voiceDir, "/") == 0)) {
+    fprintf(stderr, "tona play: 原音パスを設定してください (the project names no voice bank: --voice-dir)\n");
+    return kExitFailure;
+  }
+  {
+    const std::string named = voiceDir.empty() ? std::string(engine.voiceDir) : voiceDir;
+    bool announce = false;
+    const std::string bank = resolveVoiceBank(project, named, &announce);
+    engine.set_voiceDir(bank.c_str());
+    if (bank.empty() || manager.readVoiceset() < 1) {
+      fprintf(stderr, "tona play: 原音が選択されていません (no voice bank at '%s')\n",
+              bank.empty() ? named.c_str() : engine.voiceDir);
+      return kExitFailure;
+    }
+    if (announce) fprintf(stderr, "voice bank '%s' is taken from '%s'\n", named.c_str(), engine.voiceDir);
+  }
   dropImpossibleNotes(manager);
 
   std::string error;

@@ -35,6 +35,25 @@ int firstSound(const std::vector<int>& samples) {
 
 }  // namespace
 
+TEST_F(PlayCommand, RefusesAsThePlaybackStartDoesInItsOrder) {
+  // No notes comes first, even without a voice folder; then the folder; then the bank.
+  const std::string empty = bank_.folder() + "empty.snt", nameless = bank_.folder() + "nameless.snt";
+  writeFile(empty, "[#VERSION]\nSNT Version2.0\n[#SETTING]\nTempo=120\nVoiceDir=\n[#TRACKEND]\n");
+  writeFile(nameless, "[#VERSION]\nSNT Version2.0\n[#SETTING]\nTempo=120\nVoiceDir=\n"
+                      "[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n[#TRACKEND]\n");
+  struct Case {
+    std::vector<std::string> args;
+    const char* says;
+  } cases[] = {{{"play", empty}, "tona play: 音符がありません"},
+               {{"play", nameless}, "tona play: 原音パスを設定してください"},
+               {{"play", nameless, "--voice-dir", bank_.folder() + "nowhere"}, "tona play: 原音が選択されていません"}};
+  for (const Case& c : cases) {
+    const RunResult run = runTona(c.args);
+    EXPECT_EQ(run.status, 1) << c.says;
+    EXPECT_EQ(run.err.rfind(c.says, 0), 0u) << run.err;
+  }
+}
+
 TEST_F(PlayCommand, PlaysWhatRenderWrites) {
   const std::string rendered = bank_.folder() + "song.wav", played = bank_.folder() + "played.raw";
   ASSERT_EQ(runTona({"render", project_, "-o", rendered, "--jobs", "1"}).status, 0);
