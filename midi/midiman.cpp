@@ -118,21 +118,6 @@ class TextReader {
   CMultiByte cm_;
 };
 
-// The vowel a syllable ends on, as a kana ("か" -> "あ"); "" when unknown.
-std::string vowelOf(const std::string& lyric) {
-  const std::string romaji = kanaToRomaji(lyric);
-  if (romaji.empty()) return "";
-  switch (romaji.back()) {
-    case 'a': return "あ";
-    case 'i': return "い";
-    case 'u': return "う";
-    case 'e': return "え";
-    case 'o': return "お";
-    case 'n': return "ん";
-    default: return "";
-  }
-}
-
 // The tempo of a tempo event in beats per minute, to 0.01; 0 for a
 // damaged one.
 double bpmOf(const Event& event) {
@@ -211,6 +196,20 @@ void writeTempoEvent(CMIDIWriter& out, int32_t delta, float bpm) {
 }
 
 }  // namespace
+
+std::string continuingVowel(const std::string& lyric) {
+  const std::string romaji = kanaToRomaji(lyric);
+  if (romaji.empty()) return "";
+  switch (romaji.back()) {
+    case 'a': return "あ";
+    case 'i': return "い";
+    case 'u': return "う";
+    case 'e': return "え";
+    case 'o': return "お";
+    case 'n': return "ん";
+    default: return "";
+  }
+}
 
 int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channel, CNoteMan* man,
                                  std::string* timeSignatures) {
@@ -363,7 +362,8 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
   std::string previousLyric;
   for (Made& note : made) {
     if (note.lyric.empty()) note.lyric = "あ";
-    if ((note.lyric == "+" || note.lyric == "-") && !vowelOf(previousLyric).empty()) note.lyric = vowelOf(previousLyric);
+    const std::string vowel = continuingVowel(previousLyric);
+    if ((note.lyric == "+" || note.lyric == "-") && !vowel.empty()) note.lyric = vowel;
     previousLyric = note.lyric;
   }
   std::stable_sort(made.begin(), made.end(), [](const Made& a, const Made& b) { return a.start < b.start; });

@@ -27,6 +27,10 @@ std::vector<std::string> vsqTextEvents(const std::string& text);
 // 32 bytes); 1 when changed.
 int32_t transformLyric(char* lyric);
 
+// The vowel a syllable ends on, as a kana ("か" -> "あ"), which a melisma
+// mark ("-" or "+") sings on; "" when unknown.
+std::string continuingVowel(const std::string& lyric);
+
 class CMIDIMan {
  public:
   // How lyric and track-name texts are read: "" decides by the file's

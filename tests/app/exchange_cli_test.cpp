@@ -28,6 +28,20 @@ TEST(ExchangeCommands, ExportThenImportKeepsTheSong) {
   const RunResult third = runTona({"info", fromVsq});
   EXPECT_NE(third.out.find("notes:           50\n"), std::string::npos) << third.out;
   EXPECT_EQ(lengthLine(third.out), lengthLine(before.out));
+  // And through a MusicXML score.
+  const std::string xml = dir.file("song.musicxml"), fromXml = dir.file("xml.snt");
+  ASSERT_EQ(runTona({"export", demo, "-o", xml}).status, 0);
+  list = runTona({"import", xml, "--list"});
+  EXPECT_EQ(list.out, "Part 1: Voice (57 notes, lyrics)\n");  // seven notes tied over bar lines
+  imported = runTona({"import", xml, "-o", fromXml, "--verse", "1"});
+  ASSERT_EQ(imported.status, 0) << imported.err;
+  EXPECT_NE(imported.err.find("imported 50 notes from part 1"), std::string::npos) << imported.err;
+  const RunResult fourth = runTona({"info", fromXml});
+  EXPECT_EQ(lengthLine(fourth.out), lengthLine(before.out));
+  RunResult bad = runTona({"import", xml, "-o", dir.file("x.snt"), "--part", "2"});
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_EQ(bad.err, "tona import: '" + xml + "': no part 2 (the score has 1); nothing written\n");
+  EXPECT_FALSE(fileExists(dir.file("x.snt")));
 }
 
 TEST(ExchangeCommands, BadInputsSayWhy) {

@@ -36,6 +36,7 @@
 #include "editing/scaleman.h"
 #include "editing/undoman.h"
 #include "midi/midiman.h"
+#include "midi/musicxml.h"
 #include "support/multibyte.h"
 #include "support/userdirs.h"
 #include "ui/shell/bankdialogs.h"
@@ -62,6 +63,11 @@ struct GridChoice {
 };
 const GridChoice kGrids[] = {{"1/4", 480},         {"1/8", 240}, {"1/8 triplet", 160}, {"1/16", 120},
                              {"1/16 triplet", 80}, {"1/32", 60}, {"1/64", 30}};
+
+bool isScoreFile(const QString& path) {
+  const QString suffix = QFileInfo(path).suffix().toLower();
+  return suffix == "musicxml" || suffix == "xml" || suffix == "mxl";
+}
 
 QString clock(double ms) {
   const int tenths = static_cast<int>(std::max(0.0, ms) / 100.0);
@@ -137,8 +143,8 @@ void MainWindow::buildMenus() {
   file->addAction(
       makeAction("render", tr("&Render to WAV…"), QKeySequence(Qt::CTRL | Qt::Key_R), &MainWindow::renderDialog));
   file->addSeparator();
-  file->addAction(makeAction("import", tr("&Import MIDI or VSQ…"), QKeySequence(), &MainWindow::importDialog));
-  file->addAction(makeAction("export", tr("E&xport as VSQ or MIDI…"), QKeySequence(), &MainWindow::exportDialog));
+  file->addAction(makeAction("import", tr("&Import MusicXML, MIDI or VSQ…"), QKeySequence(), &MainWindow::importDialog));
+  file->addAction(makeAction("export", tr("E&xport as VSQ, MIDI or MusicXML…"), QKeySequence(), &MainWindow::exportDialog));
   file->addSeparator();
   file->addAction(makeAction("quit", tr("&Quit"), QKeySequence::Quit, nullptr));
   connect(action("quit"), &QAction::triggered, this, &QWidget::close);
@@ -369,7 +375,9 @@ bool MainWindow::openProject(const QString& path, bool quiet) {
 
 MainWindow* MainWindow::openElsewhere(const QString& path) {
   const QString suffix = QFileInfo(path).suffix().toLower();
-  if (suffix == "mid" || suffix == "midi" || suffix == "smf" || suffix == "vsq") return importSequence(path, -1, -1);
+  if (suffix == "mid" || suffix == "midi" || suffix == "smf" || suffix == "vsq" || isScoreFile(path)) {
+    return importSequence(path, -1, -1);
+  }
   // A project already open here is raised rather than read twice.
   const QString absolute = QFileInfo(path).absoluteFilePath();
   for (QWidget* widget : QApplication::topLevelWidgets()) {
@@ -903,17 +911,22 @@ void MainWindow::prefixMapDialog() {
 
 MainWindow* MainWindow::importSequence(const QString& path, int track, int channel) {
   const bool vsq = path.endsWith(".vsq", Qt::CaseInsensitive);
+  const bool score = isScoreFile(path);
   CMIDIMan midi;
+  CMusicXml xml;
   const QByteArray file = path.toLocal8Bit();
-  if (!vsq && track < 0) track = CMIDIMan::defaultTrack(midi.getTrackList(file.constData()));
+  if (!vsq && !score && track < 0) track = CMIDIMan::defaultTrack(midi.getTrackList(file.constData()));
+  if (score && xml.load(file.constData()) && track < 0) track = xml.defaultPart();
   MainWindow* window = windowFor();
   EditorDocument* document = window->document();
   document->newProject();
   std::string signatures;
-  const int32_t notes = vsq ? midi.importVSQFile(file.constData(), &document->notes())
-                            : midi.importMIDIFile(file.constData(), track, channel, &document->notes(), &signatures);
+  const int32_t notes = score ? (xml.parts().empty() ? -1 : xml.importPart(track, 0, 1, &document->notes(), &signatures))
+                        : vsq ? midi.importVSQFile(file.constData(), &document->notes())
+                              : midi.importMIDIFile(file.constData(), track, channel, &document->notes(), &signatures);
   if (notes < 0) {
-    const QString error = tr("Cannot import %1: %2").arg(path, QString::fromStdString(midi.error()));
+    const QString reason = QString::fromStdString(score ? xml.error() : midi.error());
+    const QString error = tr("Cannot import %1: %2").arg(path, reason);
     document->newProject();
     window->showMessage(error, true);
     if (window != this) window->close();
@@ -933,11 +946,31 @@ MainWindow* MainWindow::importSequence(const QString& path, int track, int chann
 }
 
 void MainWindow::importDialog() {
-  const QString path = QFileDialog::getOpenFileName(this, tr("Import"), QString(),
-                                                    tr("Sequences (*.mid *.midi *.smf *.vsq);;All files (*)"));
+  const QString path = QFileDialog::getOpenFileName(
+      this, tr("Import"), QString(),
+      tr("Scores and sequences (*.musicxml *.xml *.mxl *.mid *.midi *.smf *.vsq);;All files (*)"));
   if (path.isEmpty()) return;
   int track = -1, channel = -1;
-  if (!path.endsWith(".vsq", Qt::CaseInsensitive)) {
+  if (isScoreFile(path)) {
+    // A score of several parts: the one to sing.
+    CMusicXml score;
+    if (!score.load(path.toLocal8Bit().constData())) {
+      QMessageBox::warning(this, tr("Import"), tr("Cannot import %1: %2").arg(path, QString::fromStdString(score.error())));
+      return;
+    }
+    if (score.parts().size() > 1) {
+      QStringList names;
+      for (const CMusicXml::Part& part : score.parts()) {
+        names << tr("%1 (%n note(s)%2)", nullptr, part.notes)
+                     .arg(QString::fromStdString(part.name), part.lyrics ? tr(", lyrics") : QString());
+      }
+      bool ok = false;
+      const QString chosen =
+          QInputDialog::getItem(this, tr("Import MusicXML"), tr("Part:"), names, score.defaultPart(), false, &ok);
+      if (!ok) return;
+      track = static_cast<int>(names.indexOf(chosen));
+    }
+  } else if (!path.endsWith(".vsq", Qt::CaseInsensitive)) {
     CMIDIMan midi;
     const QByteArray file = path.toLocal8Bit();
     const std::vector<std::string> tracks = midi.getTrackList(file.constData());
@@ -968,8 +1001,10 @@ bool MainWindow::exportSequence(const QString& path) {
   CMIDIMan midi;
   const QByteArray file = path.toLocal8Bit();
   const bool vsq = path.endsWith(".vsq", Qt::CaseInsensitive);
-  const bool written = vsq ? midi.writeVSQFile(file.constData(), &document_->notes())
-                           : midi.writeSMFFile(file.constData(), &document_->notes());
+  std::string error;
+  const bool written = isScoreFile(path) ? CMusicXml::write(file.constData(), &document_->notes(), &error)
+                       : vsq             ? midi.writeVSQFile(file.constData(), &document_->notes())
+                                         : midi.writeSMFFile(file.constData(), &document_->notes());
   if (!written) {
     showMessage(tr("Cannot write %1").arg(path), true);
     return false;
@@ -979,12 +1014,12 @@ bool MainWindow::exportSequence(const QString& path) {
 }
 
 void MainWindow::exportDialog() {
-  const QString vsq = tr("VSQ (*.vsq)"), smf = tr("Standard MIDI file (*.mid)");
+  const QString vsq = tr("VSQ (*.vsq)"), smf = tr("Standard MIDI file (*.mid)"), xml = tr("MusicXML (*.musicxml)");
   const QString start = suggestedPath("export");
-  QString filter = start.endsWith(".mid") ? smf : vsq;
-  QString path = QFileDialog::getSaveFileName(this, tr("Export"), start, vsq + ";;" + smf, &filter);
+  QString filter = start.endsWith(".mid") ? smf : start.endsWith(".musicxml") ? xml : vsq;
+  QString path = QFileDialog::getSaveFileName(this, tr("Export"), start, vsq + ";;" + smf + ";;" + xml, &filter);
   if (path.isEmpty()) return;
-  if (QFileInfo(path).suffix().isEmpty()) path += filter == vsq ? ".vsq" : ".mid";
+  if (QFileInfo(path).suffix().isEmpty()) path += filter == vsq ? ".vsq" : filter == smf ? ".mid" : ".musicxml";
   exportSequence(path);
 }
 
@@ -992,7 +1027,11 @@ QString MainWindow::suggestedPath(const QString& kind) {
   const QString source = document_->sourcePath();
   const QString suffix = QFileInfo(source).suffix().toLower();
   QString extension = kind;
-  if (kind == "export") extension = suffix == "mid" || suffix == "midi" || suffix == "smf" ? "mid" : "vsq";
+  if (kind == "export") {
+    extension = suffix == "mid" || suffix == "midi" || suffix == "smf"       ? "mid"
+                : suffix == "musicxml" || suffix == "xml" || suffix == "mxl" ? "musicxml"
+                                                                             : "vsq";
+  }
   if (kind == "snt" && !document_->path().isEmpty()) return document_->path();
   const QString base = source.isEmpty() ? document_->displayName() : QFileInfo(source).completeBaseName();
   const QString folder = source.isEmpty() ? QDir::currentPath() : QFileInfo(source).absolutePath();
