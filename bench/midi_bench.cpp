@@ -1,6 +1,6 @@
-// Long melodies through the exchange: a MIDI file of 10,000 notes with
-// lyrics and 100 tempo changes imported, and a 10,000-note project
-// written as a VSQ sequence.
+// Long melodies through the exchange: a MIDI file and a MusicXML score of
+// 10,000 notes with lyrics and 100 tempo changes imported, and a
+// 10,000-note project written as a VSQ sequence and as a score.
 #include <benchmark/benchmark.h>
 
 #include <string>
@@ -8,6 +8,7 @@
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "midi/midiman.h"
+#include "midi/musicxml.h"
 #include "tests/testutil.h"
 
 namespace {
@@ -52,5 +53,39 @@ void BM_ExportVsq10000Notes(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(midi.writeVSQFile(path.c_str(), &man));
 }
 BENCHMARK(BM_ExportVsq10000Notes)->Unit(benchmark::kMillisecond);
+
+// The same song as a MusicXML score (as the export writes it: 2,500
+// measures), read and its one part imported.
+void BM_ImportMusicXml10000Notes(benchmark::State& state) {
+  TempDir dir;
+  const std::string path = dir.file("long.musicxml");
+  {
+    CScaleMan scale;
+    CNoteMan man(&scale);
+    fillSong(man, true);
+    std::string error;
+    if (!CMusicXml::write(path.c_str(), &man, &error)) state.SkipWithError(error.c_str());
+  }
+  for (auto _ : state) {
+    CMusicXml score;
+    CScaleMan scale;
+    CNoteMan man(&scale);
+    std::string signatures;
+    if (!score.load(path.c_str())) state.SkipWithError(score.error().c_str());
+    benchmark::DoNotOptimize(score.importPart(0, 0, 1, &man, &signatures));
+  }
+}
+BENCHMARK(BM_ImportMusicXml10000Notes)->Unit(benchmark::kMillisecond);
+
+void BM_ExportMusicXml10000Notes(benchmark::State& state) {
+  TempDir dir;
+  const std::string path = dir.file("long.musicxml");
+  CScaleMan scale;
+  CNoteMan man(&scale);
+  fillSong(man, true);
+  std::string error;
+  for (auto _ : state) benchmark::DoNotOptimize(CMusicXml::write(path.c_str(), &man, &error));
+}
+BENCHMARK(BM_ExportMusicXml10000Notes)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -305,7 +305,8 @@ bool CMusicXml::parse(const std::string& text) {
   parts_.clear();
   // No network, no entities substituted, no DTD loaded: a score is data.
   xmlDoc* doc = xmlReadMemory(text.data(), static_cast<int>(text.size()), "score.musicxml", nullptr,
-                              XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOBLANKS);
+                              XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_NOBLANKS |
+                                  XML_PARSE_COMPACT);
   if (doc == nullptr) return error_ = "not a MusicXML file (not XML)", false;
   doc_ = doc;
   const xmlNode* root = xmlDocGetRootElement(doc);
