@@ -281,7 +281,7 @@ TEST_F(Bank, PreferencesRefuseShortcutConflictsAndKeepTheirChoices) {
 TEST_F(Bank, MelodiesGoOutAsVsqAndMidiAndComeBack) {
   open({{480, 480, "さ", 60}, {480, 240, "く", 62}, {480, 960, "ら", 64}});
   const std::vector<Read> song = soundingNotes(doc().engine());
-  for (const char* name : {"song.vsq", "song.mid"}) {
+  for (const char* name : {"song.vsq", "song.mid", "song.musicxml"}) {
     SCOPED_TRACE(name);
     const QString path = QString::fromStdString(dir_.file(name));
     ASSERT_TRUE(window_->exportSequence(path));
