@@ -199,6 +199,23 @@ std::string billionLaughs() {
          part(measure(1, attributes(1) + note("C4", 1, "<lyric><text>&e9;</text></lyric>"))) + "</score-partwise>";
 }
 
+TEST_F(MusicXml, AScoreAsNotationProgramsWriteThemSingsBothVerses) {
+  CMusicXml score;
+  ASSERT_TRUE(score.load(TONA_TEST_DATA "/musicxml/two_verses.musicxml")) << score.error();
+  ASSERT_EQ(score.defaultPart(), 0);
+  // Verse 1: the melisma on り sings its vowel up to the extend's stop;
+  // the tie across bars 2 and 3 is one note; the half note at 40 is a
+  // tempo of 80 from bar 2. Verse 2 has no melisma: a note with no
+  // syllable sings あ.
+  EXPECT_EQ(read(score, 0, 0, 1), "さ@0:480/67 く@480:480/67 り@960:720/69 い@1680:240/67 T80@1920 い@1920:240/64 "
+                                  "よ@2160:240/66 い@2400:1440/64 ");
+  EXPECT_EQ(tempo_, 96.0f);
+  EXPECT_EQ(signatures_, "(4/4/1),(3/4/0),");
+  EXPECT_EQ(name_, "Two Verses");
+  EXPECT_EQ(read(score, 0, 0, 2), "は@0:480/67 な@480:480/67 の@960:720/69 あ@1680:240/67 T80@1920 あ@1920:240/64 "
+                                  "は@2160:240/66 る@2400:1440/64 ");
+}
+
 TEST_F(MusicXml, BadScoresAreRefusedWithAReason) {
   const struct {
     std::string text;
