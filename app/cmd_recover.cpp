@@ -15,6 +15,7 @@
 #include "app/command.h"
 #include "app/subcommands.h"
 #include "editing/recovery.h"
+#include "support/regular_file.h"
 #include "support/safe_output.h"
 
 const char kRecoverUsage[] =
@@ -32,7 +33,7 @@ namespace {
 bool copyFile(const std::string& from, const std::string& output) {
   errno = 0;
   SafeOutput file(output);
-  FILE* in = fopen(from.c_str(), "rb");
+  FILE* in = openRegularFile(from.c_str(), "rb");
   FILE* out = file.path().empty() || in == nullptr ? nullptr : fopen(file.path().c_str(), "wb");
   bool copied = out != nullptr;
   char buffer[65536];

@@ -1,6 +1,7 @@
 // tona render PROJECT [-o OUT.wav] [--jobs N] [--from TICK] [--to TICK]
 //                     [--no-cache] [--voice-dir DIR] [--log-level N]
 
+#include <strings.h>
 #include <sys/stat.h>
 
 #include <cctype>
@@ -69,6 +70,24 @@ void onProgress(void* context, int32_t done, int32_t total) {
   if (total > 0) static_cast<ProgressBar*>(context)->update(done);
 }
 
+// The file name a render takes from the project's output name: its last
+// part (after "/" or "\\"), ending in .wav; the project's own name when it
+// gives none.
+std::string outputFileName(const std::string& named, const std::string& project) {
+  std::string name = named;
+  const size_t cut = name.find_last_of("/\\");
+  if (cut != std::string::npos) name.erase(0, cut + 1);
+  if (name.empty() || name == "." || name == "..") {
+    name = project.substr(project.rfind('/') == std::string::npos ? 0 : project.rfind('/') + 1);
+    const size_t dot = name.rfind('.');
+    if (dot != std::string::npos && dot > 0) name.erase(dot);
+  }
+  const size_t dot = name.rfind('.');
+  const std::string extension = dot == std::string::npos ? std::string() : name.substr(dot);
+  if (strcasecmp(extension.c_str(), ".wav") != 0 && strcasecmp(extension.c_str(), ".wave") != 0) name += ".wav";
+  return name;
+}
+
 }  // namespace
 
 int runRender(int argc, char** argv) {
@@ -109,43 +128,38 @@ int runRender(int argc, char** argv) {
   ctonm2& engine = *manager.engine();
   if (!parseCharset(charsetText, &charset)) return usageError(command, "--charset is utf-8 or shift_jis");
   if (!openProjectFile(manager, project, "render", charset)) return kExitFailure;
-  if (output.empty() && engine.outfile[0] != '\0') {
-    output = engine.outfile;  // a relative one is taken from the project's folder, like its voice folder
-    const size_t slash = project.rfind('/');
-    if (output[0] != '/' && slash != std::string::npos) output = project.substr(0, slash + 1) + output;
-    // A path from another system ("C:/...") or into a folder that is not
-    // here is no file name to write: the project's own name is used.
-    const std::string& named = engine.outfile;
-    const bool windows = named.size() > 2 && isalpha(static_cast<unsigned char>(named[0])) && named[1] == ':';
-    const size_t folderEnd = output.rfind('/');
-    struct stat info;
-    const bool folderHere =
-        folderEnd == std::string::npos || (stat(output.substr(0, folderEnd == 0 ? 1 : folderEnd).c_str(), &info) == 0 &&
-                                           S_ISDIR(info.st_mode));
-    if (windows || !folderHere) {
-      const std::string fallback = [&] {
-        const size_t dot = project.rfind('.');
-        const size_t cut = project.rfind('/');
-        return (dot != std::string::npos && (cut == std::string::npos || dot > cut) ? project.substr(0, dot) : project) +
-               ".wav";
-      }();
-      fprintf(stderr, "the project's output file '%s' is not usable here; writing '%s'\n", named.c_str(),
-              fallback.c_str());
-      output = fallback;
+  // A project file comes from anyone: the output name it carries is only a
+  // name (its last part, ending in .wav), beside the project or in the
+  // folder -o names; never a path to follow.
+  const size_t slash = project.rfind('/');
+  const std::string projectFolder = slash == std::string::npos ? std::string() : project.substr(0, slash + 1);
+  struct stat target;
+  const bool intoFolder = !output.empty() && stat(output.c_str(), &target) == 0 && S_ISDIR(target.st_mode);
+  if (output.empty() || intoFolder) {
+    const std::string named = engine.outfile;
+    const std::string name = outputFileName(named, project);
+    output = (intoFolder ? output + (output.back() == '/' ? "" : "/") : projectFolder) + name;
+    if (!named.empty() && named != name) {
+      fprintf(stderr, "the project's output file '%s' is taken as the name '%s'\n", named.c_str(), name.c_str());
     }
-  }
-  if (output.empty()) {
-    const size_t dot = project.rfind('.');
-    const size_t slash = project.rfind('/');
-    output = (dot != std::string::npos && (slash == std::string::npos || dot > slash) ? project.substr(0, dot) : project) +
-             ".wav";
   }
   const std::string problem = outputProblem(output, {project}, {".wav", ".wave"});
   if (!problem.empty()) {
     fprintf(stderr, "tona render: %s\n", problem.c_str());
     return kExitUsage;
   }
+  // Only a WAV file is ever written over: anything else there is not ours.
+  const std::string notWave = notAWaveFile(output);
+  if (!notWave.empty()) {
+    fprintf(stderr, "tona render: %s; nothing written\n", notWave.c_str());
+    return kExitFailure;
+  }
   if (!loadVoiceBank(manager, project, voiceDir, "render")) return kExitFailure;
+  const std::string overBank = bankFileProblem(manager, output);
+  if (!overBank.empty()) {
+    fprintf(stderr, "tona render: %s\n", overBank.c_str());
+    return kExitUsage;
+  }
   dropImpossibleNotes(manager);
   engine.preparationNotes();
   engine.makePitchMode2();

@@ -1,3 +1,4 @@
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -93,6 +94,9 @@ int usageError(const Command& command, const char* message) {
 }
 
 int tonaMain(int argc, char** argv) {
+  // A write past the file size limit fails with EFBIG and is reported as
+  // any other write error, instead of ending the process without a word.
+  signal(SIGXFSZ, SIG_IGN);
   if (argc < 2) {
     fputs("tona: no command given\n", stderr);
     printUsage(stderr);

@@ -10,12 +10,13 @@
 #include <vector>
 
 #include "editing/noteman.h"
+#include "support/regular_file.h"
 #include "support/userdirs.h"
 
 std::string notAProject(const std::string& path) {
   struct stat info;
   if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return "it is a folder";
-  FILE* file = fopen(path.c_str(), "rb");
+  FILE* file = openRegularFile(path.c_str(), "rb");
   if (file == nullptr) return "";  // the open below says why
   std::vector<char> head(65536);
   const size_t n = fread(head.data(), 1, head.size(), file);

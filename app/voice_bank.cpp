@@ -15,6 +15,9 @@
 #include "editing/noteman.h"
 #include "render/wavefile.h"
 #include "support/userdirs.h"
+#include "voicebank/freqtable.h"
+#include "voicebank/spectrum.h"
+#include "voicebank/voiceset.h"
 
 namespace {
 
@@ -120,4 +123,24 @@ int dropImpossibleNotes(CNoteMan& manager) {
     ++dropped;
   }
   return dropped;
+}
+
+std::string bankFileProblem(CNoteMan& manager, const std::string& output) {
+  struct stat out;
+  if (output == "-" || stat(output.c_str(), &out) != 0) return std::string();
+  ctonm2& engine = *manager.engine();
+  cvoiceset* set = engine.voiceset;
+  for (int32_t row = 0; set != nullptr && row < set->count(); ++row) {
+    const char* file = set->get_filename(row);
+    if (file == nullptr) continue;
+    const std::string sample = std::string(engine.voiceDir) + file;
+    for (const std::string& path : {sample, frequencyTablePath(sample.c_str(), "frq"),
+                                    frequencyTablePath(sample.c_str(), "frt"), spectrumFilePath(sample.c_str())}) {
+      struct stat in;
+      if (stat(path.c_str(), &in) == 0 && in.st_dev == out.st_dev && in.st_ino == out.st_ino) {
+        return "the output '" + output + "' is '" + path + "' of the voice bank; nothing written";
+      }
+    }
+  }
+  return std::string();
 }

@@ -22,6 +22,11 @@ bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::str
 // and that cannot be loaded (those notes stay silent). Returns how many.
 int warnUnloadableSamples(CNoteMan& manager, int first, int last);
 
+// Why `output` must not be written, or "" when it may: it is a sample, a
+// frequency table or a spectrum file of the loaded bank (the same file,
+// however named).
+std::string bankFileProblem(CNoteMan& manager, const std::string& output);
+
 // Notes that cannot be right (a negative length, a note number outside
 // 0..127) get one warning line each, naming their section in the file,
 // and are left out of the render (made rests). Returns how many.

@@ -16,6 +16,7 @@
 #include "editing/scaleman.h"
 #include "editing/undoman.h"
 #include "engine/ctonm2.h"
+#include "support/regular_file.h"
 #include "support/safe_output.h"
 #include "support/userdirs.h"
 
@@ -133,7 +134,7 @@ std::string recoveryCopyProjectPath(const std::string& file) {
   const std::string side = file + kPathSuffix;
   struct stat info;
   if (lstat(side.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > 65536) return std::string();
-  FILE* in = fopen(side.c_str(), "rb");
+  FILE* in = openRegularFile(side.c_str(), "rb");
   if (in == nullptr) return std::string();
   std::string path(static_cast<size_t>(info.st_size), '\0');
   path.resize(fread(&path[0], 1, path.size(), in));

@@ -14,6 +14,7 @@
 
 #include "engine/ctonm2.h"
 #include "support/log.h"
+#include "support/regular_file.h"
 #include "support/textcopy.h"
 #include "support/textfile.h"
 
@@ -197,7 +198,7 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
   mode2 = 1;
   renderState = 0;
   if (path == nullptr) return -1;
-  FILE* file = fopen(path, "r");
+  FILE* file = openRegularFile(path, "r");
   if (file == nullptr) return -1;
   skipByteOrderMark(file);
 

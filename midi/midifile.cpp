@@ -1,4 +1,5 @@
 #include "midi/midifile.h"
+#include "support/regular_file.h"
 
 #include <sys/stat.h>
 
@@ -59,7 +60,7 @@ void MIDIMessage::setTextData(const char* text) {
 
 bool CMIDIReader::open(const char* path) {
   close();
-  file_ = path != nullptr ? fopen(path, "rb") : nullptr;
+  file_ = path != nullptr ? openRegularFile(path, "rb") : nullptr;
   measure();
   return file_ != nullptr;
 }

@@ -16,6 +16,7 @@
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "midi/midiman.h"
+#include "support/regular_file.h"
 #include "support/safe_output.h"
 #include "support/textcopy.h"
 
@@ -279,7 +280,7 @@ bool CMusicXml::load(const char* path) {
   if (path == nullptr || stat(path, &info) != 0) return error_ = strerror(errno != 0 ? errno : ENOENT), false;
   if (!S_ISREG(info.st_mode)) return error_ = "not a regular file", false;
   if (info.st_size > kMaxScoreBytes) return error_ = "over 64 MB: no score is that big", false;
-  FILE* in = fopen(path, "rb");
+  FILE* in = openRegularFile(path, "rb");
   if (in == nullptr) return error_ = strerror(errno), false;
   std::string bytes(static_cast<size_t>(info.st_size), '\0');
   const size_t got = bytes.empty() ? 0 : fread(&bytes[0], 1, bytes.size(), in);

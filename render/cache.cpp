@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include "editing/noteserial.h"
 #include "support/log.h"
 #include "support/md5.h"
+#include "support/regular_file.h"
 #include "support/safe_output.h"
 #include "support/userdirs.h"
 #include "voicebank/voiceset.h"
@@ -36,14 +38,35 @@ std::string soundName(const NoteData* note) {
   return name;
 }
 
+// Whether a name is one the cache gives its files: "INDEX_SOUND_DIGEST.raw",
+// the digest 22 base-62 digits.
+bool isCacheName(const std::string& name) {
+  const size_t suffix = name.size() >= 4 ? name.size() - 4 : 0;
+  if (name.size() < 2 + 1 + 22 + 4 || name.compare(suffix, 4, ".raw") != 0) return false;
+  const size_t digest = suffix - 22;
+  if (name[digest - 1] != '_') return false;
+  for (size_t k = digest; k < suffix; ++k) {
+    if (!isalnum(static_cast<unsigned char>(name[k]))) return false;
+  }
+  size_t k = 0;
+  while (k < name.size() && isdigit(static_cast<unsigned char>(name[k]))) ++k;
+  return k > 0 && name[k] == '_' && k < digest - 1;
+}
+
+// The cache's own files only: names of its form that are regular files
+// in the folder itself, never a link out of it.
 template <class Visit>
 void forEachCacheFile(Visit visit) {
   const std::string dir = CCacheSys::folder();
   DIR* listing = opendir(dir.c_str());
   if (listing == nullptr) return;
   while (struct dirent* item = readdir(listing)) {
-    if (item->d_name[0] == '.') continue;
-    visit(dir + "/" + item->d_name, std::string(item->d_name));
+    const std::string name = item->d_name;
+    if (!isCacheName(name)) continue;
+    const std::string path = dir + "/" + name;
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size % 8 != 0) continue;
+    visit(path, name);
   }
   closedir(listing);
 }
@@ -87,7 +110,7 @@ bool CCacheSys::isCached(int32_t index, const NoteData* note) {
 
 double* CCacheSys::getCache(int32_t index, const NoteData* note, int32_t* size) {
   if (size != nullptr) *size = 0;
-  FILE* file = fopen((folder() + "/" + getCacheName(index, note)).c_str(), "rb");
+  FILE* file = openRegularFile((folder() + "/" + getCacheName(index, note)).c_str(), "rb");
   if (file == nullptr) return nullptr;
   struct stat info;
   double* data = nullptr;
@@ -112,7 +135,7 @@ int32_t CCacheSys::putCache(int32_t index, const NoteData* note, const double* d
   deleteCache(index);
   // Written under a name of its own first, so that no half file is ever
   // read, even with two renders filling the same cache.
-  SafeOutput out(path);
+  SafeOutput out(path, false);
   FILE* file = out.path().empty() ? nullptr : fopen(out.path().c_str(), "wb");
   if (file == nullptr) return -1;
   const bool written = fwrite(data, 1, static_cast<size_t>(size), file) == static_cast<size_t>(size);
@@ -152,7 +175,7 @@ int64_t CCacheSys::trim(int64_t limit) {
   int64_t total = 0;
   forEachCacheFile([&](const std::string& path, const std::string&) {
     struct stat info;
-    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return;
+    if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return;
     entries.push_back({path, info.st_size, info.st_mtim});
     total += info.st_size;
   });

@@ -9,6 +9,7 @@
 
 #include "support/byteorder.h"
 #include "support/log.h"
+#include "support/regular_file.h"
 
 namespace {
 
@@ -61,7 +62,7 @@ class Reader {
 
 int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int32_t* dataBytes) {
   if (path == nullptr || format == nullptr) return nullptr;
-  FILE* file = fopen(path, "rb");
+  FILE* file = openRegularFile(path, "rb");
   if (file == nullptr) return nullptr;
   Reader in(file);
   uint32_t riff = 0, riffSize = 0, wave = 0;
@@ -129,7 +130,7 @@ uint32_t getSampleRate(const uint8_t* extended, bool swapped) {
 
 int16_t* loadAiffFile(const char* path, WaveFormat* format, int32_t padding, int32_t* dataBytes) {
   if (path == nullptr || format == nullptr) return nullptr;
-  FILE* file = fopen(path, "rb");
+  FILE* file = openRegularFile(path, "rb");
   if (file == nullptr) {
     log_printf(1, "ファイルが開けません\n");
     return nullptr;
@@ -239,4 +240,15 @@ void byte2double(double* dst, const uint8_t* src, int32_t, int32_t count) {
 
 void byte2doubleR(double* dst, const uint8_t* src, int32_t start, int32_t count) {
   byte2double(dst, src, start, count);
+}
+
+std::string notAWaveFile(const std::string& path) {
+  struct stat info;
+  if (path == "-" || stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::string();
+  char head[12] = {0};
+  FILE* file = openRegularFile(path.c_str(), "rb");
+  const size_t got = file != nullptr ? fread(head, 1, sizeof head, file) : 0;
+  if (file != nullptr) fclose(file);
+  if (got == sizeof head && memcmp(head, "RIFF", 4) == 0 && memcmp(head + 8, "WAVE", 4) == 0) return std::string();
+  return "'" + path + "' exists and is not a WAV file";
 }

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 // The body of a WAVE "fmt " chunk, preceded by its id and size.
 struct WaveFormat {
@@ -35,6 +36,12 @@ int32_t saveWaveFile(const char* path, const int16_t* samples, int32_t dataBytes
 
 // count values from frame `start` (first channel only; frames before 0
 // give 0.0). Channel counts other than 1 and 2 write nothing.
+// Why a WAV file must not be written at `path`, or "" when it may: a
+// regular file there (or where a link there leads) that is not a RIFF WAVE
+// file is someone else's. Nothing there, a WAV file, a device or a FIFO are
+// fine.
+std::string notAWaveFile(const std::string& path);
+
 void short2double(double* dst, const int16_t* src, int32_t start, int32_t count, int32_t channels);
 // count unsigned 8-bit values from the start of src, as value - 128; the
 // start argument is not used (callers pass an offset pointer).

@@ -1,4 +1,5 @@
 #include "support/textfile.h"
+#include "support/regular_file.h"
 
 #include <cstdint>
 #include <vector>
@@ -48,7 +49,7 @@ bool looksLikeUtf8(const char* data, size_t length) {
 }
 
 bool fileLooksLikeUtf8(const char* path) {
-  FILE* file = fopen(path, "rb");
+  FILE* file = openRegularFile(path, "rb");
   if (file == nullptr) return false;
   std::vector<char> data;
   char buffer[65536];

@@ -80,11 +80,13 @@ RunResult runTona(const std::vector<std::string>& args, long fileSizeLimit) {
     int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     dup2(out, 1);
     dup2(err, 2);
+    // The program must live through its own SIGXFSZ: nothing is ignored for it.
+    signal(SIGXFSZ, SIG_DFL);
     if (fileSizeLimit > 0) {
-      signal(SIGXFSZ, SIG_IGN);
       struct rlimit limit = {static_cast<rlim_t>(fileSizeLimit), static_cast<rlim_t>(fileSizeLimit)};
       setrlimit(RLIMIT_FSIZE, &limit);
     }
+    alarm(300);  // a hang ends as a failure, not as a stuck suite
     std::vector<char*> argv;
     argv.push_back(const_cast<char*>(TONA_BINARY));
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));

@@ -9,6 +9,8 @@
 
 #include "support/byteorder.h"
 #include "support/log.h"
+#include "support/regular_file.h"
+#include "support/safe_output.h"
 #include "voicebank/pitch.h"
 
 namespace {
@@ -74,7 +76,7 @@ int32_t readFrequenciesList(const char* samplePath, double** frequencies, double
   struct stat sample, table;
   if (stat(samplePath, &sample) != 0 || stat(tablePath.c_str(), &table) != 0) return 0;
   if (sample.st_mtime > table.st_mtime && (table.st_mode & S_IWUSR) != 0) return 0;  // stale
-  FILE* file = fopen(tablePath.c_str(), "rb");
+  FILE* file = openRegularFile(tablePath.c_str(), "rb");
   if (file == nullptr) return 0;
   const long long size = fileSize(file);
   char magic[8];
@@ -105,7 +107,10 @@ int32_t readFrequenciesList(const char* samplePath, double** frequencies, double
 
 int32_t writeFrequenciesList(const char* samplePath, const double* frequencies, const double* amplitudes, int32_t count,
                              double average, int32_t step) {
-  FILE* file = fopen(frequencyTablePath(samplePath, "frq").c_str(), "wb");
+  // Through a temporary file: a reader never meets half a table, and a
+  // link to some other file is not written through.
+  SafeOutput out(frequencyTablePath(samplePath, "frq"), false);
+  FILE* file = out.path().empty() ? nullptr : fopen(out.path().c_str(), "wb");
   if (file == nullptr) return 0;
   const char reserved[16] = {0};
   fwrite(kFrqMagic, 8, 1, file);
@@ -118,12 +123,12 @@ int32_t writeFrequenciesList(const char* samplePath, const double* frequencies, 
     fwritee(&amplitudes[k], 8, 1, file, false);
   }
   const bool failed = ferror(file) != 0;
-  return (fclose(file) == 0 && !failed) ? 1 : 0;
+  return (fclose(file) == 0 && !failed && out.commit()) ? 1 : 0;
 }
 
 int32_t readFrequenciesText(const char* samplePath, double** frequencies, double** amplitudes, double* average,
                             int32_t step) {
-  FILE* file = fopen(frequencyTablePath(samplePath, "frt").c_str(), "rt");
+  FILE* file = openRegularFile(frequencyTablePath(samplePath, "frt").c_str(), "rt");
   if (file == nullptr) return 0;
   const long long size = fileSize(file);
   char line[512];
@@ -160,7 +165,8 @@ int32_t readFrequenciesText(const char* samplePath, double** frequencies, double
 
 int32_t writeFrequenciesText(const char* samplePath, const double* frequencies, const double* amplitudes, int32_t count,
                              double average, int32_t step) {
-  FILE* file = fopen(frequencyTablePath(samplePath, "frt").c_str(), "wt");
+  SafeOutput out(frequencyTablePath(samplePath, "frt"), false);
+  FILE* file = out.path().empty() ? nullptr : fopen(out.path().c_str(), "wt");
   if (file == nullptr) return 0;
   char name[16];
   fprintf(file, "%s\n", kTextHeader);
@@ -172,7 +178,7 @@ int32_t writeFrequenciesText(const char* samplePath, const double* frequencies, 
     fprintf(file, "%5.5lf\t%0.5lfHz\t(%s)\n", amplitudes[k], frequencies[k], getToneName(frequencies[k], name));
   }
   const bool failed = ferror(file) != 0;
-  return (fclose(file) == 0 && !failed) ? 1 : 0;
+  return (fclose(file) == 0 && !failed && out.commit()) ? 1 : 0;
 }
 
 double* initFrequenciesList(double** amplitudes, double* average, const char* samplePath, const char* flags,
@@ -226,7 +232,7 @@ double* initFrequenciesList(double** amplitudes, double* average, const char* sa
 }
 
 int32_t readSpecTable(const char* samplePath, double** values) {
-  FILE* file = fopen(frequencyTablePath(samplePath, "f0").c_str(), "rb");
+  FILE* file = openRegularFile(frequencyTablePath(samplePath, "f0").c_str(), "rb");
   if (file == nullptr) return 0;
   const long long size = fileSize(file);
   char magic[8];

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "support/regular_file.h"
 #include "voicebank/freqtable.h"
 #include "voicebank/pitch.h"
 
@@ -202,7 +203,7 @@ bool readSpectrumFile(const std::string& bytes, int32_t rate, int32_t frames, Sp
 }
 
 bool readSpectrumFile(const char* path, int32_t rate, int32_t frames, SpectrumTable* out) {
-  FILE* file = fopen(path, "rb");
+  FILE* file = openRegularFile(path, "rb");
   if (file == nullptr) return false;
   // The size comes from the file system and must be the one the header
   // announces: nothing is allocated for a file that claims more.

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "support/multibyte.h"
+#include "support/regular_file.h"
 #include "support/textfile.h"
 
 namespace {
@@ -33,7 +34,7 @@ CVoiceProfile::CVoiceProfile(const char* folder) {
   if (folder_.c_str()[folder_.length() - 1] != '/') folder_ += "/";
 
   const cstr profilePath = folder_ + "character.txt";
-  FILE* file = fopen(profilePath.c_str(), "rt");
+  FILE* file = openRegularFile(profilePath.c_str(), "rt");
   if (file != nullptr) {
     skipByteOrderMark(file);
     bool utf8 = fileLooksLikeUtf8(profilePath.c_str());  // a charset line may still say so
@@ -71,7 +72,7 @@ const char* CVoiceProfile::readLines(const char* name, bool skipKeys, cstr* cach
   *cache = "";
   if (folder_.isNull()) return cache->c_str();
   const cstr path = folder_ + name;
-  FILE* file = fopen(path.c_str(), "rt");
+  FILE* file = openRegularFile(path.c_str(), "rt");
   if (file == nullptr) return cache->c_str();
   skipByteOrderMark(file);
   CMultiByte cm;

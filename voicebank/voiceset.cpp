@@ -11,6 +11,7 @@
 
 #include "support/log.h"
 #include "support/multibyte.h"
+#include "support/regular_file.h"
 #include "support/textcopy.h"
 #include "support/textfile.h"
 #include "voicebank/kana.h"
@@ -122,7 +123,7 @@ bool cvoiceset::grow() {
 
 int32_t cvoiceset::read_otoini(const char* path, const char* prefix) {
   charset_[0] = '\0';
-  FILE* file = fopen(path, "rt");
+  FILE* file = openRegularFile(path, "rt");
   if (file == nullptr) return -1;
   touch();
   skipByteOrderMark(file);
@@ -154,7 +155,7 @@ int32_t cvoiceset::read_otoini(const char* path, const char* prefix) {
 }
 
 int32_t cvoiceset::read_prefixmap(const char* path) {
-  FILE* file = fopen(path, "rt");
+  FILE* file = openRegularFile(path, "rt");
   if (file == nullptr) return -1;
   memset(prefixMap, 0, sizeof prefixMap);
   skipByteOrderMark(file);

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "support/userdirs.h"
 #include "tests/testutil.h"
 #include "tests/voicebank/bank.h"
 #include "tests/voicebank/voice_signal.h"
@@ -54,7 +55,7 @@ TEST_F(Outputs, RenderWritesACleanRiffFile) {
 TEST_F(Outputs, LinksDevicesAndStandardOutputAreWrittenThrough) {
   // A symbolic link stays a link; its target gets the audio.
   const std::string target = bank_.folder() + "real.wav", link = bank_.folder() + "link.wav";
-  writeFile(target, "old");
+  ASSERT_EQ(runTona({"render", project_, "-o", target}).status, 0);
   ASSERT_EQ(symlink("real.wav", link.c_str()), 0);
   ASSERT_EQ(runTona({"render", project_, "-o", link}).status, 0);
   struct stat info;
@@ -103,4 +104,137 @@ TEST_F(Outputs, NoCommandWritesOverItsInputOrInTheWrongFormat) {
   EXPECT_FALSE(fileExists(bank_.folder() + "out.mp3"));
   EXPECT_EQ(runTona({"convert", project_, bank_.folder() + "out.wav"}).status, 2);
   EXPECT_EQ(runTona({"convert", project_, bank_.folder() + "out.SNT"}).status, 0);  // case does not matter
+}
+
+TEST_F(Outputs, AProjectsOutputNameIsOnlyANameBesideTheProject) {
+  // Files of the user's that a stranger's project names.
+  const std::string bashrc = home_.path() + "/.bashrc", notes = home_.path() + "/notes";
+  writeFile(bashrc, "alias ls='ls -F'\n");
+  writeFile(notes, "my notes\n");
+  auto withOutFile = [&](const std::string& named) {
+    std::string text = readFile(project_);
+    const size_t at = text.find("VoiceDir=");
+    text.insert(at, "OutFile=" + named + "\n");
+    writeFile(bank_.folder() + "stranger.snt", text);
+    return bank_.folder() + "stranger.snt";
+  };
+  const struct {
+    std::string named, written;
+  } cases[] = {{bashrc, ".bashrc.wav"}, {"../../../../../../" + notes, "notes.wav"},
+               {"C:\\Users\\me\\song.wav", "song.wav"}, {"take two.WAV", "take two.WAV"}, {"/", "stranger.wav"}};
+  for (const auto& c : cases) {
+    RunResult run = runTona({"render", withOutFile(c.named)});
+    ASSERT_EQ(run.status, 0) << c.named << ": " << run.err;
+    EXPECT_TRUE(fileExists(bank_.folder() + c.written)) << c.named;
+  }
+  EXPECT_EQ(readFile(bashrc), "alias ls='ls -F'\n");
+  EXPECT_EQ(readFile(notes), "my notes\n");
+  // -o naming a folder: the name goes there.
+  const std::string folder = bank_.folder() + "renders";
+  ASSERT_TRUE(makeFolders(folder));
+  ASSERT_EQ(runTona({"render", withOutFile(notes), "-o", folder}).status, 0);
+  EXPECT_TRUE(fileExists(folder + "/notes.wav"));
+  // A file there that is not a WAV file is never written over.
+  writeFile(bank_.folder() + "keep.wav", "not audio");
+  RunResult kept = runTona({"render", withOutFile("keep.wav")});
+  EXPECT_EQ(kept.status, 1);
+  EXPECT_EQ(kept.err, "tona render: '" + bank_.folder() + "keep.wav' exists and is not a WAV file; nothing written\n");
+  EXPECT_EQ(readFile(bank_.folder() + "keep.wav"), "not audio");
+}
+
+TEST_F(Outputs, NoRenderWritesOverTheBankItSingsWith) {
+  const std::string sample = bank_.folder() + "a.wav";
+  ASSERT_EQ(runTona({"render", project_, "-o", bank_.folder() + "warm.wav"}).status, 0);  // the tables are made
+  const std::string before = readFile(sample);
+  const std::string table = bank_.folder() + "a_wav.frq", tableBefore = readFile(table);
+  for (const std::string& target : {sample, table}) {
+    const std::string alias = bank_.folder() + "alias.wav";
+    unlink(alias.c_str());
+    ASSERT_EQ(link(target.c_str(), alias.c_str()), 0);
+    RunResult run = runTona({"render", project_, "-o", alias});
+    EXPECT_NE(run.status, 0) << target;  // the table is no WAV file either
+    if (target == sample) {
+      EXPECT_NE(run.err.find("of the voice bank"), std::string::npos) << run.err;
+    }
+  }
+  EXPECT_EQ(readFile(sample), before);
+  EXPECT_EQ(readFile(table), tableBefore);
+}
+
+TEST_F(Outputs, LinksAreJudgedByWhatTheyLeadTo) {
+  const std::string victim = bank_.folder() + "victim.txt", link = bank_.folder() + "out.wav";
+  writeFile(victim, "precious\n");
+  ASSERT_EQ(symlink("victim.txt", link.c_str()), 0);
+  RunResult run = runTona({"render", project_, "-o", link});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("leads to"), std::string::npos) << run.err;
+  // A loop of links is refused too.
+  const std::string a = bank_.folder() + "a1.wav", b = bank_.folder() + "b1.wav";
+  ASSERT_EQ(symlink("b1.wav", a.c_str()), 0);
+  ASSERT_EQ(symlink("a1.wav", b.c_str()), 0);
+  run = runTona({"render", project_, "-o", a});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_NE(run.err.find("loop"), std::string::npos) << run.err;
+  // The analysis's tables are not written through a link to another file.
+  const std::string table = bank_.folder() + "a_wav.frq";
+  unlink(table.c_str());
+  ASSERT_EQ(symlink("victim.txt", table.c_str()), 0);
+  runTona({"analyze", bank_.folder() + "a.wav", "--force"});
+  EXPECT_EQ(readFile(victim), "precious\n");
+  struct stat info;
+  ASSERT_EQ(lstat(link.c_str(), &info), 0);
+  EXPECT_TRUE(S_ISLNK(info.st_mode));
+}
+
+TEST_F(Outputs, CacheCleanRemovesItsOwnFilesOnly) {
+  ASSERT_EQ(runTona({"render", project_, "-o", bank_.folder() + "one.wav"}).status, 0);
+  const std::string cache = home_.path() + "/.cache/tona/cache";
+  RunResult info = runTona({"cache", "info"});
+  ASSERT_NE(info.out.find("files:  1\n"), std::string::npos) << info.out;
+  // A document of the user's, and a link out of the folder in the cache's own name form.
+  writeFile(cache + "/report.doc", "mine");
+  const std::string outside = home_.path() + "/elsewhere.raw";
+  writeFile(outside, std::string(16, 'x'));
+  ASSERT_EQ(symlink(outside.c_str(), (cache + "/7_a_0123456789ABCDEFGHIJKL.raw").c_str()), 0);
+  RunResult clean = runTona({"cache", "clean"});
+  EXPECT_EQ(clean.status, 0) << clean.err;
+  EXPECT_EQ(clean.out.rfind("removed 1 files", 0), 0u) << clean.out;
+  EXPECT_EQ(readFile(cache + "/report.doc"), "mine");
+  EXPECT_EQ(readFile(outside), std::string(16, 'x'));
+}
+
+TEST_F(Outputs, KilledWritesLeaveNothingAndASizeLimitIsReported) {
+  // What a killed render left: removed by the next write of the same file,
+  // while a temporary another writer holds stays.
+  const std::string out = bank_.folder() + "out.wav", stale = out + ".tmp-AbC123";
+  writeFile(stale, "half a song");
+  ASSERT_EQ(runTona({"render", project_, "-o", out}).status, 0);
+  EXPECT_FALSE(fileExists(stale));
+  // Past the file size limit: a message and a failure, not a silent death.
+  RunResult limited = runTona({"render", project_, "-o", bank_.folder() + "big.wav"}, 4096);
+  EXPECT_EQ(limited.status, 1);
+  EXPECT_NE(limited.err.find("File too large"), std::string::npos) << limited.err;
+  EXPECT_FALSE(fileExists(bank_.folder() + "big.wav"));
+}
+
+TEST_F(Outputs, AFifoWhereAFileBelongsIsNeverOpened) {
+  // A sample that is a FIFO: the render goes on without it; the analysis
+  // names it; the recovery file as a FIFO is no recovery file.
+  ASSERT_EQ(mkfifo((bank_.folder() + "pipe.wav").c_str(), 0600), 0);
+  bank_.write("oto.ini", "a.wav=a,30,60,-300,40,10\npipe.wav=i,30,60,-300,40,10\n");
+  std::string text = readFile(project_);
+  text.insert(text.find("[#TRACKEND]"), "[#0001]\nDelta=480\nDuration=480\nLyric=i\nNoteNum=57\n");
+  writeFile(project_, text);
+  RunResult render = runTona({"render", project_, "-o", bank_.folder() + "out.wav"});
+  EXPECT_EQ(render.status, 0) << render.err;
+  EXPECT_NE(render.err.find("pipe.wav"), std::string::npos) << render.err;
+  RunResult analyze = runTona({"analyze", bank_.path()});
+  EXPECT_NE(analyze.status, -1);
+  EXPECT_NE((analyze.out + analyze.err).find("pipe.wav"), std::string::npos) << analyze.out << analyze.err;
+  const std::string recovery = home_.path() + "/.local/state/tona/temp";
+  ASSERT_TRUE(makeFolders(recovery));
+  ASSERT_EQ(mkfifo((recovery + "/.temp.snt").c_str(), 0600), 0);
+  EXPECT_EQ(runTona({"recover"}).out, "no recovery file\n");
+  RunResult project = runTona({"render", bank_.folder() + "pipe.wav"});
+  EXPECT_NE(project.status, 0);
 }
