@@ -14,7 +14,8 @@ const char kCacheUsage[] =
     "\n"
     "The render cache keeps each rendered note, so that notes that did not\n"
     "change are not rendered again. 'info' shows where it is and its size;\n"
-    "'clean' empties it. 'tona render --cache-limit' bounds it.\n";
+    "'clean' removes its files (its own name form only, never through a link).\n"
+    "'tona render --cache-limit' bounds it.\n";
 
 int runCache(int argc, char** argv) {
   const Command& command = *findCommand("cache");

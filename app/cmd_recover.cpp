@@ -13,6 +13,7 @@
 
 #include "app/args.h"
 #include "app/command.h"
+#include "app/project_file.h"
 #include "app/subcommands.h"
 #include "editing/recovery.h"
 #include "support/regular_file.h"
@@ -58,7 +59,16 @@ int runRecover(int argc, char** argv) {
   const int status = parser.parse(argc, argv, &args, 0, 1);
   if (status >= 0) return status;
 
-  const std::vector<RecoveryCopy> copies = findRecoveryCopies();
+  // A copy that holds no project is named and left alone.
+  std::vector<RecoveryCopy> copies;
+  for (const RecoveryCopy& copy : findRecoveryCopies()) {
+    const std::string reason = notAProject(copy.file);
+    if (reason.empty()) {
+      copies.push_back(copy);
+    } else {
+      fprintf(stderr, "tona recover: '%s' is no project (%s); left alone\n", copy.file.c_str(), reason.c_str());
+    }
+  }
   if (copies.empty()) {
     printf("no recovery file\n");
     return kExitFailure;

@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -121,5 +122,11 @@ int tonaMain(int argc, char** argv) {
     printUsage(stderr);
     return kExitUsage;
   }
-  return command->run(argc - 1, argv + 1);
+  const int status = command->run(argc - 1, argv + 1);
+  // What was printed must have arrived (a full disk, a closed pipe).
+  if (fflush(stdout) != 0 || ferror(stdout)) {
+    fprintf(stderr, "tona %s: cannot write standard output: %s\n", first, strerror(errno != 0 ? errno : EIO));
+    return status == kExitOk ? kExitFailure : status;
+  }
+  return status;
 }

@@ -70,6 +70,7 @@ void removeStaleTemporaries(const std::string& target) {
 
 SafeOutput::SafeOutput(const std::string& target, bool removeStale) : target_(followLinks(target)) {
   if (target == "-") {
+    if (fcntl(STDOUT_FILENO, F_GETFD) < 0) return;  // standard output is closed: EBADF
     temporary_ = "/dev/stdout";
     direct_ = true;
     return;

@@ -176,7 +176,11 @@ int main(int argc, char** argv) {
 
   auto* window = new MainWindow;
   if (!screenshot.empty()) {
-    if (!project.empty() && !window->openProject(QString::fromLocal8Bit(project.c_str()), true)) {
+    const QString path = QString::fromLocal8Bit(project.c_str());
+    const bool opened = project.empty() ||
+                        (MainWindow::isImported(path) ? window->importSequence(path, -1, -1, true) != nullptr
+                                                      : window->openProject(path, true));
+    if (!opened) {
       fprintf(stderr, "tona-editor: %s\n", window->lastMessage().toLocal8Bit().constData());
       delete window;
       return 1;

@@ -1,12 +1,14 @@
 // What commands say when they are given something that cannot be right.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 
 #include <string>
 #include <vector>
 
+#include "support/userdirs.h"
 #include "tests/testutil.h"
 #include "tests/voicebank/bank.h"
 #include "tests/voicebank/voice_signal.h"
@@ -95,6 +97,30 @@ TEST_F(Errors, OneClearLinePerProblemWithTheSystemsReason) {
   RunResult noBank = runTona({"render", path, "--voice-dir", bank_.folder() + "nothing"});
   EXPECT_EQ(noBank.err.find("opendir"), std::string::npos) << noBank.err;
   EXPECT_EQ(lines(noBank.err), 1) << noBank.err;
+}
+
+TEST_F(Errors, EachFailureGetsItsTrueReasonAndAFailingStatus) {
+  const std::string path = project("[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n");
+  const std::string tona = TONA_BINARY, err = bank_.folder() + "err.txt";
+  auto shell = [&](const std::string& command) {
+    const int status = system((command + " 2>" + err).c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  // Standard output that takes nothing, or is not there at all.
+  EXPECT_EQ(shell(tona + " info " + path + " >/dev/full"), 1);
+  EXPECT_NE(readFile(err).find("cannot write standard output: No space left on device"), std::string::npos)
+      << readFile(err);
+  EXPECT_EQ(shell(tona + " render " + path + " -o - >&-"), 1);
+  EXPECT_NE(readFile(err).find("Bad file descriptor"), std::string::npos) << readFile(err);
+  // A recovery file of random bytes is no project to offer.
+  const std::string folder = home_.path() + "/.local/state/tona/temp";
+  ASSERT_TRUE(makeFolders(folder));
+  std::string noise;
+  for (int k = 0; k < 4096; ++k) noise += static_cast<char>((k * 7919) % 251);
+  writeFile(folder + "/.temp.snt", noise);
+  RunResult recover = runTona({"recover"});
+  EXPECT_EQ(recover.status, 1);
+  EXPECT_NE(recover.err.find("is no project"), std::string::npos) << recover.err;
 }
 
 TEST_F(Errors, AnalyzeReportsTablesItCannotWrite) {

@@ -621,6 +621,16 @@ TEST(EditorProgram, HelpBadOptionsAndAScreenshot) {
   // Not a project: one line and a failure.
   EXPECT_EQ(run("--screenshot " + picture + " " + dir.path()), 1);
   EXPECT_NE(readFile(out).find("Not a project"), std::string::npos);
+  // A sequence is pictured as the editor imports it; a bad one is refused.
+  CScaleMan scale;
+  CNoteMan notes(&scale);
+  notes.insertNotePosition(0, 480, 60, "la");
+  CMIDIMan midi;
+  ASSERT_TRUE(midi.writeSMFFile(dir.file("song.mid").c_str(), &notes));
+  EXPECT_EQ(run("--screenshot " + picture + " " + dir.file("song.mid")), 0) << readFile(out);
+  ASSERT_TRUE(writeFile(dir.file("bad.mid"), "no MIDI"));
+  EXPECT_EQ(run("--screenshot " + picture + " " + dir.file("bad.mid")), 1);
+  EXPECT_NE(readFile(out).find("Cannot import"), std::string::npos) << readFile(out);
 }
 
 }  // namespace

@@ -374,10 +374,7 @@ bool MainWindow::openProject(const QString& path, bool quiet) {
 }
 
 MainWindow* MainWindow::openElsewhere(const QString& path) {
-  const QString suffix = QFileInfo(path).suffix().toLower();
-  if (suffix == "mid" || suffix == "midi" || suffix == "smf" || suffix == "vsq" || isScoreFile(path)) {
-    return importSequence(path, -1, -1);
-  }
+  if (isImported(path)) return importSequence(path, -1, -1);
   // A project already open here is raised rather than read twice.
   const QString absolute = QFileInfo(path).absoluteFilePath();
   for (QWidget* widget : QApplication::topLevelWidgets()) {
@@ -909,7 +906,12 @@ void MainWindow::prefixMapDialog() {
   dialog.exec();
 }
 
-MainWindow* MainWindow::importSequence(const QString& path, int track, int channel) {
+bool MainWindow::isImported(const QString& path) {
+  const QString suffix = QFileInfo(path).suffix().toLower();
+  return suffix == "mid" || suffix == "midi" || suffix == "smf" || suffix == "vsq" || isScoreFile(path);
+}
+
+MainWindow* MainWindow::importSequence(const QString& path, int track, int channel, bool quiet) {
   const bool vsq = path.endsWith(".vsq", Qt::CaseInsensitive);
   const bool score = isScoreFile(path);
   CMIDIMan midi;
@@ -929,8 +931,9 @@ MainWindow* MainWindow::importSequence(const QString& path, int track, int chann
     const QString error = tr("Cannot import %1: %2").arg(path, reason);
     document->newProject();
     window->showMessage(error, true);
+    showMessage(error, true);
     if (window != this) window->close();
-    QMessageBox::warning(this, tr("Import"), error);
+    if (!quiet) QMessageBox::warning(this, tr("Import"), error);
     return nullptr;
   }
   if (!signatures.empty()) document->scale().unserializeText(signatures.c_str());

@@ -53,7 +53,10 @@ class MainWindow : public QMainWindow {
   // all), or a VSQ file's voice tracks, as a new unsaved project in this
   // window (which must be blank) or a new one. False with a message.
   // Returns the window it went to, or null.
-  MainWindow* importSequence(const QString& path, int track, int channel);
+  // With `quiet`, a failure is only in lastMessage(), no message box.
+  MainWindow* importSequence(const QString& path, int track, int channel, bool quiet = false);
+  // Whether a file is imported rather than opened (a score or a sequence).
+  static bool isImported(const QString& path);
   // Writes the project's notes as a VSQ or a standard MIDI file, by extension.
   bool exportSequence(const QString& path);
 
