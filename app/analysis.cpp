@@ -47,7 +47,7 @@ std::string loadFailure(const std::string& path) {
   const size_t dot = path.rfind('.');
   const std::string extension = dot == std::string::npos ? "" : path.substr(dot);
   if (extension != ".wav" && extension != ".aif" && extension != ".aiff") return "not a .wav, .aif or .aiff file";
-  return "not a readable 16-bit WAV or AIFF file";
+  return "not a readable WAV (PCM or floating point) or 16-bit AIFF file";
 }
 
 // Why a table just made is not on disk, or "" when it is: a table can be

@@ -98,7 +98,7 @@ int warnUnloadableSamples(CNoteMan& manager, int first, int last) {
     int32_t bytes = 0;
     int16_t* words = aiff ? loadAiffFile(path.c_str(), &format, 0, &bytes) : loadWaveFile(path.c_str(), &format, 0, &bytes);
     if (words == nullptr || format.channels < 1 || format.sampleRate == 0) {
-      fprintf(stderr, "warning: sample '%s' is not a readable 16-bit WAV or AIFF file; %d notes stay silent\n",
+      fprintf(stderr, "warning: sample '%s' is not a readable WAV (PCM or floating point) or 16-bit AIFF file; %d notes stay silent\n",
               path.c_str(), count);
       ++failed;
     }

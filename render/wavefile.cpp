@@ -3,9 +3,13 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "support/byteorder.h"
 #include "support/log.h"
@@ -58,6 +62,65 @@ class Reader {
   long long size_;
 };
 
+// Samples of 8, 24 or 32 bits, or floating point, as 16-bit words (read
+// through a buffer of a megabyte at most), rounded and held within range;
+// the format then says 16-bit PCM.
+int16_t* convertTo16(Reader& in, WaveFormat* format, uint32_t size, int bits, bool floating, int32_t padding,
+                     int32_t* dataBytes) {
+  const size_t width = static_cast<size_t>(bits) / 8, count = size / width;
+  const size_t channels = static_cast<size_t>(format->channels);
+  const size_t extra = channels * static_cast<size_t>(padding > 0 ? padding : 0);
+  if (count > static_cast<size_t>(INT32_MAX / 2)) return nullptr;
+  int16_t* samples = static_cast<int16_t*>(malloc((count + extra) * 2 + 2));
+  if (samples == nullptr) return nullptr;
+  std::vector<uint8_t> chunk(std::min<size_t>(count, 1 << 18) * width);
+  for (size_t done = 0; done < count;) {
+    const size_t n = std::min(count - done, chunk.size() / width);
+    if (fread(chunk.data(), width, n, in.file()) != n) {
+      free(samples);
+      return nullptr;
+    }
+    for (size_t k = 0; k < n; ++k) {
+      const uint8_t* b = &chunk[k * width];
+      double value;  // in 16-bit units
+      if (floating) {
+        if (bits == 32) {
+          uint32_t word = static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
+                          static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24;
+          float f;
+          memcpy(&f, &word, 4);
+          value = static_cast<double>(f) * 32768.0;
+        } else {
+          uint64_t word = 0;
+          for (int i = 7; i >= 0; --i) word = word << 8 | b[i];
+          double f;
+          memcpy(&f, &word, 8);
+          value = f * 32768.0;
+        }
+      } else if (bits == 8) {
+        value = (static_cast<int>(b[0]) - 128) * 256.0;  // 8-bit samples are unsigned
+      } else if (bits == 24) {
+        const int32_t word = static_cast<int32_t>(static_cast<uint32_t>(b[0]) << 8 | static_cast<uint32_t>(b[1]) << 16 |
+                                                  static_cast<uint32_t>(b[2]) << 24);
+        value = word / 65536.0;
+      } else {
+        const int32_t word = static_cast<int32_t>(static_cast<uint32_t>(b[0]) | static_cast<uint32_t>(b[1]) << 8 |
+                                                  static_cast<uint32_t>(b[2]) << 16 | static_cast<uint32_t>(b[3]) << 24);
+        value = word / 65536.0;
+      }
+      if (!(value == value)) value = 0.0;  // NaN
+      samples[done + k] = static_cast<int16_t>(std::lround(std::clamp(value, -32768.0, 32767.0)));
+    }
+    done += n;
+  }
+  format->formatTag = 1;
+  format->bitsPerSample = 16;
+  format->blockAlign = static_cast<uint16_t>(channels * 2);
+  format->byteRate = format->sampleRate * format->blockAlign;
+  if (dataBytes != nullptr) *dataBytes = static_cast<int32_t>(count * 2);
+  return samples;
+}
+
 }  // namespace
 
 int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int32_t* dataBytes) {
@@ -75,6 +138,7 @@ int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int
     return nullptr;
   }
   format->sampleRate = 0;
+  uint16_t subFormat = 1;
   for (;;) {
     uint32_t id = 0;
     if (!in.readId(&id)) return nullptr;  // the end came before any data chunk
@@ -88,8 +152,18 @@ int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int
       }
       format->chunkId = id;
       format->chunkSize = size;
+      long long read = 16;
+      // WAVE_FORMAT_EXTENSIBLE names its real format in the first two bytes
+      // of its sub-format GUID, 24 bytes into the extension.
+      subFormat = format->formatTag;
+      if (format->formatTag == 0xFFFE && size >= 40) {
+        uint8_t extension[24];
+        if (!in.read(extension, sizeof extension, false)) return nullptr;
+        subFormat = static_cast<uint16_t>(extension[8] | (extension[9] << 8));
+        read += sizeof extension;
+      }
       // A chunk of odd size is followed by a pad byte.
-      if (size + (size & 1) > 16 && !in.skip(static_cast<long long>(size) + (size & 1) - 16)) return nullptr;
+      if (size + (size & 1) > read && !in.skip(static_cast<long long>(size) + (size & 1) - read)) return nullptr;
     } else if (id == kData) {
       uint32_t size = 0;
       if (!in.read(&size, 4, false)) return nullptr;
@@ -99,6 +173,16 @@ int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int
       if (static_cast<long long>(size) > in.remaining()) {
         const uint32_t frame = std::max<uint32_t>(format->blockAlign, 2);
         size = static_cast<uint32_t>(in.remaining()) / frame * frame;
+      }
+      const int bits = format->bitsPerSample;
+      const bool pcm = (subFormat == 1 || subFormat == 0xFFFE) && (bits == 8 || bits == 24 || bits == 32);
+      const bool floating = subFormat == 3 && (bits == 32 || bits == 64);
+      if ((pcm || floating) && format->channels >= 1) {
+        return convertTo16(in, format, size, bits, floating, padding, dataBytes);
+      }
+      if (subFormat != 1 && subFormat != 0xFFFE) {
+        log_printf(1, "WAV format %d with %d bits is not read\n", subFormat, bits);
+        return nullptr;
       }
       const size_t bytes = static_cast<size_t>(format->blockAlign) * static_cast<size_t>(padding > 0 ? padding : 0) +
                            size;

@@ -15,7 +15,7 @@
 struct WaveFormat {
   uint32_t chunkId;     // "fmt "
   uint32_t chunkSize;   // 16 for AIFF
-  uint16_t formatTag;   // 1 = PCM (not checked on reading)
+  uint16_t formatTag;   // 1 = PCM
   int16_t channels;
   uint32_t sampleRate;  // frames per second
   uint32_t byteRate;    // bytes per second
@@ -24,7 +24,10 @@ struct WaveFormat {
 };
 
 // padding: extra frames (block align each) after the data, not cleared.
-// dataBytes: the data chunk's size in bytes.
+// dataBytes: the data's size in bytes as loaded. PCM of 8, 24 or 32 bits
+// and 32- or 64-bit floating point (plain or WAVE_FORMAT_EXTENSIBLE) are
+// converted to 16-bit words on loading (rounded, held within range), and
+// *format then says 16-bit PCM; other formats give null.
 int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int32_t* dataBytes);
 // padding: extra 16-bit words after the samples, zeroed. A stereo file
 // keeps both channels interleaved. Only 16-bit AIFF loads.

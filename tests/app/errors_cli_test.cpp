@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include <string>
 #include <vector>
@@ -86,7 +88,7 @@ TEST_F(Errors, OneClearLinePerProblemWithTheSystemsReason) {
                                    "[#0001]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n");
   RunResult run = runTona({"render", path, "-o", bank_.folder() + "o.wav"});
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.err.find("warning: sample '" + bank_.folder() + "b.wav' is not a readable 16-bit WAV or AIFF file; 1 "
+  EXPECT_NE(run.err.find("warning: sample '" + bank_.folder() + "b.wav' is not a readable WAV (PCM or floating point) or 16-bit AIFF file; 1 "
                          "notes stay silent\n"),
             std::string::npos)
       << run.err;
@@ -97,6 +99,42 @@ TEST_F(Errors, OneClearLinePerProblemWithTheSystemsReason) {
   RunResult noBank = runTona({"render", path, "--voice-dir", bank_.folder() + "nothing"});
   EXPECT_EQ(noBank.err.find("opendir"), std::string::npos) << noBank.err;
   EXPECT_EQ(lines(noBank.err), 1) << noBank.err;
+}
+
+TEST_F(Errors, SamplesOfOtherDepthsSingAsTheir16BitSelves) {
+  // The bank's sample as 32-bit floats (exact: every 16-bit word is a
+  // float) and as 24-bit words renders the same song as the 16-bit one.
+  const std::string path = project("[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n");
+  const std::string reference = bank_.folder() + "16.wav";
+  ASSERT_EQ(runTona({"render", path, "-o", reference, "--no-cache"}).status, 0);
+  const std::string original = readFile(bank_.folder() + "a.wav");
+  ASSERT_EQ(original.substr(36, 4), "data");
+  const std::string words = original.substr(44);
+  auto wave = [&](uint16_t tag, uint16_t bits, const std::string& data) {
+    auto le = [](uint32_t v, int n) { return std::string(reinterpret_cast<const char*>(&v), static_cast<size_t>(n)); };
+    const std::string fmt = le(tag, 2) + le(1, 2) + le(44100, 4) + le(44100u * bits / 8, 4) + le(bits / 8, 2) + le(bits, 2);
+    return "RIFF" + le(static_cast<uint32_t>(4 + 24 + 8 + data.size()), 4) + "WAVE" + "fmt " + le(16, 4) + fmt + "data" +
+           le(static_cast<uint32_t>(data.size()), 4) + data;
+  };
+  std::string asFloats, as24;
+  for (size_t k = 0; k + 1 < words.size(); k += 2) {
+    int16_t word;
+    memcpy(&word, words.data() + k, 2);
+    const float value = word / 32768.0f;
+    asFloats += std::string(reinterpret_cast<const char*>(&value), 4);
+    as24 += std::string(1, '\x5a') + words.substr(k, 2);  // a low byte that rounds away
+  }
+  for (const auto& [what, bytes] : {std::make_pair("float", wave(3, 32, asFloats)), std::make_pair("24-bit", wave(1, 24, as24))}) {
+    SCOPED_TRACE(what);
+    writeFile(bank_.folder() + "a.wav", bytes);
+    unlink((bank_.folder() + "a_wav.frq").c_str());
+    unlink((bank_.folder() + "a_wav.spef").c_str());
+    const std::string out = bank_.folder() + std::string(what) + ".wav";
+    RunResult run = runTona({"render", path, "-o", out, "--no-cache"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err.find("warning"), std::string::npos) << run.err;
+    EXPECT_EQ(readFile(out), readFile(reference));
+  }
 }
 
 TEST_F(Errors, EachFailureGetsItsTrueReasonAndAFailingStatus) {

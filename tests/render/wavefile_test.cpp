@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <memory>
 #include <cstring>
@@ -161,24 +162,56 @@ TEST_F(WaveFiles, HostileWavesFailCleanly) {
   EXPECT_EQ(loadWaveFile(dir_.file("absent.wav").c_str(), &format, 0, &dataBytes), nullptr);
 }
 
-TEST_F(WaveFiles, OtherDepthsLoadAsWords) {
+// A fmt chunk of any format tag; WAVE_FORMAT_EXTENSIBLE (0xFFFE) carries
+// `sub` in its GUID.
+std::string fmtOf(uint16_t tag, uint16_t channels, uint16_t bits, uint16_t sub = 0) {
+  const uint16_t align = static_cast<uint16_t>(channels * bits / 8);
+  std::string body = le16(tag) + le16(channels) + le32(44100) + le32(44100u * align) + le16(align) + le16(bits);
+  if (tag == 0xFFFE) body += le16(22) + le16(bits) + le32(0) + le16(sub) + std::string("\x00\x00\x00\x00\x10\x00\x80\x00\x00\xAA\x00\x38\x9B\x71", 14);
+  return "fmt " + le32(static_cast<uint32_t>(body.size())) + body;
+}
+
+std::string floats(const std::vector<float>& values) {
+  std::string bytes;
+  for (float v : values) bytes += std::string(reinterpret_cast<const char*>(&v), 4);
+  return bytes;
+}
+
+TEST_F(WaveFiles, OtherDepthsAndFloatsLoadAs16BitWords) {
+  const float nan = std::nanf("");
+  const double big = 3.0;
+  std::string doubles;
+  for (double v : {0.25, -big}) doubles += std::string(reinterpret_cast<const char*>(&v), 8);
+  const struct {
+    const char* what;
+    std::string fmt, data;
+    std::vector<int16_t> words;
+  } cases[] = {
+      {"8-bit, unsigned", fmtOf(1, 1, 8), std::string("\x80\x00\xff\x81", 4), {0, -32768, 32512, 256}},
+      {"24-bit", fmtOf(1, 1, 24), std::string("\xff\xff\x7f\x00\x00\x80\x80\x00\x00", 9), {32767, -32768, 1}},
+      {"32-bit", fmtOf(1, 2, 32), std::string("\x00\x80\x00\x00\x00\x00\x00\xc0", 8), {1, -16384}},
+      {"float", fmtOf(3, 1, 32), floats({0.5f, -1.0f, 1.5f, nan}), {16384, -32768, 32767, 0}},
+      {"double", fmtOf(3, 1, 64), doubles, {8192, -32768}},
+      {"extensible float", fmtOf(0xFFFE, 1, 32, 3), floats({-0.25f}), {-8192}},
+      {"extensible 24-bit", fmtOf(0xFFFE, 1, 24, 1), std::string("\x00\x01\x00", 3), {1}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    WaveFormat format;
+    memset(&format, 0, sizeof format);
+    int32_t dataBytes = 0;
+    Samples words = load(riff(c.fmt + "data" + le32(static_cast<uint32_t>(c.data.size())) + c.data), &format, &dataBytes);
+    ASSERT_NE(words, nullptr);
+    EXPECT_EQ(std::vector<int16_t>(words.get(), words.get() + dataBytes / 2), c.words);
+    EXPECT_EQ(format.bitsPerSample, 16);
+    EXPECT_EQ(format.blockAlign, format.channels * 2);
+  }
+  // What cannot be read gives nothing: ADPCM, a-law.
   WaveFormat format;
-  memset(&format, 0, sizeof format);
   int32_t dataBytes = 0;
-  // 8-bit: the bytes come back as they are; byte2double reads them.
-  Samples eight = load(riff(fmtChunk(1, 8000, 8) + "data" + le32(4) + std::string("\x80\x00\xff\x81", 4)), &format,
-                       &dataBytes);
-  ASSERT_NE(eight, nullptr);
-  EXPECT_EQ(format.bitsPerSample, 8);
-  double values[4];
-  byte2double(values, reinterpret_cast<const uint8_t*>(eight.get()), 99, 4);  // start is not used
-  EXPECT_EQ(values[0], 0.0);
-  EXPECT_EQ(values[1], -128.0);
-  EXPECT_EQ(values[2], 127.0);
-  byte2doubleR(values, reinterpret_cast<const uint8_t*>(eight.get()), 0, 1);
-  EXPECT_EQ(values[0], 0.0);
-  // 24-bit and zero channels load too: callers check the format.
-  EXPECT_NE(load(riff(fmtChunk(1, 44100, 24) + "data" + le32(6) + "abcdef"), &format, &dataBytes), nullptr);
+  EXPECT_EQ(load(riff(fmtOf(2, 1, 4) + "data" + le32(2) + "ab"), &format, &dataBytes), nullptr);
+  EXPECT_EQ(load(riff(fmtOf(6, 1, 8) + "data" + le32(2) + "ab"), &format, &dataBytes), nullptr);
+  // 16-bit with no channels loads: callers check the format.
   EXPECT_NE(load(riff(fmtChunk(0, 44100, 16) + "data" + le32(2) + "ab"), &format, &dataBytes), nullptr);
   EXPECT_EQ(format.channels, 0);
 }
