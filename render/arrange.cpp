@@ -12,6 +12,8 @@
 #include "engine/ctonm2.h"
 #include "render/resampler.h"
 #include "support/log.h"
+#include "voicebank/freqtable.h"
+#include "voicebank/spectrum.h"
 #include "voicebank/voiceset.h"
 
 namespace {
@@ -26,18 +28,27 @@ int64_t roundHalfUp(double x) { return static_cast<int64_t>(std::trunc(x + 0.5))
 // until done or a stop is requested.
 // What the cache key cannot see in the note: the length asked of the
 // resampler (the two drivers ask different lengths of the same note) and
-// the sample file itself (a bank whose samples were made again). The key
-// covers the serialized note, whose reserved word is otherwise always
-// zero, so a digest of both goes there on the copy that is resampled and
-// cached.
+// the files that decide the sound: the sample and its frequency and
+// spectrum tables (a bank made again, a table replaced, a sample edited
+// with its time put back). Each file counts by its identity, size, and
+// modification and change times; the change time cannot be set back. The
+// key covers the serialized note, whose reserved word is otherwise always
+// zero, so a digest of all this goes there on the copy that is resampled
+// and cached.
 void markRenderInputs(NoteData* copy, double lengthMs, const std::string& samplePath) {
   const float length = static_cast<float>(lengthMs);
-  uint64_t stamp[3] = {0, 0, 0};
-  struct stat info;
-  if (stat(samplePath.c_str(), &info) == 0) {
-    stamp[0] = static_cast<uint64_t>(info.st_size);
-    stamp[1] = static_cast<uint64_t>(info.st_mtim.tv_sec);
-    stamp[2] = static_cast<uint64_t>(info.st_mtim.tv_nsec);
+  const std::string files[4] = {samplePath, frequencyTablePath(samplePath.c_str(), "frq"),
+                                frequencyTablePath(samplePath.c_str(), "frt"), spectrumFilePath(samplePath.c_str())};
+  uint64_t stamp[4][6] = {};
+  for (int k = 0; k < 4; ++k) {
+    struct stat info;
+    if (stat(files[k].c_str(), &info) != 0) continue;
+    stamp[k][0] = static_cast<uint64_t>(info.st_ino);
+    stamp[k][1] = static_cast<uint64_t>(info.st_size);
+    stamp[k][2] = static_cast<uint64_t>(info.st_mtim.tv_sec);
+    stamp[k][3] = static_cast<uint64_t>(info.st_mtim.tv_nsec);
+    stamp[k][4] = static_cast<uint64_t>(info.st_ctim.tv_sec);
+    stamp[k][5] = static_cast<uint64_t>(info.st_ctim.tv_nsec);
   }
   uint32_t hash = 2166136261u;  // FNV-1a
   auto mix = [&hash](const void* data, size_t n) {
@@ -236,6 +247,7 @@ int16_t* ctonm2::arrange_note(int16_t* mix, double posMs, int32_t index, double 
     double* buffer = resamp(path.c_str(), &copy, static_cast<float>(lengthMs + 35.0), &count, noteTempo);
     if (buffer != nullptr && useCache && cachePut != nullptr) {
       log_printf(5, "put:\n");
+      markRenderInputs(&copy, lengthMs, path);  // the resampler may have made the tables
       cachePut(index, &copy, buffer, count * static_cast<int32_t>(sizeof(double)));
     }
     return std::make_pair(buffer, count);
@@ -316,6 +328,7 @@ ctonm2::RenderedNote ctonm2::resample_n(double posMs, int32_t index, double leng
     rendered.buffer = resamp(path.c_str(), &copy, static_cast<float>(lengthMs + 35.0), &rendered.count, noteTempo);
     if (rendered.buffer != nullptr && cachePut != nullptr) {
       log_printf(5, "put:\n");
+      markRenderInputs(&copy, lengthMs, path);  // the resampler may have made the tables
       cachePut(index, &copy, rendered.buffer, rendered.count * static_cast<int32_t>(sizeof(double)));
     }
   }

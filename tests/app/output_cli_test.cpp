@@ -1,5 +1,6 @@
 // What commands do with the files they are told to write.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -237,4 +238,39 @@ TEST_F(Outputs, AFifoWhereAFileBelongsIsNeverOpened) {
   EXPECT_EQ(runTona({"recover"}).out, "no recovery file\n");
   RunResult project = runTona({"render", bank_.folder() + "pipe.wav"});
   EXPECT_NE(project.status, 0);
+}
+
+TEST_F(Outputs, TheCacheKnowsWhenTheSampleOrItsTablesChange) {
+  // Each change in turn: a warm render (from the cache where it still
+  // holds) must equal a render without the cache.
+  VoiceSignal other;
+  other.f0 = 330.0;
+  other.seconds = 0.5;
+  other.writeWave(bank_.folder() + "b.wav");
+  ASSERT_EQ(runTona({"analyze", bank_.folder() + "b.wav", "--spectrum"}).status, 0);
+  const std::string warm = bank_.folder() + "warm.wav", cold = bank_.folder() + "cold.wav";
+  ASSERT_EQ(runTona({"render", project_, "-o", warm}).status, 0);
+  ASSERT_EQ(runTona({"render", project_, "-o", warm}).status, 0);  // the tables are there: from the cache now
+  std::string previous = readFile(warm);
+  auto check = [&](const char* what) {
+    SCOPED_TRACE(what);
+    ASSERT_EQ(runTona({"render", project_, "-o", warm}).status, 0);
+    ASSERT_EQ(runTona({"render", project_, "-o", cold, "--no-cache"}).status, 0);
+    EXPECT_EQ(readFile(warm), readFile(cold));
+    EXPECT_NE(readFile(warm), previous);
+    previous = readFile(warm);
+  };
+  auto copy = [&](const std::string& from, const std::string& to) { writeFile(bank_.folder() + to, readFile(bank_.folder() + from)); };
+  copy("b_wav.frq", "a_wav.frq");
+  check("another frequency table");
+  // The sample changed to the same size, its time put back.
+  const std::string sample = bank_.folder() + "a.wav";
+  struct stat before;
+  ASSERT_EQ(stat(sample.c_str(), &before), 0);
+  std::string bytes = readFile(sample);
+  for (size_t k = 44; k + 1 < bytes.size(); k += 2) std::swap(bytes[k], bytes[k + 1]);  // other words, same size
+  writeFile(sample, bytes);
+  const struct timespec times[2] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(utimensat(AT_FDCWD, sample.c_str(), times, 0), 0);
+  check("the sample edited, its time put back");
 }
