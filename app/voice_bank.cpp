@@ -92,6 +92,13 @@ int warnUnloadableSamples(CNoteMan& manager, int first, int last) {
       ++failed;
       continue;
     }
+    struct stat info;
+    if (stat(path.c_str(), &info) == 0 && info.st_size > static_cast<off_t>(kMaxSampleDataBytes) + (1 << 20)) {
+      fprintf(stderr, "warning: sample '%s' is over 256 MiB, longer than any voice; %d notes stay silent\n",
+              path.c_str(), count);
+      ++failed;
+      continue;
+    }
     const bool aiff = path.size() >= 5 && path.compare(path.size() - 5, 5, ".aiff") == 0;
     WaveFormat format;
     memset(&format, 0, sizeof format);

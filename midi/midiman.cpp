@@ -35,7 +35,7 @@ struct Track {
 
 // The whole file, checked: false with *error on a file that is not one.
 bool parseFile(const char* path, int32_t* format, int32_t* division, int32_t* trackCount, bool* timeCode,
-               std::vector<Track>* tracks, std::string* error) {
+               std::vector<Track>* tracks, std::string* error, size_t maxEvents) {
   CMIDIReader in;
   if (!in.open(path)) return *error = std::string("cannot open '") + path + "': " + strerror(errno), false;
   if (in.readHeader() != 1) return *error = "not a MIDI file (no MThd header)", false;
@@ -46,6 +46,7 @@ bool parseFile(const char* path, int32_t* format, int32_t* division, int32_t* tr
   if (*format == 2) return *error = "format 2 (independent patterns) is not imported", false;
   if (*division <= 0) return *error = "a division of 0 ticks per quarter", false;
   in.moveTo(14);
+  size_t events = 0;
   for (int32_t k = 0; k < *trackCount; ++k) {
     if (in.remaining() < 8) break;
     if (static_cast<uint32_t>(in.readInt2()) != midiTag("MTrk")) break;  // another chunk ends the tracks
@@ -71,6 +72,10 @@ bool parseFile(const char* path, int32_t* format, int32_t* division, int32_t* tr
       Event event{tick, message.status, message.data1, message.data2, ""};
       if (status == 0xFF && message.size > 0 && message.data != nullptr) {
         event.text.assign(reinterpret_cast<const char*>(message.data), static_cast<size_t>(message.size));
+      }
+      if (++events > maxEvents) {
+        *error = "more than " + std::to_string(maxEvents) + " events: no song is that long";
+        return false;
       }
       if (status == 0xFF && message.data1 == 0x05) track.hasLyrics = true;
       if (status == 0xFF && message.data1 == 0x03 && track.name.empty()) track.name = event.text;
@@ -218,7 +223,7 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
   std::vector<Track> tracks;
   bool timeCode = false;
   if (path == nullptr || man == nullptr ||
-      !parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) {
+      !parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_, maxEvents_)) {
     return -1;
   }
   const size_t noteTrack = format_ == 0 ? 0 : static_cast<size_t>(std::max(track, 0));
@@ -289,17 +294,19 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
   // Text events are lyrics in karaoke files: a track without lyric events
   // whose texts sit on note starts. Then only those texts are sung, never
   // a title or a copyright line before the song.
-  std::set<int64_t> noteStarts;  // the ticks where notes start
+  std::vector<int64_t> noteStarts;  // the ticks where notes start, in order (events are in time order)
   for (const Event& event : source.events) {
-    if ((event.status & 0xF0) == 0x90 && event.data2 > 0 && (channel < 0 || (event.status & 0x0F) == channel)) {
-      noteStarts.insert(event.tick);
+    if ((event.status & 0xF0) == 0x90 && event.data2 > 0 && (channel < 0 || (event.status & 0x0F) == channel) &&
+        (noteStarts.empty() || noteStarts.back() != event.tick)) {
+      noteStarts.push_back(event.tick);
     }
   }
+  auto startsThere = [&](int64_t tick) { return std::binary_search(noteStarts.begin(), noteStarts.end(), tick); };
   int textsOnStarts = 0, texts = 0;
   for (const Event& event : source.events) {
     if (event.status != 0xFF || event.data1 != 0x01) continue;
     ++texts;
-    textsOnStarts += noteStarts.count(event.tick) > 0 ? 1 : 0;
+    textsOnStarts += startsThere(event.tick) ? 1 : 0;
   }
   const bool karaoke = !source.hasLyrics && textsOnStarts > 0 && textsOnStarts * 2 >= texts &&
                        textsOnStarts * 2 >= static_cast<int>(noteStarts.size());
@@ -314,24 +321,24 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
   // (written before or after the note-on), else the note sounding then
   // (taken when that note ends), else the next note to start. Two on one
   // note: the last one.
-  std::map<int32_t, size_t> open;  // channel * 128 + key -> its note in `made`
-  std::map<int64_t, size_t> startedAt;  // tick -> the first note made there
+  std::vector<size_t> open(16 * 128, SIZE_MAX);  // channel * 128 + key -> its note in `made`
+  int64_t lastStartTick = -1;  // where the latest note started, and the first note made there
+  size_t firstAtLastStart = SIZE_MAX;
   std::string pending;
   size_t latestOpen = SIZE_MAX;
   for (size_t i = 0; i < source.events.size(); ++i) {
     const Event& event = source.events[i];
     if (event.status == 0xFF) {
       const bool sung = event.data1 == 0x01 && lyricsFromText &&
-                        (textLyrics_ == TextLyrics::kYes || noteStarts.count(event.tick) > 0);
+                        (textLyrics_ == TextLyrics::kYes || startsThere(event.tick));
       if (event.data1 != 0x05 && !sung) continue;
       std::string lyric = text(event.text);
       // Karaoke texts mark a new line with "/" and a new verse with "\".
       if (event.data1 == 0x01) lyric.erase(0, lyric.find_first_not_of("/\\"));
       if (lyric.empty()) continue;
-      const auto starting = startedAt.find(event.tick);
-      if (starting != startedAt.end()) {
-        made[starting->second].lyric = lyric;
-      } else if (noteStarts.count(event.tick) == 0 && latestOpen != SIZE_MAX) {
+      if (lastStartTick == event.tick) {
+        made[firstAtLastStart].lyric = lyric;
+      } else if (!startsThere(event.tick) && latestOpen != SIZE_MAX) {
         made[latestOpen].lyric = lyric;
       } else {
         pending = lyric;
@@ -340,20 +347,24 @@ int32_t CMIDIMan::importMIDIFile(const char* path, int32_t track, int32_t channe
     }
     const int32_t kind = event.status & 0xF0, eventChannel = event.status & 0x0F;
     if ((kind != 0x90 && kind != 0x80) || (channel >= 0 && eventChannel != channel)) continue;
-    const int32_t slot = eventChannel * 128 + event.data1;
+    const size_t slot = static_cast<size_t>(eventChannel * 128 + (event.data1 & 0x7F));
     // A note-off, a note-on of velocity 0, or a later note-on of the same
     // key ends the note sounding on that key.
-    const auto found = open.find(slot);
-    if (found != open.end()) {
-      made[found->second].end = event.tick;
-      if (latestOpen == found->second) latestOpen = SIZE_MAX;
-      open.erase(found);
+    if (open[slot] != SIZE_MAX) {
+      made[open[slot]].end = event.tick;
+      if (latestOpen == open[slot]) latestOpen = SIZE_MAX;
+      open[slot] = SIZE_MAX;
     }
     if (kind == 0x90 && event.data2 > 0) {
+      if (made.size() >= static_cast<size_t>(maxNotes_)) {
+        error_ = "more than " + std::to_string(maxNotes_) + " notes: no song has that many";
+        return -1;
+      }
       made.push_back({event.tick, -1, event.data1, event.data2, pending});
       pending.clear();
       open[slot] = latestOpen = made.size() - 1;
-      startedAt.emplace(event.tick, made.size() - 1);
+      if (lastStartTick != event.tick) firstAtLastStart = made.size() - 1;
+      lastStartTick = event.tick;
     }
   }
   // Notes never ended are dropped; a note with no lyric sings あ, and a
@@ -405,7 +416,7 @@ std::vector<std::string> CMIDIMan::getTrackList(const char* path) {
   std::vector<Track> tracks;
   bool timeCode = false;
   error_.clear();
-  if (!parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) return list;
+  if (!parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_, maxEvents_)) return list;
   TextReader text(charset_);
   for (size_t k = 0; k < tracks.size(); ++k) {
     int notes = 0;
@@ -423,7 +434,7 @@ std::vector<std::string> CMIDIMan::getChannelList(const char* path, int32_t trac
   std::vector<Track> tracks;
   bool timeCode = false;
   error_.clear();
-  if (!parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) return list;
+  if (!parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_, maxEvents_)) return list;
   if (track < 0 || static_cast<size_t>(track) >= tracks.size()) return list;
   int counts[16] = {0};
   for (const Event& event : tracks[static_cast<size_t>(track)].events) {
@@ -818,7 +829,7 @@ int32_t CMIDIMan::importVSQFile(const char* path, CNoteMan* man) {
   std::vector<Track> tracks;
   bool timeCode = false;
   if (path == nullptr || man == nullptr ||
-      !parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_)) {
+      !parseFile(path, &format_, &division_, &tracks_, &timeCode, &tracks, &error_, maxEvents_)) {
     return -1;
   }
   // Each track's sequence text: its "DM:nnnn:" events joined in counter order.

@@ -7,6 +7,8 @@
 // an INI-style text, with phonemes) are read and written as well.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -33,6 +35,15 @@ std::string continuingVowel(const std::string& lyric);
 
 class CMIDIMan {
  public:
+  // What a song can hold: files past these are refused with a reason.
+  static constexpr int32_t kMaxNotes = 1000000;
+  static constexpr size_t kMaxEvents = 8000000;
+  // Lower bounds than those, for a caller with its own (and for tests).
+  void setLimits(int32_t notes, size_t events) {
+    maxNotes_ = std::min(notes, kMaxNotes);
+    maxEvents_ = std::min(events, kMaxEvents);
+  }
+
   // How lyric and track-name texts are read: "" decides by the file's
   // bytes (valid UTF-8 with non-ASCII bytes: UTF-8, else Shift_JIS);
   // "utf-8" or "shift_jis" forces one.
@@ -99,6 +110,8 @@ class CMIDIMan {
   int64_t shift_ = -1;  // ticks a VSQ song moves back by; -1: each text decides
   std::string charset_;
   TextLyrics textLyrics_ = TextLyrics::kAuto;
+  int32_t maxNotes_ = kMaxNotes;
+  size_t maxEvents_ = kMaxEvents;
   std::string error_;
   std::vector<std::string> warnings_;
   int32_t format_ = 0;

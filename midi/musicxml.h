@@ -24,7 +24,7 @@ class CNoteMan;
 class CMusicXml {
  public:
   static constexpr int64_t kMaxScoreBytes = 64 << 20;
-  static constexpr int32_t kMaxNotes = 1 << 20;
+  static constexpr int32_t kMaxNotes = 1000000;  // as many as a MIDI file may bring
 
   struct Part {
     std::string id;

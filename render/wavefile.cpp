@@ -172,7 +172,11 @@ int16_t* loadWaveFile(const char* path, WaveFormat* format, int32_t padding, int
       // in whole frames.
       if (static_cast<long long>(size) > in.remaining()) {
         const uint32_t frame = std::max<uint32_t>(format->blockAlign, 2);
-        size = static_cast<uint32_t>(in.remaining()) / frame * frame;
+        size = static_cast<uint32_t>(std::min<long long>(in.remaining(), UINT32_MAX)) / frame * frame;
+      }
+      if (size > kMaxSampleDataBytes) {
+        log_printf(1, "the sample's data is over 256 MiB\n");
+        return nullptr;
       }
       const int bits = format->bitsPerSample;
       const bool pcm = (subFormat == 1 || subFormat == 0xFFFE) && (bits == 8 || bits == 24 || bits == 32);
@@ -250,7 +254,7 @@ int16_t* loadAiffFile(const char* path, WaveFormat* format, int32_t padding, int
       // four bytes of sound data stay unread: analysis tables made from AIFF
       // samples depend on this alignment.
       const long long words = static_cast<long long>(channels < 1 ? 1 : channels) * frames;
-      if (channels < 1 || words * 2 > in.remaining()) return nullptr;
+      if (channels < 1 || words * 2 > in.remaining() || words * 2 > kMaxSampleDataBytes) return nullptr;
       const size_t total = static_cast<size_t>(words + padding);
       samples = static_cast<int16_t*>(calloc(total > 0 ? total : 1, sizeof(int16_t)));
       if (samples == nullptr) return nullptr;

@@ -23,6 +23,10 @@ struct WaveFormat {
   uint16_t bitsPerSample;
 };
 
+// No voice sample is longer than this (50 minutes of 16-bit mono): a data
+// chunk over it is refused, so that a huge file cannot exhaust memory.
+constexpr uint32_t kMaxSampleDataBytes = 256u << 20;
+
 // padding: extra frames (block align each) after the data, not cleared.
 // dataBytes: the data's size in bytes as loaded. PCM of 8, 24 or 32 bits
 // and 32- or 64-bit floating point (plain or WAVE_FORMAT_EXTENSIBLE) are

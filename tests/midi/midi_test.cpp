@@ -253,6 +253,16 @@ TEST_F(Midi, BadFilesEndTheImportWithAReason) {
            {header(1, 0, 480), "no track"}}) {
     EXPECT_NE(import(file(bytes), 0).find(reason), std::string::npos) << reason << ": " << midi_.error();
   }
+  // A file past what a song holds: refused with the bound.
+  std::string many;
+  for (int k = 0; k < 40; ++k) many += d(0) + on(0, 60, 100) + d(10) + off(0, 60);
+  const std::string crowded = file(header(0, 1, 480) + chunk(many + kEnd));
+  midi_.setLimits(19, CMIDIMan::kMaxEvents);
+  EXPECT_NE(import(crowded, 0).find("more than 19 notes"), std::string::npos);
+  midi_.setLimits(CMIDIMan::kMaxNotes, 50);
+  EXPECT_NE(import(crowded, 0).find("more than 50 events"), std::string::npos);
+  midi_.setLimits(CMIDIMan::kMaxNotes, CMIDIMan::kMaxEvents);
+  EXPECT_EQ(import(crowded, 0).rfind("error", 0), std::string::npos);
   // A huge meta length is cut to the file.
   const std::string huge = header(1, 1, 480) + chunk(d(0) + std::string("\xff\x05\x8f\xff\xff\x7f", 6) + "la");
   EXPECT_EQ(import(file(huge), 0).rfind("error", 0), 0u);

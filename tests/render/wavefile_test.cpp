@@ -1,6 +1,7 @@
 #include "render/wavefile.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -160,6 +161,13 @@ TEST_F(WaveFiles, HostileWavesFailCleanly) {
   EXPECT_EQ(load(riff("junk" + le32(0x7FFFFFF0) + "data" + le32(2) + "ab"), &format, &dataBytes), nullptr);
   EXPECT_EQ(load(riff("fmt " + le32(0xFFFFFF00) + fmtChunk(1, 44100, 16).substr(8)), &format, &dataBytes), nullptr);
   EXPECT_EQ(loadWaveFile(dir_.file("absent.wav").c_str(), &format, 0, &dataBytes), nullptr);
+  // Data over 256 MiB (a sparse file: nothing is written) is refused
+  // before anything is allocated.
+  const std::string huge = dir_.file("huge.wav");
+  const uint32_t size = kMaxSampleDataBytes + 2;
+  ASSERT_TRUE(writeFile(huge, riff(fmtChunk(1, 44100, 16) + "data" + le32(size))));
+  ASSERT_EQ(truncate(huge.c_str(), 44 + static_cast<off_t>(size)), 0);
+  EXPECT_EQ(loadWaveFile(huge.c_str(), &format, 0, &dataBytes), nullptr);
 }
 
 // A fmt chunk of any format tag; WAVE_FORMAT_EXTENSIBLE (0xFFFE) carries
