@@ -126,6 +126,7 @@ int runInfo(int argc, char** argv) {
   }
   long long start = 0, songEnd = 0;
   float pendingTempo = 0.0f;
+  const TickTimeline timeline(engine);  // the time of each position without walking the song each time
   for (int32_t i = 0; i < engine.noteCount; ++i) {
     const NoteData& note = engine.notes[i];
     start += note.Delta;
@@ -139,7 +140,7 @@ int runInfo(int argc, char** argv) {
     songEnd = std::max(songEnd, start + length);
     const float tempo = note.Tempo != 0.0f ? note.Tempo : pendingTempo;
     pendingTempo = 0.0f;
-    const double at = manager.Ticks2MSec(start), end = manager.Ticks2MSec(start + length);
+    const double at = timeline.msec(start), end = timeline.msec(start + length);
     char tempoText[32] = "";
     if (tempo != 0.0f) snprintf(tempoText, sizeof tempoText, "%.2f", tempo);
     // Pad the lyric by its width on screen, not its bytes, so kana line up.
@@ -151,7 +152,7 @@ int runInfo(int argc, char** argv) {
     printf("%-8s %8lld %9s %7lld %7.2f  %s %-4d%-5s %s\n", section, start, clockText(at).c_str(), length,
            (end - at) / 1000.0, lyric.c_str(), note.NoteNum, rest ? "" : noteName(note.NoteNum).c_str(), tempoText);
   }
-  printf("length:          %s\n", clockText(manager.Ticks2MSec(songEnd)).c_str());  // the end of the last note
+  printf("length:          %s\n", clockText(timeline.msec(songEnd)).c_str());  // the end of the last note
   return kExitOk;
 }
 

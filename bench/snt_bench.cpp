@@ -1,5 +1,6 @@
 // Opening a generated 10,000-note project as the editor does, in the
-// UTF-8 2.0 form and in the Shift_JIS 1.2 form (texts converted).
+// UTF-8 2.0 form and in the Shift_JIS 1.2 form (texts converted); the
+// time of every note of a 100,000-note project as tona info lists it.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -42,6 +43,28 @@ void BM_OpenProject(benchmark::State& state) {
   }
   unlink(path.c_str());
 }
+
+// Opening a 100,000-note project (a tempo change every 50 notes) and the
+// start and end time of every note, as tona info lists them.
+void BM_NoteTimesOf100000Notes(benchmark::State& state) {
+  const std::string path = writeProject(100000, false);
+  CScaleMan scale;
+  CNoteMan manager(&scale);
+  for (auto _ : state) {
+    manager.openSnt(path.c_str(), "/banks");
+    const ctonm2& engine = *manager.engine();
+    const TickTimeline timeline(engine);
+    int64_t start = 0;
+    double sum = 0.0;
+    for (int32_t i = 0; i < engine.noteCount; ++i) {
+      start += engine.notes[i].Delta;
+      sum += timeline.msec(start) + timeline.msec(start + engine.notes[i].Length);
+    }
+    benchmark::DoNotOptimize(sum);
+  }
+  unlink(path.c_str());
+}
+BENCHMARK(BM_NoteTimesOf100000Notes)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

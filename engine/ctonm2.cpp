@@ -1,5 +1,6 @@
 #include "engine/ctonm2.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -294,6 +295,39 @@ float ctonm2::ticks2msec(int32_t ticks) {
   }
   if (remaining < 1.0) return static_cast<float>(elapsed);
   return static_cast<float>(elapsed + remaining * 125.0 / t);
+}
+
+TickTimeline::TickTimeline(const ctonm2& engine) : engine_(engine), tempo_(engine.tempo) {
+  const size_t n = static_cast<size_t>(std::max(engine.noteCount, 0));
+  starts_.resize(n);
+  elapsed_.resize(n);
+  tempoAfter_.resize(n);
+  double t = engine.tempo, elapsed = 0.0;
+  int64_t position = 0;
+  for (size_t i = 0; i < n; ++i) {
+    const NoteData& note = engine.notes[i];
+    elapsed += note.Delta * 125.0 / t;
+    position += note.Delta;
+    if (note.Tempo != 0.0f) t = note.Tempo;
+    starts_[i] = position;
+    elapsed_[i] = elapsed;
+    tempoAfter_[i] = t;
+    sorted_ = sorted_ && (i == 0 || position >= starts_[i - 1]);
+  }
+}
+
+float TickTimeline::msec(int64_t ticks) const {
+  // Notes out of time order (a negative Delta): only the walk itself.
+  if (!sorted_) return const_cast<ctonm2&>(engine_).ticks2msec(static_cast<int32_t>(std::clamp<int64_t>(ticks, INT32_MIN, INT32_MAX)));
+  // As ticks2msec walks: the first note whose start is at or past `ticks`,
+  // counted from the note before it.
+  const int32_t clamped = static_cast<int32_t>(std::clamp<int64_t>(ticks, INT32_MIN, INT32_MAX));
+  const size_t i = static_cast<size_t>(std::lower_bound(starts_.begin(), starts_.end(), clamped) - starts_.begin());
+  const double before = i == 0 ? 0.0 : elapsed_[i - 1];
+  const double t = i == 0 ? tempo_ : tempoAfter_[i - 1];
+  const double remaining = static_cast<double>(clamped) - static_cast<double>(i == 0 ? 0 : starts_[i - 1]);
+  if (i == starts_.size() && remaining < 1.0) return static_cast<float>(before);
+  return static_cast<float>(before + remaining * 125.0 / t);
 }
 
 int32_t ctonm2::msec2ticks(double msec) {

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <vector>
 #include <cstdio>
 
 #include "engine/notedata.h"
@@ -263,4 +264,22 @@ class ctonm2 {
 
   char* audioTrack = nullptr;     // owned
   cvoiceset* voiceset = nullptr;  // not owned
+};
+
+// ticks2msec for many positions of one song: the note starts, the time at
+// each and the tempo after it, taken once (linear), then each position in
+// logarithmic time with the very same arithmetic, so the results are
+// those of ticks2msec to the bit. The song must not change meanwhile.
+class TickTimeline {
+ public:
+  explicit TickTimeline(const ctonm2& engine);  // kept by reference
+  float msec(int64_t ticks) const;
+
+ private:
+  std::vector<int64_t> starts_;   // note i's start
+  std::vector<double> elapsed_;   // msec at note i's start
+  std::vector<double> tempoAfter_;  // the tempo from note i's start on
+  const ctonm2& engine_;
+  double tempo_;
+  bool sorted_ = true;
 };

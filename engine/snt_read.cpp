@@ -351,28 +351,40 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
   }
 
   // Tempo changes move onto rest records of length 0 placed before their
-  // notes; a sounding note never carries a tempo after reading.
-  for (int32_t i = 0; i < noteCount;) {
-    NoteData& current = notes[i];
-    if (is_r(current.Lyric)) {
-      current.Length = 0;
-      ++i;
-    } else if (current.Tempo > 0.0f) {
-      NoteData change;
-      memset(&change, 0, sizeof change);
-      change.Tempo = current.Tempo;
-      change.NoteNum = 48;
-      change.Delta = current.Delta;
-      current.Delta = 0;
-      current.Tempo = 0.0f;
-      if (insert_note(i, &change) < 0) {
-        log_printf(1, "Not enough memories(read snt-file)\n");
-        break;
-      }
-      i += 2;
-    } else {
-      ++i;
+  // notes; a sounding note never carries a tempo after reading. The list is
+  // made anew in one pass (inserting each record would move the rest of
+  // the song every time).
+  int32_t changes = 0;
+  for (int32_t i = 0; i < noteCount; ++i) {
+    if (is_r(notes[i].Lyric)) {
+      notes[i].Length = 0;
+    } else if (notes[i].Tempo > 0.0f) {
+      ++changes;
     }
+  }
+  if (changes > 0) {
+    NoteData* moved = static_cast<NoteData*>(malloc(sizeof(NoteData) * static_cast<size_t>(noteCount + changes)));
+    if (moved == nullptr) {
+      log_printf(1, "Not enough memories(read snt-file)\n");
+      return count;
+    }
+    int32_t out = 0;
+    for (int32_t i = 0; i < noteCount; ++i) {
+      NoteData& current = notes[i];
+      if (!is_r(current.Lyric) && current.Tempo > 0.0f) {
+        NoteData& change = moved[out++];
+        memset(&change, 0, sizeof change);
+        change.Tempo = current.Tempo;
+        change.NoteNum = 48;
+        change.Delta = current.Delta;
+        current.Delta = 0;
+        current.Tempo = 0.0f;
+      }
+      memcpy(&moved[out++], &current, sizeof current);
+    }
+    free(notes);
+    notes = moved;
+    noteCount = out;
   }
   return count;
 }

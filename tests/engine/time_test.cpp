@@ -2,6 +2,8 @@
 // 62.5 give exactly 1 and 2 msec per tick, so results are exact in floats.
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "engine/ctonm2.h"
 #include "tests/engine/notes.h"
 
@@ -87,4 +89,26 @@ TEST(TimeConversion, NoteRelativeMsecFollowTempoChangesBothWays) {
   // A negative tempo is ignored here, as in get_tempo.
   engine.notes[1].Tempo = -62.5f;
   EXPECT_EQ(engine.msec2ticks(1440.0f, 0), 1440);
+}
+
+TEST(TimeConversion, TheTimelineGivesTicks2MsecToTheBit) {
+  // Random songs: notes on one tick, rests, tempo changes (some negative),
+  // a negative Delta now and then (the walk then decides); every position
+  // from before the first note to past the last.
+  std::mt19937 random(7);
+  for (int song = 0; song < 40; ++song) {
+    ctonm2 engine;
+    engine.tempo = 60.0f + static_cast<float>(random() % 140);
+    const int notes = static_cast<int>(random() % 30);
+    for (int i = 0; i < notes; ++i) {
+      const int delta = song % 10 == 9 && i == 3 ? -100 : static_cast<int>(random() % 4) * 120;
+      NoteData note = makeNote("a", 60, delta, 240);
+      if (random() % 5 == 0) note.Tempo = (random() % 7 == 0 ? -1.0f : 1.0f) * (40.0f + static_cast<float>(random() % 200));
+      engine.insert_note(engine.noteCount, &note);
+    }
+    const TickTimeline timeline(engine);
+    for (int64_t tick = -200; tick < 4000; tick += 7) {
+      ASSERT_EQ(timeline.msec(tick), engine.ticks2msec(static_cast<int32_t>(tick))) << "song " << song << ", tick " << tick;
+    }
+  }
 }
