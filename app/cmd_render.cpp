@@ -188,6 +188,24 @@ int runRender(int argc, char** argv) {
     return kExitFailure;
   }
   warnUnloadableSamples(manager, first, last);
+  // A song a render cannot hold is refused before anything is rendered.
+  {
+    const TickTimeline timeline(engine);
+    int64_t position = 0;
+    double beginMs = -1.0, endMs = 0.0;
+    for (int32_t i = 0; i <= last; ++i) {
+      position += engine.notes[i].Delta;
+      if (i < first) continue;
+      if (beginMs < 0.0) beginMs = timeline.msec(position);
+      endMs = std::max<double>(endMs, timeline.msec(position + engine.notes[i].Length));
+    }
+    const double limitMs = ctonm2::kMaxMixSamples / 44.1 - 10000.0;  // room for the lead and the last note's tail
+    if (endMs - beginMs > limitMs) {
+      fprintf(stderr, "tona render: the song lasts %s, longer than one render holds (%s); render it in parts with "
+              "--from and --to\n", clockText(endMs - beginMs).c_str(), clockText(limitMs).c_str());
+      return kExitFailure;
+    }
+  }
 
   interruptedEngine = &engine;
   struct sigaction action;
@@ -216,6 +234,14 @@ int runRender(int argc, char** argv) {
     free(block);
     fprintf(stderr, "tona render: stopped; nothing written\n");
     return 130;
+  }
+  bool sounding = false;
+  for (int32_t i = std::max(first, 0); i <= last && !sounding; ++i) {
+    sounding = !ctonm2::is_r(engine.notes[i].Lyric) && engine.notes[i].VoiceFile != nullptr;
+  }
+  if (block == nullptr && sounding) {
+    fprintf(stderr, "tona render: not enough memory for the song's mix\n");
+    return kExitFailure;
   }
   if (block == nullptr) {
     fprintf(stderr, "tona render: nothing to render (no sounding note)\n");

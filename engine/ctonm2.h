@@ -14,6 +14,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdint>
 #include <vector>
 #include <cstdio>
@@ -94,6 +95,10 @@ class ctonm2 {
   void set_audioTrack(const char* text);
   // Empties the project (texts, notes); keeps the buffers and the tempo.
   void free_snt();
+
+  // The most samples a render's mix holds: it is one WAV image in memory
+  // whose size fits an int32 (6 h 45 min at 44.1 kHz).
+  static constexpr int32_t kMaxMixSamples = (INT32_MAX - 48) / 2;
 
   // --- Time ----------------------------------------------------------------
   // Absolute tick position to msec, across every tempo change (a negative

@@ -102,7 +102,14 @@ void markRunning(std::atomic<int32_t>& state) {
 }
 
 uint8_t* allocateMix(double length, int32_t* samples) {
-  *samples = static_cast<int32_t>(length * 0.001 * 44100.0 + 1.0);
+  // The mix is one in-memory WAV image whose size is an int32.
+  const double wanted = length * 0.001 * 44100.0 + 1.0;
+  if (!(wanted <= static_cast<double>(ctonm2::kMaxMixSamples))) {
+    *samples = 0;
+    log_printf(1, "the song is longer than a render holds\n");
+    return nullptr;
+  }
+  *samples = static_cast<int32_t>(wanted);
   uint8_t* block = static_cast<uint8_t*>(calloc(static_cast<size_t>(*samples) * 2 + kHeadBytes, 1));
   if (block == nullptr) log_printf(1, "Not enough memories(render)\n");
   return block;
