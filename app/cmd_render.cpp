@@ -237,7 +237,7 @@ int runRender(int argc, char** argv) {
   }
   bool sounding = false;
   for (int32_t i = std::max(first, 0); i <= last && !sounding; ++i) {
-    sounding = !ctonm2::is_r(engine.notes[i].Lyric) && engine.notes[i].VoiceFile != nullptr;
+    sounding = !ctonm2::is_r(engine.notes[i].Lyric) && engine.notes[i].VoiceFile != nullptr && engine.notes[i].Length > 0;
   }
   if (block == nullptr && sounding) {
     fprintf(stderr, "tona render: not enough memory for the song's mix\n");

@@ -238,6 +238,7 @@ class ctonm2 {
   std::atomic<int32_t> renderState{0};
   double leadTime = 0.0;     // msec, the first note's Delta
   double totalLength = 0.0;  // msec, the last note's end
+  std::vector<int32_t> inertRunEnd_;  // while preparing: where each run of inert notes ends
   double* prevBuffer = nullptr;  // previous note's rendered samples (owned)
   double prevLengthMs = 0.0;
   int32_t prevCount = 0;

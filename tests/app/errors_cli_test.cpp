@@ -137,6 +137,28 @@ TEST_F(Errors, SamplesOfOtherDepthsSingAsTheir16BitSelves) {
   }
 }
 
+TEST_F(Errors, NotesOfNoLengthSingNothing) {
+  // A thousand notes of length 0 on the first note's tick: the song as
+  // without them (they cost nothing either).
+  std::string crowd;
+  for (int k = 0; k < 1000; ++k) {
+    char section[96];
+    snprintf(section, sizeof section, "[#%04d]\nDelta=0\nDuration=0\nLyric=a\nNoteNum=60\n", k + 1);
+    crowd += section;
+  }
+  const std::string two = "[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n";
+  const std::string last = "[#1001]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=62\n";
+  const std::string plain = project(two + last), plainOut = bank_.folder() + "plain.wav";
+  ASSERT_EQ(runTona({"render", plain, "-o", plainOut, "--no-cache"}).status, 0);
+  const std::string crowded = project(two + crowd + last), crowdedOut = bank_.folder() + "crowded.wav";
+  RunResult run = runTona({"render", crowded, "-o", crowdedOut, "--no-cache", "--jobs", "2"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(readFile(crowdedOut), readFile(plainOut));
+  RunResult single = runTona({"render", crowded, "-o", crowdedOut, "--no-cache", "--jobs", "1"});
+  ASSERT_EQ(single.status, 0) << single.err;
+  EXPECT_EQ(readFile(crowdedOut), readFile(plainOut));
+}
+
 TEST_F(Errors, EachFailureGetsItsTrueReasonAndAFailingStatus) {
   const std::string path = project("[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n");
   const std::string tona = TONA_BINARY, err = bank_.folder() + "err.txt";
