@@ -283,6 +283,20 @@ const std::vector<int64_t>& EditorDocument::starts() {
   return starts_;
 }
 
+float EditorDocument::tempoOf(int32_t index) {
+  ctonm2& e = engine();
+  if (temposRevision_ != revision_ || tempos_.size() != static_cast<size_t>(e.noteCount)) {
+    tempos_.resize(static_cast<size_t>(e.noteCount));
+    float tempo = e.tempo;
+    for (int32_t i = 0; i < e.noteCount; ++i) {
+      if (e.notes[i].Tempo > 0.0f) tempo = e.notes[i].Tempo;
+      tempos_[static_cast<size_t>(i)] = tempo;
+    }
+    temposRevision_ = revision_;
+  }
+  return index >= 0 && index < e.noteCount ? tempos_[static_cast<size_t>(index)] : e.tempo;
+}
+
 int64_t EditorDocument::lengthTicks() {
   const std::vector<int64_t>& s = starts();
   int64_t end = 0;

@@ -106,6 +106,9 @@ class EditorDocument : public QObject, private UndoView {
   const std::vector<Curve>& curves() const { return curves_; }
   // The end of the last note in ticks.
   int64_t lengthTicks();
+  // The tempo in force at note `index` (as ctonm2::get_tempo, kept for the
+  // revision: the views ask for every note they draw).
+  float tempoOf(int32_t index);
   // By note index: whether the note starts where another sounding note of
   // its layer starts, on the same pitch (one hides the other).
   const std::vector<bool>& stacked();
@@ -140,6 +143,8 @@ class EditorDocument : public QObject, private UndoView {
   uint64_t startsRevision_ = 0;
   uint64_t pitchRevision_ = 0;
   std::vector<int64_t> starts_;
+  uint64_t temposRevision_ = 0;
+  std::vector<float> tempos_;
   std::vector<Curve> curves_;
   uint64_t stackedRevision_ = 0;
   std::vector<bool> stacked_;

@@ -1,5 +1,7 @@
 #include "ui/views/handles.h"
 
+#include "ui/shell/document.h"
+
 #include <algorithm>
 
 #include "ui/views/timescale.h"
@@ -47,13 +49,13 @@ std::vector<EnvelopePoint> envelopePoints(const float* env, double lenMs) {
   return points;
 }
 
-double noteLengthMs(ctonm2& engine, int32_t index) {
-  const NoteData* note = engine.get_note(index);
-  return note != nullptr ? note->Length * 125.0 / engine.get_tempo(index) : 0.0;
+double noteLengthMs(EditorDocument& document, int32_t index) {
+  const NoteData* note = document.engine().get_note(index);
+  return note != nullptr ? note->Length * 125.0 / document.tempoOf(index) : 0.0;
 }
 
-double pixelsPerMs(ctonm2& engine, int32_t index, const TimeScale& scale) {
-  return engine.get_tempo(index) / 125.0 * scale.pixelsPerTick();
+double pixelsPerMs(EditorDocument& document, int32_t index, const TimeScale& scale) {
+  return document.tempoOf(index) / 125.0 * scale.pixelsPerTick();
 }
 
 VibratoBox vibratoBox(ctonm2& engine, int32_t index, const QRectF& noteBox, const TimeScale& scale) {

@@ -10,6 +10,7 @@
 
 #include "engine/ctonm2.h"
 
+class EditorDocument;
 class TimeScale;
 
 // A point of a curve: msec from the note's start, and its value (cents
@@ -40,8 +41,8 @@ std::vector<EnvelopePoint> envelopePoints(const float* env, double lenMs);
 
 // The note's length in msec at the tempo in force at it, and its pixels per
 // msec on the scale.
-double noteLengthMs(ctonm2& engine, int32_t index);
-double pixelsPerMs(ctonm2& engine, int32_t index, const TimeScale& scale);
+double noteLengthMs(EditorDocument& document, int32_t index);
+double pixelsPerMs(EditorDocument& document, int32_t index, const TimeScale& scale);
 
 // The vibrato box of a note on screen (an empty rectangle when it has
 // none): its horizontal span is the vibrato's length at the note's end,

@@ -497,7 +497,7 @@ QPointF PianoRoll::pitchPointPosition(int index, int point) {
   const std::vector<CurvePoint> points = pitchPoints(engine, index);
   if (point < 0 || static_cast<size_t>(point) >= points.size()) return QPointF();
   const QRectF box = noteRect(index);
-  const double ppm = pixelsPerMs(engine, index, *scale_);
+  const double ppm = pixelsPerMs(*document_, index, *scale_);
   return QPointF(box.x() + points[static_cast<size_t>(point)].ms * ppm,
                  box.center().y() - points[static_cast<size_t>(point)].value / 100.0 * scale_->rowHeight());
 }
@@ -602,7 +602,7 @@ void PianoRoll::contextMenuEvent(QContextMenuEvent* event) {
   const std::vector<CurvePoint> points = pitchPoints(document_->engine(), index);
   // The point left of the mouse: new points go after it; its segment is
   // the one whose shape changes.
-  const double ms = (event->pos().x() - noteRect(index).x()) / pixelsPerMs(document_->engine(), index, *scale_);
+  const double ms = (event->pos().x() - noteRect(index).x()) / pixelsPerMs(*document_, index, *scale_);
   int before = -1;
   for (size_t k = 0; k < points.size(); ++k) {
     if (points[k].ms <= ms) before = static_cast<int>(k);

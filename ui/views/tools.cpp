@@ -234,7 +234,7 @@ void SelectTool::applyHandle(const QPoint& point) {
   if (note == nullptr) return;
   restoreHandle();
   const TimeScale& scale = *roll_.timeScale();
-  const double ppm = pixelsPerMs(engine, handleNote_, scale);
+  const double ppm = pixelsPerMs(*roll_.document(), handleNote_, scale);
   const double dMs = (point.x() - origin_.x()) / ppm;
   const double dCents = -(point.y() - origin_.y()) * 100.0 / scale.rowHeight();
   const QRectF box = roll_.noteRect(handleNote_);

@@ -45,10 +45,10 @@ QPointF ValuePane::envelopePointPosition(int index, int point) {
   ctonm2& engine = document_->engine();
   const NoteData* note = engine.get_note(index);
   if (note == nullptr) return QPointF();
-  const std::vector<EnvelopePoint> points = envelopePoints(note->Envelope, noteLengthMs(engine, index));
+  const std::vector<EnvelopePoint> points = envelopePoints(note->Envelope, noteLengthMs(*document_, index));
   if (point < 0 || static_cast<size_t>(point) >= points.size()) return QPointF();
   const double x0 = scale_->tickToX(static_cast<double>(document_->starts()[static_cast<size_t>(index)]));
-  return QPointF(x0 + points[static_cast<size_t>(point)].ms * pixelsPerMs(engine, index, *scale_),
+  return QPointF(x0 + points[static_cast<size_t>(point)].ms * pixelsPerMs(*document_, index, *scale_),
                  levelToY(points[static_cast<size_t>(point)].level));
 }
 
@@ -99,7 +99,7 @@ void ValuePane::paintEvent(QPaintEvent*) {
       p.fillRect(QRectF(x0, y, bar, levelToY(0) - y), colour);
       continue;
     }
-    const std::vector<EnvelopePoint> points = envelopePoints(note.Envelope, noteLengthMs(engine, i));
+    const std::vector<EnvelopePoint> points = envelopePoints(note.Envelope, noteLengthMs(*document_, i));
     QPolygonF line;
     for (size_t k = 0; k < points.size(); ++k) line << envelopePointPosition(i, static_cast<int>(k));
     QPolygonF area = line;
@@ -133,7 +133,7 @@ void ValuePane::mousePressEvent(QMouseEvent* event) {
     double best = 1e9;
     for (int32_t i = 0; i < engine.noteCount; ++i) {
       if (ctonm2::is_r(engine.notes[i].Lyric)) continue;
-      const size_t count = envelopePoints(engine.notes[i].Envelope, noteLengthMs(engine, i)).size();
+      const size_t count = envelopePoints(engine.notes[i].Envelope, noteLengthMs(*document_, i)).size();
       for (size_t k = 1; k + 1 < count; ++k) {
         const QPointF p = envelopePointPosition(i, static_cast<int>(k));
         const double distance = std::hypot(p.x() - at.x(), p.y() - at.y());
@@ -173,9 +173,9 @@ void ValuePane::applyDrag(const QPointF& point) {
     }
   } else {
     memcpy(note->Envelope, savedEnvelope_, sizeof savedEnvelope_);
-    const std::vector<EnvelopePoint> points = envelopePoints(note->Envelope, noteLengthMs(engine, dragNote_));
+    const std::vector<EnvelopePoint> points = envelopePoints(note->Envelope, noteLengthMs(*document_, dragNote_));
     const EnvelopePoint& held = points[static_cast<size_t>(dragPoint_)];
-    const double dMs = (point.x() - origin_.x()) / pixelsPerMs(engine, dragNote_, *scale_);
+    const double dMs = (point.x() - origin_.x()) / pixelsPerMs(*document_, dragNote_, *scale_);
     // Points counted from the start lengthen their own step; points counted
     // from the end shorten theirs when moved right.
     const double duration = savedEnvelope_[held.pSlot] + (held.fromEnd ? -dMs : dMs);
