@@ -61,6 +61,16 @@ bool endsWith(const std::string& text, const char* tail) {
   return text.size() >= n && strcasecmp(text.c_str() + text.size() - n, tail) == 0;
 }
 
+// An import's output: given, not the input, a project. The exit status to
+// return at once, or -1 when it is fine.
+int importOutputProblem(const Command& command, const std::string& output, const std::string& input) {
+  if (output.empty()) return usageError(command, "no output file given (-o OUT.snt)");
+  const std::string problem = outputProblem(output, {input}, {".snt"});
+  if (problem.empty()) return -1;
+  fprintf(stderr, "tona import: %s\n", problem.c_str());
+  return kExitUsage;
+}
+
 bool isScore(const std::string& path) {
   return endsWith(path, ".musicxml") || endsWith(path, ".xml") || endsWith(path, ".mxl");
 }
@@ -100,12 +110,8 @@ int importScore(const Command& command, const std::string& input, const std::str
     }
     return kExitOk;
   }
-  if (output.empty()) return usageError(command, "no output file given (-o OUT.snt)");
-  const std::string problem = outputProblem(output, {input}, {".snt"});
-  if (!problem.empty()) {
-    fprintf(stderr, "tona import: %s\n", problem.c_str());
-    return kExitUsage;
-  }
+  const int refused = importOutputProblem(command, output, input);
+  if (refused >= 0) return refused;
   const int32_t chosen = part > 0 ? static_cast<int32_t>(part - 1) : score.defaultPart();
   CScaleMan scale;
   CNoteMan manager(&scale);
@@ -181,12 +187,8 @@ int runImport(int argc, char** argv) {
     }
     return kExitOk;
   }
-  if (output.empty()) return usageError(command, "no output file given (-o OUT.snt)");
-  const std::string problem = outputProblem(output, {input}, {".snt"});
-  if (!problem.empty()) {
-    fprintf(stderr, "tona import: %s\n", problem.c_str());
-    return kExitUsage;
-  }
+  const int refused = importOutputProblem(command, output, input);
+  if (refused >= 0) return refused;
   if (track < 0 && !vsq) track = CMIDIMan::defaultTrack(midi.getTrackList(input.c_str()));
 
   CScaleMan scale;

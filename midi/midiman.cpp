@@ -13,6 +13,7 @@
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "midi/midifile.h"
+#include "midi/note_appender.h"
 #include "midi/vsqtable.h"
 #include "support/multibyte.h"
 #include "support/textcopy.h"
@@ -131,45 +132,6 @@ double bpmOf(const Event& event) {
   const int64_t micros = (int64_t(b[0]) << 16) | (int64_t(b[1]) << 8) | b[2];
   return micros > 0 ? std::round(60000000.0 / micros * 100.0) / 100.0 : 0.0;
 }
-
-// The zero-length rest record that carries a tempo change in the list.
-NoteData tempoRecord(float bpm, int32_t layer) {
-  NoteData rest;
-  memset(&rest, 0, sizeof rest);
-  rest.Tempo = bpm;
-  rest.NoteNum = 48;
-  rest.Velocity = 100.0f;
-  ctonm2::default_env(rest.Envelope);
-  rest.layer = layer;
-  return rest;
-}
-
-// Appends to the note list quickly when the note starts at or after the
-// last one (the usual case), else inserts it where it belongs.
-class NoteAppender {
- public:
-  explicit NoteAppender(CNoteMan* man) : man_(man) {
-    ctonm2& engine = *man->engine();
-    for (int32_t i = 0; i < engine.noteCount; ++i) lastStart_ += engine.notes[i].Delta;
-  }
-  bool add(int64_t position, NoteData* note) {
-    ctonm2& engine = *man_->engine();
-    int32_t slot;
-    if (position >= lastStart_) {
-      note->Delta = static_cast<int32_t>(position - lastStart_);
-      slot = engine.insert_note(engine.noteCount, note);
-      if (slot >= 0) lastStart_ = position;
-    } else {
-      slot = man_->insertNotePosition(position, note);
-    }
-    if (slot < 0) ctonm2::note_clear(note);
-    return slot >= 0;
-  }
-
- private:
-  CNoteMan* man_;
-  int64_t lastStart_ = 0;
-};
 
 // A track chunk: its tag and a length to be filled in, and its end: the
 // end-of-track event and the length of what came between.

@@ -16,6 +16,7 @@
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "midi/midiman.h"
+#include "midi/note_appender.h"
 #include "support/regular_file.h"
 #include "support/safe_output.h"
 #include "support/textcopy.h"
@@ -205,18 +206,6 @@ double tempoOf(const xmlNode* node) {
     if (quarters > 0.0 && perMinute > 0.0) return perMinute * quarters;
   }
   return 0.0;
-}
-
-// The zero-length rest record that carries a tempo change in the list.
-NoteData tempoRecord(float bpm, int32_t layer) {
-  NoteData rest;
-  memset(&rest, 0, sizeof rest);
-  rest.Tempo = bpm;
-  rest.NoteNum = 48;
-  rest.Velocity = 100.0f;
-  ctonm2::default_env(rest.Envelope);
-  rest.layer = layer;
-  return rest;
 }
 
 // A zip container's score: the file its META-INF/container.xml names, else
@@ -495,20 +484,7 @@ int32_t CMusicXml::importPart(int32_t part, int32_t voice, int32_t verse, CNoteM
   std::stable_sort(tempos.begin(), tempos.end(), [](const Tempo& a, const Tempo& b) { return a.tick < b.tick; });
   ctonm2& engine = *man->engine();
   const int32_t layer = std::max(man->targetLayer(), 0);
-  int64_t lastStart = 0;
-  for (int32_t i = 0; i < engine.noteCount; ++i) lastStart += engine.notes[i].Delta;
-  auto add = [&](int64_t position, NoteData* note) {
-    int32_t slot;
-    if (position >= lastStart) {
-      note->Delta = static_cast<int32_t>(position - lastStart);
-      slot = engine.insert_note(engine.noteCount, note);
-      if (slot >= 0) lastStart = position;
-    } else {
-      slot = man->insertNotePosition(position, note);
-    }
-    if (slot < 0) ctonm2::note_clear(note);
-    return slot >= 0;
-  };
+  NoteAppender append(man);
   size_t nextTempo = 0;
   auto addTempo = [&](const Tempo& tempo) {
     if (tempo.tick == 0 && engine.noteCount == 0) {
@@ -516,7 +492,7 @@ int32_t CMusicXml::importPart(int32_t part, int32_t voice, int32_t verse, CNoteM
       return;
     }
     NoteData rest = tempoRecord(static_cast<float>(tempo.bpm), layer);
-    add(tempo.tick, &rest);
+    append.add(tempo.tick, &rest);
   };
   int32_t count = 0;
   std::string previous;
@@ -538,7 +514,7 @@ int32_t CMusicXml::importPart(int32_t part, int32_t voice, int32_t verse, CNoteM
     record.PreUtterance = record.VoiceOverlap = NAN;
     record.selected = 1;
     record.layer = layer;
-    if (add(note.start, &record)) ++count;
+    if (append.add(note.start, &record)) ++count;
   }
   while (nextTempo < tempos.size()) addTempo(tempos[nextTempo++]);
 
