@@ -77,12 +77,6 @@ SafeOutput::SafeOutput(const std::string& target, bool removeStale) : target_(fo
   }
   struct stat info;
   if (stat(target.c_str(), &info) != 0 && errno == ELOOP) return;  // a loop of links: nothing to write to
-  // A link is judged by the file it leads to: a ".wav" link to a text file
-  // is not written through.
-  if (target_ != target && extensionOf(target_) != extensionOf(target)) {
-    errno = EPERM;
-    return;
-  }
   if (stat(target_.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
     if (S_ISDIR(info.st_mode)) {
       errno = EISDIR;
@@ -90,6 +84,12 @@ SafeOutput::SafeOutput(const std::string& target, bool removeStale) : target_(fo
     }
     temporary_ = target_;  // a device or a FIFO: written as it is
     direct_ = true;
+    return;
+  }
+  // A link is judged by the file it leads to: a ".wav" link to a text file
+  // is not written through.
+  if (target_ != target && extensionOf(target_) != extensionOf(target)) {
+    errno = EPERM;
     return;
   }
   if (removeStale) removeStaleTemporaries(target_);

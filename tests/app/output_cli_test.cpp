@@ -169,6 +169,10 @@ TEST_F(Outputs, LinksAreJudgedByWhatTheyLeadTo) {
   RunResult run = runTona({"render", project_, "-o", link});
   EXPECT_EQ(run.status, 2);
   EXPECT_NE(run.err.find("leads to"), std::string::npos) << run.err;
+  // A link to a device is written through as the device is.
+  const std::string toNull = bank_.folder() + "null.wav";
+  ASSERT_EQ(symlink("/dev/null", toNull.c_str()), 0);
+  EXPECT_EQ(runTona({"render", project_, "-o", toNull}).status, 0);
   // A loop of links is refused too.
   const std::string a = bank_.folder() + "a1.wav", b = bank_.folder() + "b1.wav";
   ASSERT_EQ(symlink("b1.wav", a.c_str()), 0);
