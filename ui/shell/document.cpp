@@ -2,9 +2,9 @@
 
 #include <QFileInfo>
 #include <algorithm>
-#include <tuple>
 #include <cerrno>
 #include <cstring>
+#include <tuple>
 
 #include "app/project_file.h"
 #include "app/voice_bank.h"
@@ -106,9 +106,11 @@ bool EditorDocument::openRecovery(const QString& path, QString* error) {
   path_ = saved.isEmpty() ? QString() : QFileInfo(saved).absoluteFilePath();
   e.set_projectPath(path_.toStdString().c_str());
   e.preparationNotes();
-  // Modified, and so kept in this document's own copy before the old one goes.
+  // Modified, and so kept in this document's own copy; the old one goes
+  // only once that copy is there.
   history().setOtherModified(model_->undoCallback());
-  if (QString::fromStdString(model_->recoveryPath()) != path) removeRecoveryCopy(copy);
+  const std::string own = model_->recoveryPath();
+  if (!own.empty() && own != copy && QFileInfo::exists(QString::fromStdString(own))) removeRecoveryCopy(copy);
   emit pathChanged();
   return true;
 }
