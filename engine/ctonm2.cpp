@@ -297,7 +297,7 @@ float ctonm2::ticks2msec(int32_t ticks) {
   return static_cast<float>(elapsed + remaining * 125.0 / t);
 }
 
-TickTimeline::TickTimeline(const ctonm2& engine) : engine_(engine), tempo_(engine.tempo) {
+TickTimeline::TickTimeline(const ctonm2& engine) : tempo_(engine.tempo) {
   const size_t n = static_cast<size_t>(std::max(engine.noteCount, 0));
   starts_.resize(n);
   elapsed_.resize(n);
@@ -317,12 +317,13 @@ TickTimeline::TickTimeline(const ctonm2& engine) : engine_(engine), tempo_(engin
 }
 
 float TickTimeline::msec(int64_t ticks) const {
-  // Notes out of time order (a negative Delta): only the walk itself.
-  if (!sorted_) return const_cast<ctonm2&>(engine_).ticks2msec(static_cast<int32_t>(std::clamp<int64_t>(ticks, INT32_MIN, INT32_MAX)));
   // As ticks2msec walks: the first note whose start is at or past `ticks`,
-  // counted from the note before it.
+  // counted from the note before it. Notes out of time order (a negative
+  // Delta) are searched one by one, as the walk meets them.
   const int32_t clamped = static_cast<int32_t>(std::clamp<int64_t>(ticks, INT32_MIN, INT32_MAX));
-  const size_t i = static_cast<size_t>(std::lower_bound(starts_.begin(), starts_.end(), clamped) - starts_.begin());
+  const auto first = sorted_ ? std::lower_bound(starts_.begin(), starts_.end(), clamped)
+                             : std::find_if(starts_.begin(), starts_.end(), [&](int64_t s) { return s >= clamped; });
+  const size_t i = static_cast<size_t>(first - starts_.begin());
   const double before = i == 0 ? 0.0 : elapsed_[i - 1];
   const double t = i == 0 ? tempo_ : tempoAfter_[i - 1];
   const double remaining = static_cast<double>(clamped) - static_cast<double>(i == 0 ? 0 : starts_[i - 1]);

@@ -275,17 +275,16 @@ class ctonm2 {
 // ticks2msec for many positions of one song: the note starts, the time at
 // each and the tempo after it, taken once (linear), then each position in
 // logarithmic time with the very same arithmetic, so the results are
-// those of ticks2msec to the bit. The song must not change meanwhile.
+// those of ticks2msec to the bit. It is a snapshot: a later edit needs a new one.
 class TickTimeline {
  public:
-  explicit TickTimeline(const ctonm2& engine);  // kept by reference
+  explicit TickTimeline(const ctonm2& engine);
   float msec(int64_t ticks) const;
 
  private:
   std::vector<int64_t> starts_;   // note i's start
   std::vector<double> elapsed_;   // msec at note i's start
   std::vector<double> tempoAfter_;  // the tempo from note i's start on
-  const ctonm2& engine_;
   double tempo_;
   bool sorted_ = true;
 };

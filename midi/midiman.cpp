@@ -8,7 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
-#include <set>
 
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
