@@ -25,6 +25,15 @@ namespace {
 // took a resampling each).
 bool sounds(const NoteData& note) { return !ctonm2::is_r(note.Lyric) && note.Length > 0; }
 
+// A sounding note is heard when its layer is switched on and, in a render
+// that is not being played, when it is on the layer chosen (if one is).
+// Every driver asks this, so that any number of threads renders the same.
+bool heard(const ctonm2& engine, const NoteData& note, bool playing) {
+  const bool layerOn = note.layer >= 0 && note.layer < ctonm2::kLayerCount && engine.layerEnabled[note.layer] != 0;
+  const bool layerChosen = playing || engine.currentLayer == -1 || note.layer == engine.currentLayer;
+  return sounds(note) && layerOn && layerChosen;
+}
+
 
 constexpr int32_t kMaxThreads = 8;
 constexpr int32_t kHeadBytes = 48;
@@ -171,7 +180,7 @@ void* workerMain(void* argument) {
     // length is measured on (so no consonant is cut; see Extent).
     position += note._delta;
     if (note.Tempo != 0.0f) t = note.Tempo;
-    if (!sounds(note) || i % Thread_N != w.number) continue;
+    if (!heard(engine, note, false) || i % Thread_N != w.number) continue;
     double length = static_cast<double>(note._notelen) + note._preuttr + note._stp;
     if (i + 1 < engine.noteCount) length += engine.notes[i + 1]._overlap - engine.notes[i + 1]._preuttr;
     ctonm2::RenderedNote rendered;
@@ -252,7 +261,8 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
   ordered.notes.resize(static_cast<size_t>(last - first + 1));
   ordered.done.resize(ordered.notes.size(), 0);
   for (int32_t i = first; i <= last; ++i) {
-    if (!sounds(notes[i])) ordered.done[static_cast<size_t>(i - first)] = 1;  // no worker takes a rest
+    // no worker takes a rest or a note not heard
+    if (!heard(*this, notes[i], false)) ordered.done[static_cast<size_t>(i - first)] = 1;
   }
   std::vector<Worker> workers(static_cast<size_t>(Thread_N));
   const float startTempo = tempoBefore(*this, first);
@@ -345,9 +355,7 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
     NoteData& note = notes[i];
     position += note._delta;  // the same timeline as the render's length
     if (note.Tempo != 0.0f) t = note.Tempo;
-    const bool layerOn = note.layer >= 0 && note.layer < kLayerCount && layerEnabled[note.layer] != 0;
-    const bool layerChosen = playTrigger != nullptr || currentLayer == -1 || note.layer == currentLayer;
-    if (sounds(note) && layerOn && layerChosen) {
+    if (heard(*this, note, playing)) {
       const double length = static_cast<double>(note._truelen) + note._preuttr + note._stp;
       if (note.VoiceFile != nullptr) {
         if (errorlevel > 3) {

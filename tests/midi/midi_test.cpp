@@ -160,11 +160,13 @@ TEST_F(Midi, FormatZeroAndOneWithTemposSignaturesAndLyrics) {
   EXPECT_EQ(tempo_, 120.0f);
 
   // Format 1: a conductor track with a name and time signatures (3/4
-  // for two measures, then 4/4), notes on two channels in track 1, Shift_JIS lyrics.
+  // for two measures, then 4/4; one of 0 beats is no signature), notes on
+  // two channels in track 1, Shift_JIS lyrics.
   const std::string one =
       header(1, 2, 480) +
       chunk(std::string("\x00", 1) + meta(0x03, "song") + d(0) + meta(0x58, std::string("\x03\x02\x18\x08", 4)) +
-            d(2880) + meta(0x58, std::string("\x04\x02\x18\x08", 4)) + kEnd) +
+            d(2880) + meta(0x58, std::string("\x04\x02\x18\x08", 4)) + d(1920) +
+            meta(0x58, std::string("\x00\x02\x18\x08", 4)) + kEnd) +
       chunk(std::string("\x00", 1) + meta(0x05, "\x82\xa9") + d(0) + on(0, 60, 100) + d(0) + on(1, 67, 100) + d(480) +
             off(0, 60) + d(0) + off(1, 67) + kEnd);
   std::string signatures;

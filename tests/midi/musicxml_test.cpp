@@ -136,6 +136,12 @@ TEST_F(MusicXml, TiesGraceNotesChordsVoicesVersesAndMelismas) {
   const std::string latin = partwise(part(measure(
       1, attributes(1) + note("C4", 1, lyric("Hel", 1, "<extend/>")) + note("D4", 1) + note("E4", 1, lyric("lo")))));
   EXPECT_EQ(import(latin), "Hel@0:480/60 -@480:480/62 lo@960:480/64 ");
+  // The voice sung by default is the first to sing a pitched note: not a rest's, not a grace note's.
+  const std::string late = partwise(part(measure(
+      1, attributes(1) + "<note><rest/><duration>1</duration><voice>3</voice></note>" +
+             note("C4", 1, "<grace/><voice>2</voice>") + note("E4", 1, "<voice>1</voice>" + lyric("い")) +
+             "<backup><duration>2</duration></backup>" + note("G4", 1, "<voice>2</voice>" + lyric("x")))));
+  EXPECT_EQ(import(late), "い@480:480/64 ");
 }
 
 TEST_F(MusicXml, TimewiseAndPartwiseScoresAgreeAndThePartWithLyricsIsTaken) {
@@ -174,7 +180,9 @@ TEST_F(MusicXml, CompressedScoresAreReadFromTheirContainer) {
     const std::string manifest =
         "<?xml version=\"1.0\"?><container><rootfiles><rootfile full-path=\"scores/song.xml\"/></rootfiles></container>";
     std::vector<std::pair<std::string, const std::string*>> entries = {{"scores/song.xml", &text}};
-    if (withManifest) entries.push_back({"META-INF/container.xml", &manifest});
+    // Without the manifest the first .xml outside META-INF/ is the score.
+    entries.insert(withManifest ? entries.end() : entries.begin(),
+                   {withManifest ? "META-INF/container.xml" : "META-INF/signatures.xml", &manifest});
     for (const auto& [entry, bytes] : entries) {
       zip_source_t* source = zip_source_buffer(archive, bytes->data(), bytes->size(), 0);
       EXPECT_GE(zip_file_add(archive, entry.c_str(), source, ZIP_FL_OVERWRITE), 0);

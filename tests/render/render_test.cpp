@@ -123,6 +123,37 @@ TEST_F(Render, MixLengthOnsetsAndPitches) {
   for (int32_t k = silentFrom; k < static_cast<int32_t>(mix.size()); ++k) ASSERT_EQ(mix[k], 0) << k;
 }
 
+// A render sings the layers switched on, and only the chosen one when a
+// layer is chosen.
+TEST_F(Render, OnlyTheLayersAskedForAreHeard) {
+  buildSong();
+  engine_.notes[2].layer = 1;  // the "i"
+  auto heard = [&] {  // on each driver
+    std::string out;
+    for (int threads : {0, 2}) {
+      prepare();
+      int32_t size = 0;
+      Block block(threads == 0 ? engine_.render_all(&size) : engine_.render_by_thread(&size, threads, nullptr));
+      if (block == nullptr) return out + "-";
+      const std::vector<int16_t> mix = samplesOf(block.get(), size);
+      for (double at : {200.0, 800.0, 1400.0}) {
+        const auto from = mix.begin() + static_cast<int32_t>((at + 80.0) * 44.1);
+        out += std::any_of(from, from + 4410, [](int16_t s) { return std::abs(s) > 300; }) ? '1' : '0';
+      }
+      out += threads == 0 ? " " : "";
+    }
+    return out;
+  };
+  EXPECT_EQ(heard(), "111 111");
+  engine_.layerEnabled[1] = 0;
+  EXPECT_EQ(heard(), "101 101");
+  engine_.layerEnabled[1] = 1;
+  engine_.currentLayer = 1;
+  EXPECT_EQ(heard(), "010 010");
+  engine_.currentLayer = 0;
+  EXPECT_EQ(heard(), "101 101");
+}
+
 // A range from the middle of the song starts at its first note: on both
 // drivers that note sits at the lead (its pre-utterance, 40 msec), so its
 // consonant starts the mix, and the later notes follow at their distances.

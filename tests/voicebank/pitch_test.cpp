@@ -172,6 +172,10 @@ TEST(Spline, PassesThroughThePointsAndIsNatural) {
   double b[5], c[5], d[5];
   calcSplineParam(y, 5, b, c, d, 0);
   for (int k = 0; k < 4; ++k) EXPECT_NEAR(y[k] + b[k] + c[k] + d[k], y[k + 1], 1e-12) << k;
+  for (int k = 0; k < 3; ++k) {  // slope and curvature run on across every point
+    EXPECT_NEAR(b[k] + 2.0 * c[k] + 3.0 * d[k], b[k + 1], 1e-12) << k;
+    EXPECT_NEAR(c[k] + 3.0 * d[k], c[k + 1], 1e-12) << k;
+  }
   EXPECT_EQ(c[0], 0.0);  // no curvature at the ends
   EXPECT_NEAR(c[3] + 3.0 * d[3], 0.0, 1e-12);
   const float yf[3] = {0.0f, 2.0f, 4.0f};
@@ -223,6 +227,10 @@ TEST(DifferenceSearch, FindsThePeriodOfAPulseTrain) {
   std::vector<int16_t> silent(4096, 0);
   EXPECT_EQ(bcf(&meanSquare, &minimum, 51, 70, silent.data(), 1, 2048, analysisWindow()), 51);
   EXPECT_EQ(bcfGetFrequencyList(nullptr, &meanSquare, 4096, 16, 44100, 1, silent.data(), ""), nullptr);
+  double* pulses = bcfGetFrequencyList(nullptr, &meanSquare, 8192, 16, 44100, 1, samples.data(), "");
+  ASSERT_NE(pulses, nullptr);
+  free(pulses);
+  EXPECT_EQ(bcfGetFrequencyList(nullptr, &meanSquare, 8192, 16, 0, 1, samples.data(), ""), nullptr);  // no rate
 }
 
 // At least 95% of the clearly voiced frames within 50 cents of the truth,
