@@ -473,6 +473,7 @@ TEST_F(Editing, PitchPointsSplitAndMergeSegments) {
   EXPECT_EQ(man().setPitchKind(1, 2, 'r'), 'r');
   EXPECT_EQ(man().getPitchKind(1, 2), 'r');
   EXPECT_EQ(man().getPitchKind(1, 3), -1);
+  EXPECT_EQ(man().getPitchKind(1, 1), 0);
   EXPECT_EQ(man().setPitchKind(1, 0, 'j'), 2);  // only the count
   EXPECT_EQ(man().addPitchPoint(1, 1), 1);
   EXPECT_EQ(values(note(1).PBW), (std::vector<float>{40, 20, 20}));
@@ -513,6 +514,26 @@ TEST_F(Editing, PitchPointsSplitAndMergeSegments) {
   note(1).PBS[2] = 8.0f;
   man().addPitchPoint(1, 0);
   EXPECT_EQ(values(note(1).PBY), (std::vector<float>{4}));
+}
+
+TEST_F(Editing, ALineHoldsAtMost255Points) {
+  load({{"a", 0, 480, 60}});
+  man().defaultPitch(0);
+  int added = 0;
+  while (added < 300 && man().addPitchPoint(0, 0) == 1) ++added;
+  EXPECT_EQ(floatListCount(note(0).PBW), 255);
+  EXPECT_EQ(byteListCount(note(0).PBM), 255);
+}
+
+TEST_F(Editing, TheAnchorFollowsItsNoteThroughDeletions) {
+  load({{"a", 0, 480, 60}, {"b", 480, 480, 60}, {"c", 960, 480, 60}, {"d", 1440, 480, 60}});
+  man().addSelect(2, 1);
+  man().deleteNote(3);
+  EXPECT_EQ(man().anchor(), 2);
+  man().deleteNote(0);
+  EXPECT_EQ(man().anchor(), 1);
+  man().deleteNote(1);
+  EXPECT_EQ(man().anchor(), -1);
 }
 
 TEST(PitchClipboard, CopiesAndPastesTheWholeLine) {
