@@ -67,6 +67,9 @@ class ctonm2 {
 
   // A rest: null, empty, or exactly "R".
   static bool is_r(const char* text);
+  // A note that gives sound: no rest, and a length (a note of length 0
+  // sings nothing and costs nothing).
+  static bool sounds(const NoteData& note) { return !is_r(note.Lyric) && note.Length > 0; }
   bool is_r(int32_t i);
   // The last positive Tempo at or before note i, else the project tempo.
   float get_tempo(int32_t i);
@@ -128,8 +131,9 @@ class ctonm2 {
   // (VoiceFile); reshapes neighbouring envelopes to the overlaps. Returns
   // the number of notes that received a voice entry.
   int32_t preparationNotes();
-  // Prepares note `index`; returns its _delta.
-  double preparation(int32_t prevVoiced, float prevTempo, int32_t index, float tempo, float carriedTempo);
+  // Prepares note `index` after `previous`, the last note before it on its
+  // layer that sounds (-1 when none); returns its _delta.
+  double preparation(int32_t previous, float prevTempo, int32_t index, float tempo, float carriedTempo);
   // The note's length in msec, following tempo changes inside it.
   double calc_length(int32_t index, float tempo);
   // The gap in msec between the end of the previous sounding note (same

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 
 #include "engine/ctonm2.h"
@@ -109,21 +110,25 @@ double ctonm2::get_preblank(int32_t* index, int32_t layer) {
   return distance - notes[previous]._notelen;
 }
 
-double ctonm2::preparation(int32_t, float prevTempo, int32_t index, float noteTempo, float carriedTempo) {
+double ctonm2::preparation(int32_t previous, float, int32_t index, float noteTempo, float carriedTempo) {
   NoteData& note = notes[index];
   note._delta = note.Delta * 125.0 / carriedTempo;
   note._notelen = note._truelen = static_cast<float>(calc_length(index, noteTempo));
   if (note._notelen == 0.0f) log_printf(3, "Note length is 0.noteNo=%ld lyric=%s\n", static_cast<long>(index), note.Lyric);
   note.VoiceFile = nullptr;
-  const int32_t previous = getprenote(index, note.layer);
+  // The silence between the previous sounding note's end and this note's start.
+  double gap = 0.0;
+  if (previous >= 0) {
+    double distance = 0.0;
+    for (int32_t j = previous + 1; j <= index; ++j) distance += notes[j]._delta;
+    gap = distance - notes[previous]._notelen;
+  }
 
   double preUtterance = 0.0, overlap = 0.0;
   if (!is_r(note.Lyric)) {
     if (voiceset == nullptr) {
       log_printf(2, "No voice data '%s' noteNo=%ld\n", note.Lyric, static_cast<long>(index));
     } else {
-      int32_t before = index;
-      const double gap = get_preblank(&before, note.layer);
       const char* previousLyric = previous >= 0 && gap <= 100.0 ? notes[previous].Lyric : nullptr;
       VoiceData* entry = voiceset->get_voicedata(previousLyric, note.Lyric, note.NoteNum);
       if (entry != nullptr) {
@@ -142,12 +147,11 @@ double ctonm2::preparation(int32_t, float prevTempo, int32_t index, float noteTe
   note._overlap = static_cast<float>(overlap * k);
   note._stp = static_cast<float>(note.StartPoint * k);
 
-  if (previous >= 0) {
+  // Only a note that sounds shapes the note before it: a rest or a note of
+  // no length leaves it as it is.
+  if (previous >= 0 && sounds(note)) {
     NoteData& prev = notes[previous];
-    double distance = 0.0;
-    for (int32_t j = previous + 1; j <= index; ++j) distance += notes[j]._delta;
-    const double gap = distance - prev._notelen;
-    const double prevLength = calc_length(previous, prevTempo);
+    const double prevLength = calc_length(previous, prev._tempo);
     if (gap >= -0.001) {
       // The consonant is cut from the front rather than overrun half of
       // the previous note.
@@ -187,8 +191,10 @@ double ctonm2::preparation(int32_t, float prevTempo, int32_t index, float noteTe
 int32_t ctonm2::preparationNotes() {
   if (tempo == 0.0f) tempo = 120.0f;
   leadTime = noteCount > 0 ? notes[0].Delta * 125.0 / tempo : 0.0;
-  float carried = tempo, prevTempo = tempo;
-  int32_t prevVoiced = -1, voiced = 0;
+  float carried = tempo;
+  int32_t voiced = 0;
+  // The last sounding note of each layer so far.
+  std::map<int32_t, int32_t> lastSounding;
   double position = 0.0;
   // Where each run of notes with no Delta and no tempo change ends, for
   // calc_length while the notes are prepared.
@@ -200,13 +206,12 @@ int32_t ctonm2::preparationNotes() {
   for (int32_t i = 0; i < noteCount; ++i) {
     NoteData& note = notes[i];
     note._tempo = note.Tempo != 0.0f ? note.Tempo : carried;
-    position += preparation(prevVoiced, prevTempo, i, note._tempo, carried);
+    const auto last = lastSounding.find(note.layer);
+    const int32_t previous = last != lastSounding.end() ? last->second : -1;
+    position += preparation(previous, previous >= 0 ? notes[previous]._tempo : tempo, i, note._tempo, carried);
     note._pos = position;
     if (note.VoiceFile != nullptr) ++voiced;
-    if (!is_r(note.Lyric)) {
-      prevVoiced = i;
-      prevTempo = note._tempo;
-    }
+    if (sounds(note)) lastSounding[note.layer] = i;
     carried = note._tempo;
   }
   totalLength = noteCount > 0 ? notes[noteCount - 1]._pos + notes[noteCount - 1]._notelen : 0.0;

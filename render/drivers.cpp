@@ -20,18 +20,13 @@ int32_t Thread_N = 4;
 
 namespace {
 
-// A note that gives sound: a lyric that is no rest and a length. A note of
-// length 0 sings nothing, and costs nothing (a song of 100,000 of them
-// took a resampling each).
-bool sounds(const NoteData& note) { return !ctonm2::is_r(note.Lyric) && note.Length > 0; }
-
 // A sounding note is heard when its layer is switched on and, in a render
 // that is not being played, when it is on the layer chosen (if one is).
 // Every driver asks this, so that any number of threads renders the same.
 bool heard(const ctonm2& engine, const NoteData& note, bool playing) {
   const bool layerOn = note.layer >= 0 && note.layer < ctonm2::kLayerCount && engine.layerEnabled[note.layer] != 0;
   const bool layerChosen = playing || engine.currentLayer == -1 || note.layer == engine.currentLayer;
-  return sounds(note) && layerOn && layerChosen;
+  return ctonm2::sounds(note) && layerOn && layerChosen;
 }
 
 
@@ -93,7 +88,7 @@ Extent extentOf(const ctonm2& engine, int32_t first, int32_t last) {
     double offset = 0.0;
     for (int32_t i = first; i <= last; ++i) {
       if (i > first) offset += engine.notes[i]._delta;
-      if (sounds(engine.notes[i])) {
+      if (ctonm2::sounds(engine.notes[i])) {
         extent.lead = std::max<double>(extent.lead, engine.notes[i]._preuttr - offset);
       }
     }
@@ -103,7 +98,7 @@ Extent extentOf(const ctonm2& engine, int32_t first, int32_t last) {
     const NoteData& note = engine.notes[i];
     running += note._delta;
     extent.length = std::max(extent.length, extent.origin() + running + note._notelen);
-    if (sounds(note)) ++extent.sounding;
+    if (ctonm2::sounds(note)) ++extent.sounding;
   }
   return extent;
 }
@@ -181,8 +176,9 @@ void* workerMain(void* argument) {
     position += note._delta;
     if (note.Tempo != 0.0f) t = note.Tempo;
     if (!heard(engine, note, false) || i % Thread_N != w.number) continue;
-    double length = static_cast<double>(note._notelen) + note._preuttr + note._stp;
-    if (i + 1 < engine.noteCount) length += engine.notes[i + 1]._overlap - engine.notes[i + 1]._preuttr;
+    // The length the arrangement gave the note: on through a short rest
+    // until the next note's overlap ends, as the single-threaded render.
+    const double length = static_cast<double>(note._truelen) + note._preuttr + note._stp;
     ctonm2::RenderedNote rendered;
     if (note.VoiceFile != nullptr) {
       if (errorlevel > 3) {

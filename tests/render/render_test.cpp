@@ -154,6 +154,30 @@ TEST_F(Render, OnlyTheLayersAskedForAreHeard) {
   EXPECT_EQ(heard(), "101 101");
 }
 
+// A rest under 100 msec is no hole: the note before it sounds on until
+// the next note's overlap ends, the same on every driver.
+TEST_F(Render, AShortRestStaysLegato) {
+  add("a", 57, 200, 400);
+  add("i", 57, 450, 400);  // 50 msec after the first note's end
+  std::vector<int16_t> first;
+  for (int threads : {0, 1, 2, 8}) {
+    prepare();
+    int32_t size = 0;
+    Block block(threads == 0 ? engine_.render_all(&size) : engine_.render_by_thread(&size, threads, nullptr));
+    ASSERT_NE(block, nullptr);
+    const std::vector<int16_t> mix = samplesOf(block.get(), size);
+    if (first.empty()) first = mix;
+    EXPECT_EQ(mix, first) << threads << " threads";
+    // No 2 msec between the notes without sound.
+    int32_t quiet = 0, longest = 0;
+    for (int32_t k = static_cast<int32_t>(500 * 44.1); k < static_cast<int32_t>(700 * 44.1); ++k) {
+      quiet = std::abs(mix[static_cast<size_t>(k)]) < 30 ? quiet + 1 : 0;
+      longest = std::max(longest, quiet);
+    }
+    EXPECT_LT(longest, 88) << threads << " threads";
+  }
+}
+
 // A range from the middle of the song starts at its first note: on both
 // drivers that note sits at the lead (its pre-utterance, 40 msec), so its
 // consonant starts the mix, and the later notes follow at their distances.
