@@ -151,12 +151,19 @@ class PacedDevice : public AudioDevice {
   int32_t channels() const override { return 1; }
 };
 
-// Plays while rendering from playStart: the time until the device starts
-// playing (start_ms) and until the first sound reaches it (the song's own
-// silence before its first note included), and how often playback waited
-// for the render (the render over, no wait can come any more, and the run
-// ends).
+// Plays while rendering from playStart at the first note: the time until
+// the device starts playing (start_ms) and until the first sound reaches
+// it, and how often playback waited for the render (the render over, no
+// wait can come any more, and the run ends).
 void measurePlayback(benchmark::State& state, CNoteMan& man) {
+  // From the start of the first note that sings: no silence of the song's own.
+  int64_t fromTick = 0;
+  for (int32_t i = 0; i < man.noteCount(); ++i) {
+    if (ctonm2::sounds(*man.getNote(i))) {
+      fromTick = man.getPosition(i);
+      break;
+    }
+  }
   PacedDevice device;
   CAudioOut player(&device);
   double firstSoundMs = -1.0, startMs = -1.0;
@@ -189,7 +196,7 @@ void measurePlayback(benchmark::State& state, CNoteMan& man) {
       }
     });
     std::string message;
-    man.playStart(0, 0, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos, nullptr, &message);
+    man.playStart(fromTick, 0, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos, nullptr, &message);
     man.engine()->render_thread_join(nullptr);
     while (firstSoundMs < 0.0 && CAudioOut::NowPlaying) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     done = true;

@@ -993,7 +993,7 @@ int32_t CNoteMan::playStart(int64_t fromTick, int64_t toTick, ctonm2::Progress p
     }
   }
   if (first < 0) first = 0, into = 0;
-  if (into < 0) into = 0;
+  // From the first note's start; less than 0 in the silence before it.
   const double startMs = Ticks2MSec(into, first);
   // The last note: the one before the first later note (on the target
   // layer) that starts past toTick.

@@ -181,7 +181,9 @@ class ctonm2 {
   uint8_t* render_number_by_thread(int32_t first, int32_t last, int32_t* size, int32_t threads, Progress progress);
   uint8_t* render_by_thread(int32_t* size, int32_t threads, Progress progress);
   // One thread, with the cache hooks, the playback hooks and progress.
-  // startMs: where playback starts (the trigger's offset); endMs: unused.
+  // startMs: where playback starts, in msec from the first note's start
+  // (less than 0: in the silence before it); a consonant that begins before
+  // a note at or after that point is played whole. endMs: unused.
   uint8_t* render_number_with_progress(int32_t first, int32_t last, int32_t* size, Progress progress, double startMs,
                                        double endMs);
   uint8_t* render_with_progress(int32_t* size, Progress progress);
@@ -249,14 +251,11 @@ class ctonm2 {
   int32_t optimizeRounds = 0;  // overlap-optimisation rounds, 0 = one check
   int32_t currentLayer = -1;   // the layer rendered alone; -1 = all
   int16_t layerEnabled[kLayerCount];
-  // Tuning of the early playback start: the projected remaining render
-  // time (the rate so far, extrapolated) is scaled by the first and
-  // lengthened by the second (msec) before it is compared with the time
-  // still to play. By default 1.0 and 0: the plain estimate, which the
-  // 700 msec and 1000 msec conditions already keep from trusting the
-  // first notes too early. A player that starts on a busy machine raises
-  // them (1.25 and 300 msec leave room for a render that slows down and
-  // for starting the device).
+  // When playback starts: as soon as the mix is complete to
+  // kPlayAheadMs + earlyStartOffset msec past the play position (notes are
+  // rendered in time order from there), or, with an infinite
+  // earlyStartScale, once the whole range is rendered.
+  static constexpr double kPlayAheadMs = 150.0;
   double earlyStartScale = 1.0;
   double earlyStartOffset = 0.0;
   pthread_mutex_t mixMutex;

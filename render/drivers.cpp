@@ -339,13 +339,18 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
   const int32_t total = last - first + 1;
   if (progress != nullptr) progress(progressContext, 0, total);
   if (progressHook != nullptr) progressHook(progressContext, 0, total);
-  const auto began = std::chrono::steady_clock::now();
   const bool playing = playTrigger != nullptr;
   const bool useCache = cacheGet != nullptr || cachePut != nullptr;
 
   double position = extent.origin();
+  // Where playback starts in the mix: at the play position, or where the
+  // consonant of the note there begins when that is earlier.
+  const NoteData& head = notes[first];
+  const double headAt = position + head._delta;
+  double playAt = headAt + startMs;
+  if (startMs <= 0.0 && heard(*this, head, true)) playAt = std::min(playAt, headAt - head._preuttr);
+  playAt = std::clamp(playAt, 0.0, extent.length);
   float t = tempoBefore(*this, first);
-  double rendered = 0.0;  // msec of audio rendered
   int32_t done = 0;
   for (int32_t i = first; i <= last && renderState.load() != 2; ++i) {
     NoteData& note = notes[i];
@@ -360,9 +365,9 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
         } else {
           log_printf(3, "(%d/%d/%s)\n", i, last, note.Lyric);
         }
-        if (renderPosition != nullptr) renderPosition(progressContext, position);
+        // The mix is complete up to where this note's consonant begins.
+        if (renderPosition != nullptr) renderPosition(progressContext, std::max(position - note._preuttr, 0.001));
         arrange_note(mix, position, i, length, samples, note.layer, t, useCache);
-        rendered += length;
       } else {
         log_printf(2, "(%d/%d/%s) no voice data.\n", i, last, note.Lyric);
       }
@@ -371,20 +376,23 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
     if (progress != nullptr) progress(progressContext, done, total);
     if (progressHook != nullptr) progressHook(progressContext, done, total);
 
-    // Playback starts early once the render is safely ahead: the time the
-    // rest would take at the rate so far, scaled by earlyStartScale and
-    // lengthened by earlyStartOffset (msec), must be below the time there
-    // is still to play.
-    if (playTrigger != nullptr) {
-      const double wall = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
-      const double toPlay = extent.length - startMs;
-      const double remaining =
-          rendered > 0.0 ? wall / rendered * std::max(0.0, extent.length - rendered) * earlyStartScale + earlyStartOffset
-                         : HUGE_VAL;
-      if (done == total || (done >= 3 && wall >= 700.0 && rendered > 1000.0 && remaining < toPlay)) {
-        const int32_t offset = static_cast<int32_t>(std::lround(startMs * 0.001 * 44100.0)) * 2 + 44;
+    // Playback starts once the mix is complete a little past the play
+    // position: up to where the next note to render begins its consonant.
+    if (playTrigger != nullptr && (done == total || std::isfinite(earlyStartScale))) {
+      double complete = extent.length;
+      double next = position;
+      for (int32_t j = i + 1; j <= last; ++j) {
+        next += notes[j]._delta;
+        if (heard(*this, notes[j], true) && notes[j].VoiceFile != nullptr) {
+          complete = next - notes[j]._preuttr;
+          break;
+        }
+      }
+      const bool ahead = std::isfinite(earlyStartScale) && complete >= playAt + kPlayAheadMs + earlyStartOffset;
+      if (done == total || ahead) {
+        const int32_t offset = static_cast<int32_t>(std::lround(playAt * 0.001 * 44100.0)) * 2 + 44;
         writeHeader(block, samples);
-        playTrigger(progressContext, block, offset, samples * 2 + kHeadBytes, static_cast<int32_t>(startMs));
+        playTrigger(progressContext, block, offset, samples * 2 + kHeadBytes, static_cast<int32_t>(playAt));
         playTrigger = nullptr;
         if (progress != nullptr) progress(progressContext, 0, 0);
         progress = nullptr;

@@ -313,38 +313,59 @@ TEST_F(Render, StopEndsEarlyAndWritesNoHeader) {
 struct PlaybackLog {
   int triggers = 0;
   int32_t offset = 0, length = 0;
+  size_t positionsAtTrigger = 0;
   uint8_t* block = nullptr;
   std::vector<double> positions;
 };
 
-TEST_F(Render, PlaybackHookGetsTheBlockOnceAndTheRenderPositions) {
+// Playback starts as soon as the mix is complete 150 msec past the play
+// position, from where the user asked: the song's start plays its silence,
+// a note's start its consonant, a point inside a note that point.
+TEST_F(Render, PlaybackStartsOnceTheFirstNotesAreMixed) {
   buildSong();
+  for (auto [startMs, playAtMs] : {std::pair{-200.0, 0.0}, {0.0, 160.0}, {100.0, 300.0}}) {
+    SCOPED_TRACE(startMs);
+    prepare();
+    PlaybackLog log;
+    engine_.progressContext = &log;
+    engine_.playTrigger = [](void* context, uint8_t* block, int32_t offset, int32_t length, int32_t) {
+      PlaybackLog& l = *static_cast<PlaybackLog*>(context);
+      ++l.triggers;
+      l.block = block;
+      l.offset = offset;
+      l.length = length;
+      l.positionsAtTrigger = l.positions.size();
+    };
+    engine_.renderPosition = [](void* context, double msec) {
+      static_cast<PlaybackLog*>(context)->positions.push_back(msec);
+    };
+    int32_t size = 0;
+    Block block(engine_.render_number_with_progress(0, engine_.noteCount - 1, &size, nullptr, startMs, 0.0));
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(log.triggers, 1);
+    EXPECT_EQ(log.block, block.get());
+    EXPECT_EQ(log.offset, static_cast<int32_t>(std::lround(playAtMs * 44.1)) * 2 + 44);
+    EXPECT_EQ(log.length, size + 8);
+    EXPECT_EQ(engine_.playTrigger, nullptr);  // removed after use
+    // Handed over after the first note: the next consonant starts 560 msec later.
+    EXPECT_EQ(log.positionsAtTrigger, 1u);
+    // Three notes sung, each reported where its consonant starts, then 0 at the end.
+    EXPECT_EQ(log.positions, (std::vector<double>{160.0, 760.0, 1360.0, 0.0}));
+  }
+  // Rendering first, playback waits for the end.
+  engine_.earlyStartScale = HUGE_VAL;
   prepare();
   PlaybackLog log;
   engine_.progressContext = &log;
-  engine_.playTrigger = [](void* context, uint8_t* block, int32_t offset, int32_t length, int32_t) {
+  engine_.playTrigger = [](void* context, uint8_t*, int32_t, int32_t, int32_t) {
     PlaybackLog& l = *static_cast<PlaybackLog*>(context);
-    ++l.triggers;
-    l.block = block;
-    l.offset = offset;
-    l.length = length;
+    l.positionsAtTrigger = l.positions.size();
   };
   engine_.renderPosition = [](void* context, double msec) {
     static_cast<PlaybackLog*>(context)->positions.push_back(msec);
   };
-  int32_t size = 0;
-  Block block(engine_.render_number_with_progress(0, engine_.noteCount - 1, &size, nullptr, 0.0, 0.0));
-  ASSERT_NE(block, nullptr);
-  // A short song renders faster than it plays: handed over at the end at
-  // the latest, once, with the data's offset and the whole block.
-  EXPECT_EQ(log.triggers, 1);
-  EXPECT_EQ(log.block, block.get());
-  EXPECT_EQ(log.offset, 44);
-  EXPECT_EQ(log.length, size + 8);
-  EXPECT_EQ(engine_.playTrigger, nullptr);  // removed after use
-  ASSERT_EQ(log.positions.size(), 4u);       // three notes sung, then 0 at the end
-  EXPECT_LT(log.positions[0], log.positions[1]);
-  EXPECT_EQ(log.positions.back(), 0.0);
+  Block block(engine_.render_number_with_progress(0, engine_.noteCount - 1, nullptr, nullptr, 0.0, 0.0));
+  EXPECT_EQ(log.positionsAtTrigger, 3u);
 }
 
 TEST_F(Render, NothingToSing) {
