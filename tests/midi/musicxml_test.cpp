@@ -144,6 +144,22 @@ TEST_F(MusicXml, TiesGraceNotesChordsVoicesVersesAndMelismas) {
   EXPECT_EQ(import(late), "い@480:480/64 ");
 }
 
+TEST_F(MusicXml, ValuesOutOfRangeAreLeftOut) {
+  // A metronome at 0 is none: the next one in the direction is taken.
+  const std::string metronome = "<direction><direction-type><metronome><beat-unit>quarter</beat-unit>"
+                                "<per-minute>0</per-minute></metronome></direction-type><direction-type><metronome>"
+                                "<beat-unit>half</beat-unit><per-minute>45</per-minute></metronome></direction-type>"
+                                "</direction>";
+  const std::string text = partwise(part(
+      measure(1, attributes(1, 0, 4) + metronome + note("C4", 1, lyric("<![CDATA[か]]>")) +
+                     note("B10", 1, "<alter>4</alter>" + lyric("x")) + note("D4", 2, lyric("な"))) +
+      measure(2, attributes(0, 3, 128) + note("E4", 4, lyric("<![CDATA[ら]]>")))));
+  // Time signatures of 0 beats or of a 128th, a key past 127 left out; CDATA is text.
+  EXPECT_EQ(import(text), "か@0:480/60 な@960:960/62 ら@1920:1920/64 ");
+  EXPECT_EQ(signatures_, "(4/4/0),");
+  EXPECT_EQ(tempo_, 90.0f);
+}
+
 TEST_F(MusicXml, TimewiseAndPartwiseScoresAgreeAndThePartWithLyricsIsTaken) {
   const std::string list =
       "<score-part id=\"P1\"><part-name>Piano</part-name></score-part>"

@@ -439,6 +439,21 @@ TEST_F(Formant, TheAperiodicPartKeepsItsEnvelope) {
 
 // --- The spectrum file ------------------------------------------------------------
 
+TEST(Equalizer, HexPairsAreGainsMirrored) {
+  std::string text;
+  for (int k = 0; k < 256; ++k) text += k == 0 ? "ff" : k == 1 ? "0A" : k == 2 ? "e4" : "80";
+  std::vector<double> gains(512, -1.0);
+  ASSERT_TRUE(parseEqualizer(text.c_str(), gains.data()));
+  EXPECT_DOUBLE_EQ(gains[0], std::pow(10.0, 1.27));  // 0xff: +127
+  EXPECT_DOUBLE_EQ(gains[1], std::pow(10.0, -1.18));  // 0x0A: 10 - 128
+  EXPECT_DOUBLE_EQ(gains[2], std::pow(10.0, 1.0));    // 0xe4: 228 - 128
+  EXPECT_DOUBLE_EQ(gains[3], 1.0);
+  EXPECT_DOUBLE_EQ(gains[511], gains[0]);
+  EXPECT_DOUBLE_EQ(gains[510], gains[1]);
+  EXPECT_FALSE(parseEqualizer(text.substr(0, 511).c_str(), gains.data()));
+  EXPECT_FALSE(parseEqualizer(nullptr, gains.data()));
+}
+
 TEST(SpectrumFile, WrittenReadBackAndDistrustedWhenDamaged) {
   TempDir dir;
   SpectrumTable table;
