@@ -1,5 +1,7 @@
 // Whole renders with a voice bank generated in the test.
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,6 +14,7 @@
 #include "engine/ctonm2.h"
 #include "render/cache.h"
 #include "render/wavefile.h"
+#include "support/userdirs.h"
 #include "tests/engine/notes.h"
 #include "tests/render/vowel_note.h"
 #include "tests/testutil.h"
@@ -460,4 +463,23 @@ TEST_F(Render, CacheNamesFollowTheNote) {
   free(back);
   CCacheSys::deleteCacheAll();
   EXPECT_FALSE(CCacheSys::isCached(0, &note));
+}
+
+// Trimming removes the cache's own files, oldest first, down to the limit,
+// and counts what it removed; files not of its form or size stay.
+TEST(CacheFiles, TrimRemovesTheOldestOwnFilesDownToTheLimit) {
+  FakeHome home;
+  const std::string dir = userFolder(UserFolder::kCache, true);
+  const char* names[] = {"1_a_0123456789ABCDEFGHIJKL.raw", "2_i_0123456789ABCDEFGHIJKL.raw",
+                         "3_u_0123456789ABCDEFGHIJKL.raw", "4_e_0123456789ABCDEFGHIJKL.raw", "notes.raw"};
+  for (int k = 0; k < 5; ++k) {
+    writeFile(dir + "/" + names[k], std::string(k == 3 ? 17 : 16, 'x'));  // 17: no cache file's size
+    const struct timespec times[2] = {{1000 + k, 0}, {1000 + k, 0}};
+    utimensat(AT_FDCWD, (dir + "/" + names[k]).c_str(), times, 0);
+  }
+  EXPECT_EQ(CCacheSys::trim(48), 0);
+  EXPECT_EQ(CCacheSys::trim(20), 32);
+  EXPECT_FALSE(fileExists(dir + "/" + names[0]));
+  EXPECT_FALSE(fileExists(dir + "/" + names[1]));
+  for (int k = 2; k < 5; ++k) EXPECT_TRUE(fileExists(dir + "/" + names[k])) << names[k];
 }
