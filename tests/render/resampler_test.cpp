@@ -111,6 +111,9 @@ TEST_F(Resampler, PitchCurvesMoveThePitch) {
   note_.Pitches = up.data();
   note_.PitchCount = static_cast<int32_t>(up.size());
   EXPECT_LT(worstCents(pitchOf(render(1000.0f)), num2freq(55)), 10.0);
+  // The t flag transposes by tenths of a semitone, on top of the curve.
+  strcpy(note_.Flags, "t-15");
+  EXPECT_LT(worstCents(pitchOf(render(1000.0f)), 220.0 * std::pow(2.0, -3.5 / 12.0)), 10.0);
 }
 
 TEST_F(Resampler, LengthsFollowTheFormula) {
