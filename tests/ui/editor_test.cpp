@@ -590,6 +590,12 @@ TEST_F(Editor, OneWindowPerProjectAndRenderToWaveWritesTheSong) {
   EXPECT_EQ(bytes.substr(0, 4), "RIFF");
   // Two quarters at 120 after a quarter's lead: at least a second of sound.
   EXPECT_GT((bytes.size() - 44) / 2, 44100u);
+  // The selection alone: its one quarter, with its consonant's lead.
+  const std::string part = dir_.file("part.wav");
+  ASSERT_TRUE(window_->renderToWave(QString::fromStdString(part), 1, 1)) << window_->lastMessage().toStdString();
+  const size_t samples = (readFile(part).size() - 44) / 2;
+  EXPECT_GT(samples, 22050u);
+  EXPECT_LT(samples, 22050u + 4410u);
 }
 
 }  // namespace

@@ -142,6 +142,8 @@ void MainWindow::buildMenus() {
       makeAction("saveAs", tr("Save &As…"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S), &MainWindow::saveAsDialog));
   file->addAction(
       makeAction("render", tr("&Render to WAV…"), QKeySequence(Qt::CTRL | Qt::Key_R), &MainWindow::renderDialog));
+  file->addAction(makeAction("renderSelection", tr("Render &Selection to WAV…"),
+                             QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R), &MainWindow::renderSelectionDialog));
   file->addSeparator();
   file->addAction(makeAction("import", tr("&Import MusicXML, MIDI or VSQ…"), QKeySequence(), &MainWindow::importDialog));
   file->addAction(makeAction("export", tr("E&xport as VSQ, MIDI or MusicXML…"), QKeySequence(), &MainWindow::exportDialog));
@@ -445,22 +447,33 @@ void MainWindow::saveAsDialog() {
 
 void MainWindow::renderDialog() {
   QString start = QString::fromUtf8(document_->engine().outfile);
-  if (start.isEmpty()) {
-    start = document_->path().isEmpty() ? document_->displayName() + ".wav"
-                                        : QFileInfo(document_->path()).absolutePath() + "/" +
-                                              QFileInfo(document_->path()).completeBaseName() + ".wav";
-  }
+  if (start.isEmpty()) start = suggestedPath("wav");
   QString path = QFileDialog::getSaveFileName(this, tr("Render to WAV"), start, tr("WAV files (*.wav)"));
   if (path.isEmpty()) return;
   if (QFileInfo(path).suffix().isEmpty()) path += ".wav";
   renderToWave(path);
 }
 
-bool MainWindow::renderToWave(const QString& path) {
+void MainWindow::renderSelectionDialog() {
+  CNoteMan& notes = document_->notes();
+  const int32_t first = notes.topOfSelection(), last = notes.lastOfSelection();
+  if (first < 0) {
+    showMessage(tr("Select the notes to render first"), true);
+    return;
+  }
+  const QFileInfo whole(suggestedPath("wav"));
+  const QString start = whole.absolutePath() + "/" + whole.completeBaseName() + "-selection.wav";
+  QString path = QFileDialog::getSaveFileName(this, tr("Render Selection to WAV"), start, tr("WAV files (*.wav)"));
+  if (path.isEmpty()) return;
+  if (QFileInfo(path).suffix().isEmpty()) path += ".wav";
+  renderToWave(path, first, last);
+}
+
+bool MainWindow::renderToWave(const QString& path, int32_t first, int32_t last) {
   Player::instance().stop();
   RenderJob job;
   QString error;
-  if (!job.start(document_, path, EditorPreferences::load().renderThreads, &error)) {
+  if (!job.start(document_, path, EditorPreferences::load().renderThreads, &error, first, last)) {
     showMessage(error, true);
     return false;
   }

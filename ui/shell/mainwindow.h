@@ -43,7 +43,8 @@ class MainWindow : public QMainWindow {
   bool save();
   bool saveAs(const QString& path, int version);
   // Renders to a WAV file with a progress dialog; false when stopped or failed.
-  bool renderToWave(const QString& path);
+  // Renders notes first..last (-1: the whole song) to a WAV file.
+  bool renderToWave(const QString& path, int32_t first = -1, int32_t last = -1);
 
   // Actions by name, for the tests and the shortcuts ("undo", "play", ...).
   QAction* action(const QString& name) const;
@@ -95,6 +96,7 @@ class MainWindow : public QMainWindow {
   void openDialog();
   void saveAsDialog();
   void renderDialog();
+  void renderSelectionDialog();
   void cutNotes();
   void copyNotes();
   void pasteNotes();

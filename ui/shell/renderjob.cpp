@@ -1,6 +1,7 @@
 #include "ui/shell/renderjob.h"
 
 #include <QObject>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -35,14 +36,17 @@ void RenderJob::progress(void* context, int32_t done, int32_t total) {
   job->total_ = total;
 }
 
-bool RenderJob::start(EditorDocument* document, const QString& output, int threads, QString* error) {
+bool RenderJob::start(EditorDocument* document, const QString& output, int threads, QString* error, int32_t first,
+                      int32_t last) {
   document_ = document;
   output_ = output;
   ctonm2& engine = document->engine();
+  if (first < 0 || last < first) first = 0, last = engine.noteCount - 1;
+  last = std::min(last, engine.noteCount - 1);
   engine.preparationNotes();
   engine.makePitchMode2();
   bool sounding = false;
-  for (int32_t i = 0; i < engine.noteCount && !sounding; ++i) {
+  for (int32_t i = first; i <= last && !sounding; ++i) {
     sounding = !ctonm2::is_r(engine.notes[i].Lyric) && engine.notes[i].VoiceFile != nullptr;
   }
   if (!sounding) {
@@ -50,12 +54,12 @@ bool RenderJob::start(EditorDocument* document, const QString& output, int threa
     document->touch();
     return false;
   }
-  total_ = engine.noteCount;
+  total_ = last - first + 1;
   engine.progressContext = this;
   engine.cacheGet = cacheGet;
   engine.cachePut = cachePut;
-  worker_ = std::thread([this, &engine, threads] {
-    block_ = engine.render_number_by_thread(0, engine.noteCount - 1, &size_, threads, progress);
+  worker_ = std::thread([this, &engine, threads, first, last] {
+    block_ = engine.render_number_by_thread(first, last, &size_, threads, progress);
     done_ = true;
   });
   return true;

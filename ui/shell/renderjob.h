@@ -17,8 +17,10 @@ class RenderJob {
   RenderJob(const RenderJob&) = delete;
   RenderJob& operator=(const RenderJob&) = delete;
 
-  // Starts rendering every note; false with *error when nothing sounds.
-  bool start(EditorDocument* document, const QString& output, int threads, QString* error);
+  // Starts rendering notes first..last (-1: every note); false with
+  // *error when nothing there sounds.
+  bool start(EditorDocument* document, const QString& output, int threads, QString* error, int32_t first = -1,
+             int32_t last = -1);
   bool done() const { return done_.load(); }
   // Notes rendered and notes in all.
   int rendered() const { return rendered_.load(); }
