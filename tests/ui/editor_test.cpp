@@ -372,6 +372,17 @@ TEST_F(Editor, NotesDroppedOnOneAnotherAreRefusedOrMarked) {
   EXPECT_EQ(doc().stacked(), (std::vector<bool>{false, false}));
 }
 
+TEST_F(Editor, AProjectOpensShowingAllItsNotes) {
+  // Notes ten bars in, C4 to E4 and one A#7: a range taller than the roll.
+  const std::string path = dir_.file("wide.snt");
+  ASSERT_TRUE(writeFile(path, project({{19200, 480, "a", 60}, {480, 480, "a", 62}, {480, 480, "a", 64},
+                                       {480, 480, "a", 106}})));
+  ASSERT_TRUE(window_->openProject(QString::fromStdString(path), true));
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_TRUE(roll_->rect().contains(roll_->noteRect(i).toRect())) << i << " " << scale_->rowHeight();
+  }
+}
+
 TEST_F(Editor, TheFirstWindowTakesMostOfTheScreenAndTheNextOneWhatWasLeft) {
   QSettings().remove("mainWindowFrame");
   auto first = std::make_unique<MainWindow>();

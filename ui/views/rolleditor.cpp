@@ -109,13 +109,24 @@ void RollEditor::showPlayback(int64_t tick, int singing, int64_t renderedFrom, i
 void RollEditor::showSongStart() {
   const ctonm2& engine = document_->engine();
   int low = 127, high = 0;
+  int64_t start = 0, firstStart = -1;
   for (int32_t i = 0; i < engine.noteCount; ++i) {
+    start += engine.notes[i].Delta;
     if (ctonm2::is_r(engine.notes[i].Lyric)) continue;
+    if (firstStart < 0) firstStart = start;
     low = std::min<int>(low, engine.notes[i].NoteNum);
     high = std::max<int>(high, engine.notes[i].NoteNum);
   }
-  if (low > high) low = high = 60;
-  horizontal_->setValue(0);
+  if (low > high) low = high = 60, firstStart = 0;
+  // Rows enough for the song's range and one more on each side (once the
+  // roll is shown: before, its height is not the one the user will see).
+  const int rows = high - low + 4;
+  if (roll_->isVisible() && rows * scale_->rowHeight() > roll_->height()) {
+    scale_->zoomVertical(static_cast<double>(roll_->height()) / (rows * scale_->rowHeight()), 0.0);
+  }
+  // The first note in view, a beat after the left edge when the song starts later.
+  const double x = scale_->tickToX(static_cast<double>(firstStart)) + scale_->scrollX();
+  horizontal_->setValue(firstStart > 480 ? static_cast<int>(x - 480 * scale_->pixelsPerTick()) : 0);
   const int middle = (scale_->noteToY(low) + scale_->noteToY(high) + scale_->rowHeight()) / 2 + scale_->scrollY();
   vertical_->setValue(middle - roll_->height() / 2);
 }
