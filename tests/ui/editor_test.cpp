@@ -383,6 +383,14 @@ TEST_F(Editor, AProjectOpensShowingAllItsNotes) {
   }
 }
 
+TEST_F(Editor, FitSongShowsTheWholeSongAsLargeAsItGoes) {
+  open({{480, 480, "a", 60}, {76800, 480, "a", 67}});  // forty bars apart, a fifth
+  const int rowHeight = scale_->rowHeight();
+  trigger("fitSong");
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(roll_->rect().contains(roll_->noteRect(i).toRect())) << i;
+  EXPECT_GT(scale_->rowHeight(), rowHeight);  // eleven rows fill the height
+}
+
 TEST_F(Editor, TheFirstWindowTakesMostOfTheScreenAndTheNextOneWhatWasLeft) {
   QSettings().remove("mainWindowFrame");
   auto first = std::make_unique<MainWindow>();

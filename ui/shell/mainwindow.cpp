@@ -198,6 +198,8 @@ void MainWindow::buildMenus() {
   view->addAction(makeAction("zoomOutVertical", tr("Zoom Out V&ertically"),
                              QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_Minus), nullptr));
   connect(action("zoomOutVertical"), &QAction::triggered, editor_, &RollEditor::zoomOutVertical);
+  view->addAction(makeAction("fitSong", tr("&Fit Song"), QKeySequence(Qt::CTRL | Qt::Key_0), nullptr));
+  connect(action("fitSong"), &QAction::triggered, editor_, &RollEditor::fitSong);
   QMenu* follow = view->addMenu(tr("&Follow Playback"));
   auto* followGroup = new QActionGroup(this);
   const std::pair<const char*, RollEditor::Follow> follows[] = {{"followPage", RollEditor::Follow::kPage},

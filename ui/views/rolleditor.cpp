@@ -106,29 +106,47 @@ void RollEditor::showPlayback(int64_t tick, int singing, int64_t renderedFrom, i
   }
 }
 
-void RollEditor::showSongStart() {
+RollEditor::SongRange RollEditor::songRange() const {
   const ctonm2& engine = document_->engine();
-  int low = 127, high = 0;
-  int64_t start = 0, firstStart = -1;
+  SongRange range;
+  int64_t start = 0;
   for (int32_t i = 0; i < engine.noteCount; ++i) {
     start += engine.notes[i].Delta;
     if (ctonm2::is_r(engine.notes[i].Lyric)) continue;
-    if (firstStart < 0) firstStart = start;
-    low = std::min<int>(low, engine.notes[i].NoteNum);
-    high = std::max<int>(high, engine.notes[i].NoteNum);
+    if (range.firstStart < 0) range.firstStart = start;
+    range.low = std::min<int>(range.low, engine.notes[i].NoteNum);
+    range.high = std::max<int>(range.high, engine.notes[i].NoteNum);
   }
-  if (low > high) low = high = 60, firstStart = 0;
-  // Rows enough for the song's range and one more on each side (once the
+  if (range.low > range.high) range = SongRange{60, 60, 0};
+  return range;
+}
+
+void RollEditor::showRange(const SongRange& range, bool zoomToFit) {
+  // Rows enough for the range and more than one on each side (once the
   // roll is shown: before, its height is not the one the user will see).
-  const int rows = high - low + 4;
-  if (roll_->isVisible() && rows * scale_->rowHeight() > roll_->height()) {
+  const int rows = range.high - range.low + 4;
+  if (roll_->isVisible() && (zoomToFit || rows * scale_->rowHeight() > roll_->height())) {
     scale_->zoomVertical(static_cast<double>(roll_->height()) / (rows * scale_->rowHeight()), 0.0);
   }
-  // The first note in view, a beat after the left edge when the song starts later.
-  const double x = scale_->tickToX(static_cast<double>(firstStart)) + scale_->scrollX();
-  horizontal_->setValue(firstStart > 480 ? static_cast<int>(x - 480 * scale_->pixelsPerTick()) : 0);
-  const int middle = (scale_->noteToY(low) + scale_->noteToY(high) + scale_->rowHeight()) / 2 + scale_->scrollY();
+  const int middle =
+      (scale_->noteToY(range.low) + scale_->noteToY(range.high) + scale_->rowHeight()) / 2 + scale_->scrollY();
   vertical_->setValue(middle - roll_->height() / 2);
+}
+
+void RollEditor::showSongStart() {
+  const SongRange range = songRange();
+  // The first note in view, a beat after the left edge when the song starts later.
+  const double x = scale_->tickToX(static_cast<double>(range.firstStart)) + scale_->scrollX();
+  horizontal_->setValue(range.firstStart > 480 ? static_cast<int>(x - 480 * scale_->pixelsPerTick()) : 0);
+  showRange(range, false);
+}
+
+void RollEditor::fitSong() {
+  // The song's end and a beat more across the roll's width.
+  const double ticks = static_cast<double>(std::max<int64_t>(document_->notes().getAllTicks(), 1920)) + 480.0;
+  scale_->zoomHorizontal(roll_->width() / ticks / scale_->pixelsPerTick(), 0.0);
+  horizontal_->setValue(0);
+  showRange(songRange(), true);
 }
 
 void RollEditor::zoomIn() { scale_->zoomHorizontal(1.25, roll_->width() / 2.0); }

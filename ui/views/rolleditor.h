@@ -42,11 +42,21 @@ class RollEditor : public QWidget {
   void zoomOut();
   void zoomInVertical();
   void zoomOutVertical();
+  // Zooms so that the whole song fits the roll, its range in the middle.
+  void fitSong();
 
  protected:
   void resizeEvent(QResizeEvent* event) override;
 
  private:
+  struct SongRange {
+    int low = 127, high = 0;  // note numbers of the sounding notes
+    int64_t firstStart = -1;  // tick of the first
+  };
+  SongRange songRange() const;
+  // Centres the range vertically, zooming out until it fits (in as well
+  // with zoomToFit).
+  void showRange(const SongRange& range, bool zoomToFit);
   void updateScrollBars();
 
   EditorDocument* document_;
