@@ -157,6 +157,26 @@ TEST_F(Editor, LyricsAreTypedInPlaceAndTabMovesToTheNextNote) {
   EXPECT_EQ(soundingNotes(doc().engine())[2].lyric, "あ");
 }
 
+TEST_F(Editor, RomajiTypedForAKanaBankBecomesKanaAndSpaceMovesOn) {
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=か,30,60,-400,40,10\na.wav=さ,30,60,-400,40,10\n");
+  open({{480, 480, "あ", 60}, {480, 480, "あ", 62}, {480, 480, "あ", 64}}, bank.folder());
+  QTest::mouseDClick(roll_, Qt::LeftButton, Qt::NoModifier, centreOf(0));
+  auto* editor = roll_->findChild<QLineEdit*>();
+  ASSERT_NE(editor, nullptr);
+  editor->setText("ka");
+  QTest::keyClick(editor, Qt::Key_Space);
+  ASSERT_TRUE(roll_->editingLyric());  // on the next note
+  editor->setText("sa");
+  QTest::keyClick(editor, Qt::Key_Space);
+  editor->setText("zu");  // no such entry either way: kept as typed
+  QTest::keyClick(editor, Qt::Key_Return);
+  const std::vector<Read> notes = soundingNotes(doc().engine());
+  EXPECT_EQ(notes[0].lyric, "か");
+  EXPECT_EQ(notes[1].lyric, "さ");
+  EXPECT_EQ(notes[2].lyric, "zu");
+}
+
 TEST_F(Editor, LyricsFlowInFromTheDialogAndShowWhatIsLeft) {
   open({{480, 480, "あ", 70}, {480, 480, "あ", 70}, {480, 480, "あ", 70}});
   click(centreOf(1));

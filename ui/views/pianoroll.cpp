@@ -382,7 +382,8 @@ class LyricKeys : public QObject {
   bool eventFilter(QObject* watched, QEvent* event) override {
     if (event->type() == QEvent::KeyPress) {
       const int key = static_cast<QKeyEvent*>(event)->key();
-      if (key == Qt::Key_Tab || key == Qt::Key_Return || key == Qt::Key_Enter || key == Qt::Key_Escape) {
+      if (key == Qt::Key_Tab || key == Qt::Key_Space || key == Qt::Key_Return || key == Qt::Key_Enter ||
+          key == Qt::Key_Escape) {
         onKey_(key);
         return true;
       }
@@ -409,7 +410,7 @@ void PianoRoll::editLyric(int index) {
         lyricEditor_->hide();
         setFocus();
       } else {
-        commitLyric(key == Qt::Key_Tab);
+        commitLyric(key == Qt::Key_Tab || key == Qt::Key_Space);
       }
     }));
   }
@@ -426,10 +427,19 @@ void PianoRoll::editLyric(int index) {
 void PianoRoll::commitLyric(bool moveOn) {
   if (!editingLyric()) return;
   const int index = lyricIndex_;
-  const QByteArray text = lyricEditor_->text().trimmed().toUtf8();
+  QByteArray text = lyricEditor_->text().trimmed().toUtf8();
   lyricEditor_->hide();
   setFocus();
   CNoteMan& notes = document_->notes();
+  // Romaji typed for a kana bank is written as the kana it sings, and kana
+  // for a romaji bank as romaji.
+  cvoiceset* voices = document_->engine().voiceset;
+  const NoteData* edited = notes.getNote(index);
+  if (voices != nullptr && edited != nullptr && !text.isEmpty() &&
+      voices->get_voicedata(nullptr, text.constData(), edited->NoteNum) != nullptr &&
+      !voices->lastLookupForm().empty()) {
+    text = QByteArray::fromStdString(voices->lastLookupForm());
+  }
   if (notes.getNote(index) != nullptr && text != QByteArray(notes.getLyric(index))) {
     document_->beginNoteEdit(index, undo::kLyric);
     notes.setLyric(index, text.constData());
