@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +27,6 @@ bool heard(const ctonm2& engine, const NoteData& note, bool playing) {
   const bool layerChosen = playing || engine.currentLayer == -1 || note.layer == engine.currentLayer;
   return ctonm2::sounds(note) && layerOn && layerChosen;
 }
-
 
 constexpr int32_t kMaxThreads = 8;
 constexpr int32_t kHeadBytes = 48;
