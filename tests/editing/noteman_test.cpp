@@ -141,6 +141,8 @@ TEST_F(Editing, PositionsBlanksAndPlainSetters) {
   EXPECT_EQ(note(1).Intensity, 250);
   man().setTempo(1, 90.0f);
   EXPECT_EQ(man().getTempo(1), 90.0f);
+  EXPECT_EQ(owner_.tempoAt(960), 90.0f);  // from its own tick on
+  EXPECT_EQ(owner_.tempoAt(959), 120.0f);
 }
 
 TEST_F(Editing, InsertingKeepsOtherNotesInPlace) {
@@ -400,6 +402,7 @@ TEST(GetOneWord, TakesTheLastPartsFirstSyllable) {
   EXPECT_STREQ(CNoteMan::getOneWord("dir/kya123", out, 64, 2), "kya123");
   EXPECT_STREQ(CNoteMan::getOneWord("dir/", out, 64, 0), "");
   EXPECT_STREQ(CNoteMan::getOneWord("abcdefgh", out, 4, 0), "abc");  // bounded by the out size
+  EXPECT_STREQ(CNoteMan::getOneWord("abcdefgh", out, 1, 0), "");
 }
 
 TEST_F(Editing, SearchRunsOneWayWithoutWrapping) {

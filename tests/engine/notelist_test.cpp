@@ -97,6 +97,8 @@ TEST(NoteList, NeighboursSkipRestsAndOtherLayers) {
   EXPECT_EQ(engine.getnextnote(3, 0), -1);
   EXPECT_EQ(engine.getnextnote(3, -1), 5);
   EXPECT_TRUE(engine.isUseLayer());
+  engine.notes[2].layer = engine.notes[5].layer = 0;
+  EXPECT_FALSE(engine.isUseLayer());
 }
 
 TEST(EngineSettings, CapacitiesAndDerivedValues) {

@@ -86,6 +86,7 @@ TEST(TimeConversion, NoteRelativeMsecFollowTempoChangesBothWays) {
   EXPECT_EQ(engine.msec2ticks(-1440.0f, 2), -960);  // back over the change
   EXPECT_EQ(engine.msec2ticks(-100.0f, 1), -100);   // note 1's Delta runs at 125
   EXPECT_EQ(engine.msec2ticks(-5000.0f, 2), -1440 - 3080);
+  EXPECT_EQ(engine.msec2ticks(-100.0f, 7), -50);  // from past the end: from the last note
   // Past the end the last note's own change holds.
   engine.notes[2].Tempo = 250.0f;
   EXPECT_EQ(engine.msec2ticks(1000.0f, 1), 480 + 80);  // 960 ms at 62.5, 40 at 250
