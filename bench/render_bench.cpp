@@ -19,6 +19,7 @@
 #include "editing/scaleman.h"
 #include "engine/ctonm2.h"
 #include "playback/audioout.h"
+#include "render/audition.h"
 #include "render/cache.h"
 #include "render/wavefile.h"
 #include "tests/testutil.h"
@@ -250,8 +251,70 @@ void BM_PlayStartDemo(benchmark::State& state) {
   measurePlayback(state, man);
 }
 
+// A note heard alone as it is written, on a warm bank (its tables made):
+// from the click (the clip asked for) to the first sound the device takes,
+// with no clip kept in memory from before. Arg 0: the generated bank's
+// "a" (1.6 s); 1: the demo bank's "か".
+void BM_AuditionFirstSound(benchmark::State& state) {
+  fixture();
+  cvoiceset voices;
+  const std::string folder =
+      state.range(0) == 0 ? fixture().bank.path() + "/" : std::string(TONA_SOURCE_DIR "/demo/voicebank/");
+  if (voices.read_voiceset(folder.c_str()) <= 0) {
+    state.SkipWithError("no voice bank");
+    return;
+  }
+  NoteData note;
+  memset(&note, 0, sizeof note);
+  strcpy(note.Lyric, state.range(0) == 0 ? "a" : "か");
+  note.NoteNum = 64;
+  note.Velocity = 100.0f;
+  note.Intensity = 100;
+  note.Modulation = 100;
+  std::string error;
+  Audition().sing(&voices, folder.c_str(), note, 500.0, &error);  // makes the tables: the bank is warm
+  PacedDevice device;
+  CAudioOut player(&device);
+  double clipMs = 0.0, firstSoundMs = 0.0;
+  for (auto _ : state) {
+    Audition audition;
+    std::atomic<bool> done{false};
+    std::atomic<double> heardAt{-1.0};
+    const auto began = std::chrono::steady_clock::now();
+    std::thread pull([&] {
+      std::vector<float> buffer(1024);
+      auto next = std::chrono::steady_clock::now();
+      while (!done && heardAt.load() < 0.0) {
+        next += std::chrono::microseconds(23220);
+        std::this_thread::sleep_until(next);
+        CAudioOut::ioProc(buffer.data(), 1024, 1);
+        for (float value : buffer) {
+          if (value == 0.0f) continue;
+          heardAt = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
+          break;
+        }
+      }
+    });
+    const std::vector<int16_t> clip = audition.sing(&voices, folder.c_str(), note, 500.0, &error);
+    clipMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - began).count();
+    auto* block = static_cast<int16_t*>(calloc(24 + clip.size(), sizeof(int16_t)));
+    std::copy(clip.begin(), clip.end(), block + 24);
+    CAudioOut::renderPos = 0;
+    CAudioOut::play_trigger(nullptr, reinterpret_cast<uint8_t*>(block), 48, static_cast<int32_t>(48 + clip.size() * 2), 0);
+    while (heardAt.load() < 0.0 && CAudioOut::NowPlaying) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    done = true;
+    pull.join();
+    player.play_stop();
+    firstSoundMs = heardAt.load();
+    state.SetIterationTime(firstSoundMs / 1000.0);
+  }
+  state.counters["clip_ms"] = clipMs;
+  state.counters["first_sound_ms"] = firstSoundMs;
+}
+
 }  // namespace
 
+BENCHMARK(BM_AuditionFirstSound)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(20);
 BENCHMARK(BM_PlayStart400Notes)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_PlayStartDemo)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_RenderColdTwoWorkers)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);

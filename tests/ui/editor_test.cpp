@@ -31,6 +31,7 @@
 #include "editing/undoman.h"
 #include "midi/midiman.h"
 #include "playback/audioout.h"
+#include "tests/render/vowel_note.h"
 #include "tests/testutil.h"
 #include "tests/ui/editor_fixture.h"
 #include "tests/voicebank/bank.h"
@@ -496,6 +497,42 @@ TEST_F(Editor, AnEditDuringPlaybackStopsItFirst) {
   EXPECT_FALSE(Player::instance().active());
   EXPECT_EQ(doc().engine().renderState.load(), 0);
   EXPECT_EQ(soundingNotes(doc().engine())[0].noteNum, 61);
+}
+
+// A note is heard as it is written: clicked, at each new pitch it is
+// dragged to, and drawn with the pen, through the player (SDL's dummy
+// driver here); not once the toolbar's toggle is off.
+TEST_F(Editor, ANoteIsHeardWhenClickedDraggedToAnotherPitchOrDrawn) {
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  open({{480, 480, "a", 60}}, bank.folder());
+  ASSERT_TRUE(window_->action("audition")->isChecked());
+  // The pitch of the clip handed to the player, read at once (it is freed
+  // once played), and then that the device plays it.
+  auto heard = [] {
+    const int16_t* words = CAudioOut::data.load();
+    const uint32_t end = CAudioOut::length.load();
+    if (words == nullptr || end < 24 + 8000) return 0.0;
+    const double f = averagePitch(std::vector<int16_t>(words + 24 + 3000, words + end - 3000));
+    EXPECT_TRUE(waitFor([] { return CAudioOut::PlayingPos.load() > CAudioOut::offset.load() + 2205; }, 3000));
+    return 1200.0 * std::log2(f / 440.0) / 100.0 + 69.0;  // as a note number
+  };
+  click(centreOf(0));
+  EXPECT_NEAR(heard(), 60.0, 0.2);
+  drag(centreOf(0), centreOf(0) - QPoint(0, 3 * scale_->rowHeight()));
+  EXPECT_EQ(soundingNotes(doc().engine())[0].noteNum, 63);
+  EXPECT_NEAR(heard(), 63.0, 0.2);
+  window_->action("toolPen")->trigger();
+  click(at(1920, 67));
+  ASSERT_EQ(soundingNotes(doc().engine()).size(), 2u);
+  EXPECT_NEAR(heard(), 67.0, 0.2);
+  ASSERT_TRUE(waitFor([] { return CAudioOut::data.load() == nullptr; }, 3000));  // the clip ends
+  trigger("audition");
+  window_->action("toolSelect")->trigger();
+  click(centreOf(0));
+  EXPECT_EQ(CAudioOut::data.load(), nullptr);
+  EXPECT_FALSE(QSettings().value("audition", true).toBool());
+  trigger("audition");
 }
 
 // Render first: the sound starts only once the whole song is rendered;

@@ -47,6 +47,7 @@
 #include "ui/shell/player.h"
 #include "ui/shell/preferences.h"
 #include "ui/shell/renderjob.h"
+#include "ui/shell/texts.h"
 #include "ui/views/pianoroll.h"
 #include "ui/views/rolleditor.h"
 #include "ui/views/timescale.h"
@@ -104,6 +105,7 @@ MainWindow::MainWindow(QWidget* parent)
   connect(&player, &Player::stateChanged, this, &MainWindow::updateActions);
   connect(editor_->roll(), &PianoRoll::propertiesRequested, this, &MainWindow::notePropertiesDialog);
   connect(editor_->roll(), &PianoRoll::detailsRequested, this, &MainWindow::noteDetailDialog);
+  connect(editor_->roll(), &PianoRoll::auditionWanted, this, &MainWindow::audition);
   connect(editor_->roll(), &PianoRoll::cursorMoved, this,
           [this](int64_t tick) { positionLabel_->setText(clock(document_->notes().Ticks2MSec(tick))); });
 
@@ -228,6 +230,12 @@ void MainWindow::buildMenus() {
   loop->setCheckable(true);
   connect(loop, &QAction::toggled, this, [](bool on) { Player::instance().setLooping(on); });
   play->addAction(loop);
+  QAction* hear = makeAction("audition", tr("&Hear Notes While Editing"), QKeySequence(), nullptr);
+  hear->setCheckable(true);
+  hear->setChecked(QSettings().value("audition", true).toBool());
+  hear->setToolTip(tr("Sing a note when it is drawn, clicked or dragged to another pitch"));
+  connect(hear, &QAction::toggled, this, [](bool on) { QSettings().setValue("audition", on); });
+  play->addAction(hear);
 
   view->addSeparator();
   QAction* lane = makeAction("showIntensity", tr("&Intensity Lane"), QKeySequence(Qt::CTRL | Qt::Key_I), nullptr);
@@ -306,6 +314,7 @@ void MainWindow::buildToolBar() {
   bar->addAction(action("play"));
   bar->addAction(action("stop"));
   bar->addAction(action("rewind"));
+  bar->addAction(action("audition"));
 }
 
 void MainWindow::updateTitle() {
@@ -638,6 +647,27 @@ void MainWindow::playSelection() {
   const int64_t to = starts[static_cast<size_t>(last)] + notes.getNote(last)->Length;
   QString error;
   if (!Player::instance().play(document_, from, to, action("loop")->isChecked(), &error)) showMessage(error, true);
+}
+
+void MainWindow::audition(int index) {
+  if (!action("audition")->isChecked()) return;
+  Player& player = Player::instance();
+  if (player.active()) return;  // a song playing or paused is not cut short
+  CNoteMan& notes = document_->notes();
+  const NoteData* note = notes.getNote(index);
+  const std::vector<int64_t>& starts = document_->starts();
+  if (note == nullptr || static_cast<size_t>(index) >= starts.size()) return;
+  const int64_t start = starts[static_cast<size_t>(index)];
+  const double lengthMs = notes.Ticks2MSec(start + note->Length) - notes.Ticks2MSec(start);
+  ctonm2& engine = document_->engine();
+  std::string why;
+  const std::vector<int16_t> clip = audition_.sing(engine.voiceset, engine.voiceDir, *note, lengthMs, &why);
+  QString error;
+  if (clip.empty()) {
+    if (engine.voiceset != nullptr) showMessage(coreText(why.c_str()));
+  } else if (!player.playClip(clip, &error)) {
+    showMessage(error, true);
+  }
 }
 
 // --- Project -------------------------------------------------------------------------

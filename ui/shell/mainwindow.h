@@ -6,6 +6,8 @@
 #include <QPointer>
 #include <cstdint>
 
+#include "render/audition.h"
+
 class EditorDocument;
 class QAction;
 class QActionGroup;
@@ -124,6 +126,8 @@ class MainWindow : public QMainWindow {
   void entriesWindow();
   void chooseSinger();
   void transpose(int dNote);
+  // Plays note `index` alone when auditioning is on and nothing else plays.
+  void audition(int index);
 
   EditorDocument* document_;
   RollEditor* editor_;
@@ -135,4 +139,5 @@ class MainWindow : public QMainWindow {
   QActionGroup* toolGroup_ = nullptr;
   QLabel* positionLabel_ = nullptr;
   QString lastMessage_;
+  Audition audition_;
 };

@@ -90,6 +90,8 @@ class PianoRoll : public QWidget {
   // detail dialog (one note).
   void propertiesRequested();
   void detailsRequested(int index);
+  // A note was drawn, clicked or dragged to another pitch: to be heard.
+  void auditionWanted(int index);
 
  protected:
   void paintEvent(QPaintEvent* event) override;

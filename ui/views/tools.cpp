@@ -71,6 +71,10 @@ void SelectTool::press(QMouseEvent* event) {
   resizing_ = onRightEdge(pressed_, point);
   // A toggle that deselected the note starts no drag.
   mode_ = notes.isSelected(pressed_) ? Mode::kPending : Mode::kNone;
+  if (mode_ == Mode::kPending) {
+    heardNote_ = notes.getNote(pressed_)->NoteNum;
+    emit roll_.auditionWanted(pressed_);
+  }
 }
 
 void SelectTool::startDrag() {
@@ -98,6 +102,12 @@ void SelectTool::apply(const QPoint& point) {
     document.notes().sizeSelectedNotes(dTicks, scale.quantize());
   }
   document.touch();
+  // The held note is heard again at each new pitch it is dragged to.
+  const NoteData* held = document.notes().getNote(pressed_);
+  if (mode_ == Mode::kMove && held != nullptr && held->NoteNum != heardNote_) {
+    heardNote_ = held->NoteNum;
+    emit roll_.auditionWanted(pressed_);
+  }
 }
 
 void SelectTool::move(QMouseEvent* event) {
@@ -319,6 +329,7 @@ void PenTool::press(QMouseEvent* event) {
   made_ = document.notes().insertNotePosition(start_, length, note, PianoRoll::kPenLyric);
   if (made_ >= 0) document.notes().addSelect(made_, 0);
   document.touch();
+  if (made_ >= 0) emit roll_.auditionWanted(made_);
 }
 
 void PenTool::move(QMouseEvent* event) {

@@ -65,6 +65,7 @@ class SelectTool : public RollTool {
   bool resizing_ = false;  // what a pending drag becomes
   QPoint origin_;
   int pressed_ = -1;
+  int16_t heardNote_ = -1;  // the pressed note's number when last heard
   bool additive_ = false;
   std::vector<Saved> saved_;
   // The handle held, and the note's pitch line and vibrato at the press.
