@@ -266,6 +266,12 @@ class ctonm2 {
                       int32_t playOffset) = nullptr;
   void (*renderPosition)(void* context, double msec) = nullptr;
   Progress progressHook = nullptr;
+  // Sound laid into a render's mix before any note (a click track): called
+  // once the mix is made, with the mix, its length in samples and the song
+  // time in msec of its first sample (negative when the mix starts before
+  // the song, to make room for the first consonant). Null: none.
+  void (*underlay)(void* context, int16_t* mix, int32_t samples, double songMs) = nullptr;
+  void* underlayContext = nullptr;
   // The render cache (null: none): a note's resampled buffer by index and
   // contents; get returns a malloc block of *bytes, put stores bytes.
   double* (*cacheGet)(int32_t index, const NoteData* note, int32_t* bytes) = nullptr;

@@ -123,6 +123,14 @@ uint8_t* allocateMix(double length, int32_t* samples) {
   return block;
 }
 
+// The engine's underlay into a fresh mix: the range's first note is at
+// the extent's origin plus its _delta in the mix, at its _pos in the song.
+void layUnder(const ctonm2& engine, int16_t* mix, int32_t samples, const Extent& extent, int32_t first) {
+  if (engine.underlay == nullptr) return;
+  const NoteData& head = engine.notes[first];
+  engine.underlay(engine.underlayContext, mix, samples, head._pos - (extent.origin() + head._delta));
+}
+
 float tempoBefore(const ctonm2& engine, int32_t first) {
   float t = engine.tempo;
   for (int32_t k = 0; k < first; ++k) {
@@ -245,6 +253,7 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
   uint8_t* block = allocateMix(extent.length, &samples);
   if (block == nullptr) return nullptr;
   int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
+  layUnder(*this, mix, samples, extent, first);
 
   markRunning(renderState);
   std::atomic<int32_t> done{0};
@@ -334,6 +343,7 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
     return nullptr;
   }
   int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
+  layUnder(*this, mix, samples, extent, first);
   const int32_t total = last - first + 1;
   if (progress != nullptr) progress(progressContext, 0, total);
   if (progressHook != nullptr) progressHook(progressContext, 0, total);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "engine/ctonm2.h"
+#include "playback/metronome.h"
 #include "render/cache.h"
 #include "render/wavefile.h"
 #include "support/userdirs.h"
@@ -212,6 +213,54 @@ TEST_F(Render, ARangeFromTheMiddleStartsWithItsFirstNote) {
     mixes.push_back(mix);
   }
   EXPECT_EQ(mixes[0], mixes[1]);
+}
+
+// Clicks laid under the notes land at their song time whether the render
+// starts at the song's start or in its middle (where the mix begins 40
+// msec before the "i" at 800 msec, for its consonant), on either driver;
+// the notes are added on top.
+TEST_F(Render, AnUnderlayLandsAtItsSongTimeUnderTheNotes) {
+  buildSong();
+  Metronome metronome;
+  metronome.setClicks({{0.0, true}, {500.0, false}, {770.0, false}, {1300.0, true}, {1900.0, false}});
+  struct Case {
+    int first;
+    double mixStartMs;
+    int threads;  // 0: the single-threaded driver
+    int clicks;
+  };
+  for (const Case& c : {Case{0, 0.0, 0, 5}, Case{0, 0.0, 2, 5}, Case{2, 760.0, 0, 3}, Case{2, 760.0, 2, 3}}) {
+    SCOPED_TRACE(c.first * 10 + c.threads);
+    std::vector<int16_t> mixes[2];
+    for (int with = 0; with < 2; ++with) {
+      engine_.underlay = with ? Metronome::lay : nullptr;
+      engine_.underlayContext = &metronome;
+      prepare();
+      int32_t size = 0;
+      Block block(c.threads > 0 ? engine_.render_number_by_thread(c.first, 5, &size, c.threads, nullptr)
+                                : engine_.render_number_with_progress(c.first, 5, &size, nullptr, 0.0, 0.0));
+      ASSERT_NE(block, nullptr);
+      mixes[with] = samplesOf(block.get(), size);
+    }
+    engine_.underlay = nullptr;
+    ASSERT_EQ(mixes[0].size(), mixes[1].size());
+    std::vector<int16_t> clicks(mixes[0].size());
+    Metronome::lay(&metronome, clicks.data(), static_cast<int32_t>(clicks.size()), c.mixStartMs);
+    int started = 0;  // sounds after at least 200 silent samples
+    size_t silent = 200;
+    for (size_t k = 0; k < clicks.size(); ++k) {
+      if (clicks[k] != 0 && silent >= 200) ++started;
+      silent = clicks[k] == 0 ? silent + 1 : 0;
+      if (std::abs(mixes[1][k]) == 32767) continue;  // clipped
+      // A note added to a click truncates its sum, not its own value: 1 apart.
+      ASSERT_LE(std::abs(mixes[1][k] - mixes[0][k] - clicks[k]), 1) << k;
+    }
+    EXPECT_EQ(started, c.clicks);
+    // The click at 1300 msec starts on its sample.
+    const size_t at = static_cast<size_t>(std::llround((1300.0 - c.mixStartMs) * 44.1));
+    EXPECT_EQ(clicks[at], 0);
+    EXPECT_NE(clicks[at + 5], 0);
+  }
 }
 
 TEST_F(Render, SameBytesOnAnyNumberOfThreadsAndEveryRun) {

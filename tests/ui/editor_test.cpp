@@ -535,6 +535,50 @@ TEST_F(Editor, ANoteIsHeardWhenClickedDraggedToAnotherPitchOrDrawn) {
   trigger("audition");
 }
 
+// The metronome, off by default: on, a click on every beat at its time
+// under the tempo map (120, then 60 from the third beat), the measures'
+// first beats marked, laid into what plays; a render to a file has none.
+TEST_F(Editor, TheMetronomeClicksOnEveryBeatUnderTheTempoMap) {
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  open({{0, 960, "R", 60}, {960, 2880, "R", 60, "Tempo=60.00\n"}, {2880, 480, "a", 60}}, bank.folder());
+  ASSERT_FALSE(window_->action("metronome")->isChecked());
+  trigger("metronome");
+  trigger("play");
+  ASSERT_TRUE(Player::instance().active()) << window_->lastMessage().toStdString();
+  const std::vector<Metronome::Click>& clicks = Player::instance().metronome().clicks();
+  const double times[] = {0, 500, 1000, 2000, 3000, 4000, 5000, 6000, 7000};
+  ASSERT_GE(clicks.size(), 9u);
+  for (size_t k = 0; k < 9; ++k) {
+    EXPECT_NEAR(clicks[k].ms, times[k], 0.01) << k;
+    EXPECT_EQ(clicks[k].accent, k == 0 || k == 4 || k == 8) << k;
+  }
+  // In the mix (from the play position on: the render may pass over the
+  // leading rests), clicks start apart as the beats are and nothing sounds
+  // between them until the note.
+  ASSERT_TRUE(waitFor([&] { return doc().engine().renderState.load() == 0; }, 10000));
+  const int16_t* block = CAudioOut::data.load();
+  ASSERT_NE(block, nullptr);
+  std::vector<int64_t> onsets;
+  int64_t silent = 200;
+  for (int64_t k = 24; k < CAudioOut::length.load() && onsets.size() < 5; ++k) {
+    if (block[k] != 0 && silent >= 200) onsets.push_back(k);
+    silent = block[k] == 0 ? silent + 1 : 0;
+  }
+  ASSERT_EQ(onsets.size(), 5u);
+  bool aligned = false;
+  for (size_t j = 0; j + 5 <= 9 && !aligned; ++j) {
+    aligned = true;
+    for (size_t k = 1; k < 5; ++k) {
+      aligned &= std::llabs(onsets[k] - onsets[0] - std::llround((times[j + k] - times[j]) * 44.1)) <= 1;
+    }
+  }
+  EXPECT_TRUE(aligned) << onsets[1] - onsets[0] << " " << onsets[2] - onsets[1];
+  trigger("stop");
+  EXPECT_EQ(doc().engine().underlay, nullptr);
+  trigger("metronome");
+}
+
 // Render first: the sound starts only once the whole song is rendered;
 // without it, while the render still runs (the song is long enough that
 // the render outlasts the 700 ms the driver waits at most). And the play

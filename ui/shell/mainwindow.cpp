@@ -230,6 +230,16 @@ void MainWindow::buildMenus() {
   loop->setCheckable(true);
   connect(loop, &QAction::toggled, this, [](bool on) { Player::instance().setLooping(on); });
   play->addAction(loop);
+  QAction* metronome = makeAction("metronome", tr("&Metronome"), QKeySequence(), nullptr);
+  metronome->setCheckable(true);
+  metronome->setChecked(QSettings().value("metronome", false).toBool());
+  metronome->setToolTip(tr("A click on every beat while the song plays (never in a rendered file)"));
+  Player::instance().setMetronome(metronome->isChecked());
+  connect(metronome, &QAction::toggled, this, [](bool on) {
+    QSettings().setValue("metronome", on);
+    Player::instance().setMetronome(on);
+  });
+  play->addAction(metronome);
   QAction* hear = makeAction("audition", tr("&Hear Notes While Editing"), QKeySequence(), nullptr);
   hear->setCheckable(true);
   hear->setChecked(QSettings().value("audition", true).toBool());

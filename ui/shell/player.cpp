@@ -9,6 +9,7 @@
 #include "ui/shell/document.h"
 #include "ui/shell/preferences.h"
 #include "ui/shell/texts.h"
+#include "ui/views/beats.h"
 
 namespace {
 
@@ -62,10 +63,25 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
   const bool renderFirst = EditorPreferences::load().renderFirst;
   document->engine().earlyStartScale = renderFirst ? HUGE_VAL : 1.0;
   CAudioOut::pauseAtDelay = renderFirst ? 1 : 0;
+  ctonm2& engine = document->engine();
+  if (metronomeOn_) {
+    // Every beat of the song and of one measure past its end, at its time
+    // under the tempo map.
+    const TickTimeline timeline(engine);
+    std::vector<Metronome::Click> clicks;
+    forEachBeat(document->scale(), 0, std::max(toTick, document->lengthTicks()) + 4 * 480,
+                [&](int64_t tick, bool measure, int) { clicks.push_back({timeline.msec(tick), measure}); });
+    metronome_.setClicks(std::move(clicks));
+    engine.underlay = Metronome::lay;
+    engine.underlayContext = &metronome_;
+  } else {
+    engine.underlay = nullptr;
+  }
   std::string message;
   const int32_t result =
       notes.playStart(fromTick, toTick, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos, nullptr, &message);
   if (result <= 0) {
+    engine.underlay = nullptr;
     *error = message.empty() ? tr("The render could not start") : coreText(message.c_str());
     document->touch();  // the preparation changed the notes' curves
     return false;
@@ -135,6 +151,7 @@ void Player::stop() {
   ctonm2& engine = document_->engine();
   if (engine.renderState.load() != 0) engine.render_stop();
   uint8_t* block = engine.render_thread_join(nullptr);
+  engine.underlay = nullptr;  // file renders have no clicks
   if (output_ != nullptr) output_->play_stop();
   if (!started) free(block);  // never handed to the player, which frees what it was given
   CAudioOut::reclaim();

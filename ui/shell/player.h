@@ -15,6 +15,8 @@
 #include <memory>
 #include <vector>
 
+#include "playback/metronome.h"
+
 class AudioDevice;
 class CAudioOut;
 class EditorDocument;
@@ -45,6 +47,9 @@ class Player : public QObject {
   bool active() const { return document_ != nullptr; }
   bool paused() const { return paused_; }
   void setLooping(bool loop) { loop_ = loop; }
+  // A click on every beat in what plays from the next play on.
+  void setMetronome(bool on) { metronomeOn_ = on; }
+  const Metronome& metronome() const { return metronome_; }
   EditorDocument* document() const { return document_; }
 
  signals:
@@ -68,4 +73,6 @@ class Player : public QObject {
   double fromMs_ = 0.0;
   bool loop_ = false;
   bool paused_ = false;
+  bool metronomeOn_ = false;
+  Metronome metronome_;
 };
