@@ -14,6 +14,7 @@
 #include "engine/sntman.h"
 #include "render/cache.h"
 #include "support/multibyte.h"
+#include "support/paths.h"
 #include "support/textcopy.h"
 
 namespace {
@@ -150,6 +151,11 @@ int32_t CNoteMan::openSnt(const char* path, const char* defaultPath) {
   const int32_t result = manager.readSnt2(path, timeSignatures, sizeof timeSignatures);
   if (result < 0) return -1;
   if (timeSignatures[0] != '\0') scale_->unserializeText(timeSignatures);
+  // The audio track is kept relative to the project file: from here on it
+  // is absolute.
+  if (engine_->audioTrack != nullptr) {
+    engine_->set_audioTrack(absoluteFrom(folderOf(path), engine_->audioTrack).c_str());
+  }
   engine_->set_projectPath(path);
   anchor_ = -1;
   synchronizeNotes();
@@ -164,6 +170,15 @@ int32_t CNoteMan::writeSnt(const char* path, const char* defaultPath) {
     std::vector<char> text(static_cast<size_t>(size));
     scale_->serialize2text(text.data(), size);
     if (text[0] != '\0') manager.addHeader("TimeSignatures", text.data());
+  }
+  if (engine_->audioTrack != nullptr) {
+    manager.addHeader("BackingTrack", relativeTo(folderOf(path), engine_->audioTrack).c_str());
+    char number[32];
+    snprintf(number, sizeof number, "%.1f", engine_->audioTrackOffset);
+    manager.addHeader("BackingTrackOffset", number);
+    snprintf(number, sizeof number, "%d", static_cast<int>(engine_->audioTrackVolume));
+    manager.addHeader("BackingTrackVolume", number);
+    manager.addHeader("BackingTrackMute", engine_->audioTrackMute != 0 ? "1" : "0");
   }
   return manager.writeSnt2(path);
 }

@@ -274,6 +274,10 @@ void ctonm2::free_snt() {
   outfile[0] = '\0';
   flags[0] = '\0';
   strcpy_n(charset, "UTF-8", kCharsetSize);
+  set_audioTrack(nullptr);
+  audioTrackOffset = 0.0;
+  audioTrackVolume = 100;
+  audioTrackMute = 0;
   for (int32_t i = 0; i < noteCount; ++i) note_clear(&notes[i]);
   free(notes);
   notes = nullptr;

@@ -278,6 +278,11 @@ class ctonm2 {
   void (*cachePut)(int32_t index, const NoteData* note, const double* data, int32_t bytes) = nullptr;
 
   char* audioTrack = nullptr;     // owned
+  // The audio track's place under the song: the song time (msec) where its
+  // first sample plays, its volume in percent (0-200), muted when not 0.
+  double audioTrackOffset = 0.0;
+  int32_t audioTrackVolume = 100;
+  int32_t audioTrackMute = 0;
   cvoiceset* voiceset = nullptr;  // not owned
 };
 

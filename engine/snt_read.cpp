@@ -4,6 +4,7 @@
 // below, so the order is part of the format. Lines arrive in pieces of at
 // most 4095 bytes; each piece counts as a line.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -279,6 +280,18 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
           mode2 = 1;
         } else if ((v = valueOf(line, "TimeSignatures=")) != nullptr) {
           strcpy_n(tsBuffer, v, tsSize);
+        } else if ((v = valueOf(line, "BackingTrack=")) != nullptr) {
+          set_audioTrack(v);
+        } else if ((v = valueOf(line, "BackingTrackOffset=")) != nullptr) {
+          float offset = 0.0f;
+          readFloat(v, &offset);
+          audioTrackOffset = std::isfinite(offset) ? std::clamp(static_cast<double>(offset), -3.6e6, 3.6e7) : 0.0;
+        } else if ((v = valueOf(line, "BackingTrackVolume=")) != nullptr) {
+          readInt(v, &audioTrackVolume);
+          audioTrackVolume = std::clamp(audioTrackVolume, 0, 200);
+        } else if ((v = valueOf(line, "BackingTrackMute=")) != nullptr) {
+          readInt(v, &audioTrackMute);
+          audioTrackMute = audioTrackMute != 0;
         }
         break;
       case Section::kNote:

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -11,6 +13,7 @@
 #include "editing/noteserial.h"
 #include "editing/scaleman.h"
 #include "support/multibyte.h"
+#include "support/paths.h"
 #include "tests/engine/notes.h"
 #include "tests/voicebank/bank.h"
 
@@ -607,4 +610,53 @@ TEST_F(Editing, VoiceSetReloadAndPrefixMap) {
   EXPECT_NE(sjis.find("C4\t\x8e\xe3\t_C4\n"), std::string::npos);
   EXPECT_EQ(sjis.find("Charset"), std::string::npos);
   EXPECT_STREQ(engine().voiceset->prefixMap[60].prefix, "\x8e\xe3");
+}
+
+// A backing track is kept relative to the project file in the 2.0 form
+// (where it is, how far it is moved, its volume and mute), read back as an
+// absolute path, left out of the 1.2 form, and held to sane values.
+TEST(ProjectBackingTrack, KeptRelativeToTheProjectIn20AndLeftOutOf12) {
+  TempDir dir;
+  for (const char* folder : {"songs", "music", "other", "other/deeper"}) mkdir(dir.file(folder).c_str(), 0777);
+  writeFile(dir.file("songs/a.snt"),
+            "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120.00\nBackingTrack=../music/t.wav\n"
+            "BackingTrackOffset=-250.5\nBackingTrackVolume=80\nBackingTrackMute=1\n"
+            "[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=60\n[#TRACKEND]\n");
+  CScaleMan scale;
+  CNoteMan man(&scale);
+  ASSERT_GE(man.openSnt(dir.file("songs/a.snt").c_str(), nullptr), 0);
+  ctonm2& engine = *man.engine();
+  ASSERT_NE(engine.audioTrack, nullptr);
+  EXPECT_EQ(std::string(engine.audioTrack), absolutePath(dir.file("music/t.wav")));
+  EXPECT_EQ(engine.audioTrackOffset, -250.5);
+  EXPECT_EQ(engine.audioTrackVolume, 80);
+  EXPECT_EQ(engine.audioTrackMute, 1);
+
+  ASSERT_EQ(man.writeSnt(dir.file("other/deeper/b.snt").c_str(), nullptr), 1);
+  const std::string saved = readFile(dir.file("other/deeper/b.snt"));
+  for (const char* line : {"\nBackingTrack=../../music/t.wav\n", "\nBackingTrackOffset=-250.5\n",
+                           "\nBackingTrackVolume=80\n", "\nBackingTrackMute=1\n"}) {
+    EXPECT_NE(saved.find(line), std::string::npos) << line;
+  }
+  CNoteMan again(&scale);
+  ASSERT_GE(again.openSnt(dir.file("other/deeper/b.snt").c_str(), nullptr), 0);
+  EXPECT_EQ(std::string(again.engine()->audioTrack), absolutePath(dir.file("music/t.wav")));
+  EXPECT_EQ(again.engine()->audioTrackOffset, -250.5);
+
+  engine.sntVersion = 120;
+  ASSERT_EQ(man.writeSnt(dir.file("old.snt").c_str(), nullptr), 1);
+  EXPECT_EQ(readFile(dir.file("old.snt")).find("Backing"), std::string::npos);
+
+  writeFile(dir.file("songs/odd.snt"),
+            "[#VERSION]\nSNT Version2.0\n[#SETTING]\nBackingTrack=/t.wav\nBackingTrackOffset=nan\n"
+            "BackingTrackVolume=999\nBackingTrackMute=7\n[#TRACKEND]\n");
+  ASSERT_GE(man.openSnt(dir.file("songs/odd.snt").c_str(), nullptr), 0);
+  EXPECT_EQ(std::string(engine.audioTrack), "/t.wav");
+  EXPECT_EQ(engine.audioTrackOffset, 0.0);
+  EXPECT_EQ(engine.audioTrackVolume, 200);
+  EXPECT_EQ(engine.audioTrackMute, 1);
+  engine.free_snt();
+  EXPECT_EQ(engine.audioTrack, nullptr);
+  EXPECT_EQ(engine.audioTrackVolume, 100);
+  EXPECT_EQ(engine.audioTrackMute, 0);
 }
