@@ -18,6 +18,7 @@
 #include <QScreen>
 #include <QSettings>
 #include <QTest>
+#include <sys/stat.h>
 #include <QTimer>
 #include <algorithm>
 #include <cstdio>
@@ -31,6 +32,7 @@
 #include "editing/undoman.h"
 #include "midi/midiman.h"
 #include "playback/audioout.h"
+#include "render/wavefile.h"
 #include "tests/render/vowel_note.h"
 #include "tests/testutil.h"
 #include "tests/ui/editor_fixture.h"
@@ -41,6 +43,7 @@
 #include "ui/shell/preferences.h"
 #include "ui/shell/startup.h"
 #include "ui/shell/texts.h"
+#include "ui/views/backinglane.h"
 #include "ui/views/pianoroll.h"
 #include "ui/views/rolleditor.h"
 #include "ui/views/timescale.h"
@@ -577,6 +580,96 @@ TEST_F(Editor, TheMetronomeClicksOnEveryBeatUnderTheTempoMap) {
   trigger("stop");
   EXPECT_EQ(doc().engine().underlay, nullptr);
   trigger("metronome");
+}
+
+// A backing track: added, drawn in its lane, dragged against the song,
+// heard in playback and mixed into a rendered file at its offset (only when
+// asked), kept by a 2.0 save relative to the project, and warned about by
+// a 1.2 save.
+TEST_F(Editor, ABackingTrackPlaysAndRendersAtItsOffsetAndIsKeptWithTheProject) {
+  TestBank bank;
+  writeVowelBank(bank, 0.6, "a.wav=a,30,60,-400,40,10\n");
+  // A note at the start (a 40 ms lead before it), then a rest to 4 s.
+  open({{0, 480, "a", 60}, {480, 3360, "R", 60}, {3360, 480, "a", 60}}, bank.folder());
+  std::vector<int16_t> tone(44100);
+  for (size_t k = 0; k < tone.size(); ++k) tone[k] = static_cast<int16_t>(std::lround(12000.0 * std::sin(k * 0.0628)));
+  const std::string track = dir_.file("music/tone.wav");
+  mkdir(dir_.file("music").c_str(), 0777);
+  ASSERT_EQ(saveWaveFile(track.c_str(), tone.data(), 88200, 16, 1, 44100), 0);
+  BackingLane* lane = window_->editor()->backingLane();
+  EXPECT_TRUE(lane->isHidden());
+  QString error;
+  ASSERT_TRUE(doc().setBackingTrack(QString::fromStdString(track), &error)) << error.toStdString();
+  EXPECT_FALSE(lane->isHidden());
+  EXPECT_TRUE(doc().modified());
+  EXPECT_FALSE(doc().setBackingTrack(QString::fromStdString(dir_.file("none.wav")), &error));
+  EXPECT_EQ(doc().backing().path(), track);
+
+  // Dragged 120 px to the right: later by the time those pixels span.
+  const int y = lane->height() / 2;
+  const double expected = std::round(lane->msAt(150) - lane->msAt(30));
+  QTest::mousePress(lane, Qt::LeftButton, Qt::NoModifier, QPoint(30, y));
+  QMouseEvent move(QEvent::MouseMove, QPoint(150, y), lane->mapToGlobal(QPoint(150, y)), Qt::NoButton,
+                   Qt::LeftButton, Qt::NoModifier);
+  QApplication::sendEvent(lane, &move);
+  QTest::mouseRelease(lane, Qt::LeftButton, Qt::NoModifier, QPoint(150, y));
+  EXPECT_EQ(doc().backing().offsetMs, expected);
+  EXPECT_GT(expected, 100.0);
+  doc().setBackingOffset(2000.0);
+
+  // Where the tone is in a mix that starts 40 ms before the song.
+  const size_t at = static_cast<size_t>(std::llround((2000.0 + 40.0) * 44.1));
+  auto holdsTone = [&](const int16_t* mix, size_t count) {
+    if (count < at + tone.size()) return false;
+    for (size_t k = 0; k < tone.size(); ++k) {
+      if (mix[at + k] != tone[k]) return false;
+    }
+    return mix[at - 1] == 0 && mix[at + tone.size()] == 0;
+  };
+  trigger("play");
+  ASSERT_TRUE(Player::instance().active()) << window_->lastMessage().toStdString();
+  ASSERT_TRUE(waitFor([&] { return doc().engine().renderState.load() == 0; }, 10000));
+  ASSERT_NE(CAudioOut::data.load(), nullptr);
+  EXPECT_TRUE(holdsTone(CAudioOut::data.load() + 24, CAudioOut::length.load() - 24));
+  trigger("stop");
+
+  for (bool with : {true, false}) {
+    const std::string wave = dir_.file(with ? "with.wav" : "without.wav");
+    ASSERT_TRUE(window_->renderToWave(QString::fromStdString(wave), -1, -1, with));
+    const std::string bytes = readFile(wave);
+    ASSERT_GT(bytes.size(), 44u + at * 2);
+    const auto* mix = reinterpret_cast<const int16_t*>(bytes.data() + 44);
+    EXPECT_EQ(holdsTone(mix, (bytes.size() - 44) / 2), with);
+    if (!with) {
+      EXPECT_EQ(mix[at + 10], 0);
+    }
+  }
+
+  // Muted: nothing is laid.
+  doc().setBackingMuted(true);
+  trigger("play");
+  ASSERT_TRUE(waitFor([&] { return doc().engine().renderState.load() == 0; }, 10000));
+  ASSERT_NE(CAudioOut::data.load(), nullptr);
+  EXPECT_EQ(CAudioOut::data.load()[24 + at + 10], 0);
+  trigger("stop");
+  doc().setBackingMuted(false);
+  doc().setBackingVolume(80);
+
+  // Kept by the 2.0 form, relative to the project; read back whole.
+  const std::string saved = dir_.file("songs/song.snt");
+  mkdir(dir_.file("songs").c_str(), 0777);
+  ASSERT_TRUE(window_->saveAs(QString::fromStdString(saved), 200));
+  EXPECT_NE(readFile(saved).find("BackingTrack=../music/tone.wav\n"), std::string::npos);
+  ASSERT_TRUE(window_->openProject(QString::fromStdString(saved), true));
+  EXPECT_EQ(doc().backing().path(), track);
+  EXPECT_EQ(doc().backing().offsetMs, 2000.0);
+  EXPECT_EQ(doc().backing().volume, 80);
+  EXPECT_EQ(doc().backing().samples().size(), tone.size());
+  ASSERT_TRUE(window_->saveAs(QString::fromStdString(dir_.file("old.snt")), 120));
+  EXPECT_TRUE(window_->lastMessage().contains("cannot keep the backing track")) << window_->lastMessage().toStdString();
+  trigger("removeBacking");
+  EXPECT_TRUE(doc().backing().empty());
+  EXPECT_TRUE(lane->isHidden());
 }
 
 // Render first: the sound starts only once the whole song is rendered;

@@ -52,6 +52,7 @@ void EditorDocument::newProject() {
   scale_.resetScale();
   path_.clear();
   sourcePath_.clear();
+  backing_.clear();
   reset();
   emit pathChanged();
 }
@@ -84,12 +85,15 @@ bool EditorDocument::load(const QString& path, const QString& bankBase, QString*
   const bool none = bank.empty();
   engine().set_voiceDir(bank.c_str());
   if (!bank.empty()) notes().readVoiceset();
+  QString backingWarning;
+  loadBacking(&backingWarning);
   if (warning != nullptr) {
     warning->clear();
     if (voiceEntryCount() == 0) {
       *warning = none ? tr("The project names no voice bank: choose one under Project > Singer.")
                       : tr("No voice bank at %1: the notes stay silent.").arg(QString::fromStdString(bank));
     }
+    if (!backingWarning.isEmpty()) *warning = warning->isEmpty() ? backingWarning : *warning + " " + backingWarning;
   }
   reset();
   emit pathChanged();
@@ -142,6 +146,75 @@ bool EditorDocument::save(const QString& path, int version, QString* error) {
   history().setSavePoint(model_->undoCallback());
   emit pathChanged();
   return true;
+}
+
+// --- Backing track -------------------------------------------------------------------
+
+void EditorDocument::loadBacking(QString* warning) {
+  backing_.clear();
+  const ctonm2& e = engine();
+  if (e.audioTrack == nullptr) return;
+  std::string why;
+  if (!backing_.load(e.audioTrack, &why)) {
+    // The path stays in the project: the file may be back next time.
+    *warning = tr("The backing track cannot be played: %1").arg(QString::fromStdString(why));
+    return;
+  }
+  backing_.offsetMs = e.audioTrackOffset;
+  backing_.volume = e.audioTrackVolume;
+  backing_.muted = e.audioTrackMute != 0;
+}
+
+void EditorDocument::backingChanged() {
+  ctonm2& e = engine();
+  e.set_audioTrack(backing_.empty() ? nullptr : backing_.path().c_str());
+  e.audioTrackOffset = backing_.offsetMs;
+  e.audioTrackVolume = backing_.volume;
+  e.audioTrackMute = backing_.muted ? 1 : 0;
+  markOtherModified();
+}
+
+bool EditorDocument::setBackingTrack(const QString& path, QString* error) {
+  emit editStarting();
+  BackingTrack loaded;
+  std::string why;
+  if (!loaded.load(QFileInfo(path).absoluteFilePath().toStdString(), &why)) {
+    *error = QString::fromStdString(why);
+    return false;
+  }
+  backing_ = std::move(loaded);
+  backingChanged();
+  return true;
+}
+
+void EditorDocument::removeBackingTrack() {
+  emit editStarting();
+  backing_.clear();
+  backingChanged();
+}
+
+void EditorDocument::previewBackingOffset(double ms) {
+  emit editStarting();
+  backing_.offsetMs = ms;
+  touch();
+}
+
+void EditorDocument::setBackingOffset(double ms) {
+  emit editStarting();
+  backing_.offsetMs = ms;
+  backingChanged();
+}
+
+void EditorDocument::setBackingVolume(int percent) {
+  emit editStarting();
+  backing_.volume = std::clamp(percent, 0, 200);
+  backingChanged();
+}
+
+void EditorDocument::setBackingMuted(bool muted) {
+  emit editStarting();
+  backing_.muted = muted;
+  backingChanged();
 }
 
 QString EditorDocument::displayName() {

@@ -19,6 +19,7 @@
 
 #include "editing/ccnoteman.h"
 #include "editing/scaleman.h"
+#include "playback/backing.h"
 
 class EditorDocument : public QObject, private UndoView {
   Q_OBJECT
@@ -67,6 +68,21 @@ class EditorDocument : public QObject, private UndoView {
   // changes. False with *error when no entry could be read there.
   bool setVoiceFolder(const QString& folder, QString* error);
   int voiceEntryCount();
+
+  // --- Backing track ----------------------------------------------------------
+  // Each change stops playback first (a render reads the track) and marks
+  // the project modified; it is not in the undo history.
+  const BackingTrack& backing() const { return backing_; }
+  // Plays `path` under the song from its start at full volume. False with
+  // *error when it cannot be read (the old track stays).
+  bool setBackingTrack(const QString& path, QString* error);
+  void removeBackingTrack();
+  // Moves the track (song msec of its first sample): preview while a drag
+  // runs, then set once where it ends.
+  void previewBackingOffset(double ms);
+  void setBackingOffset(double ms);
+  void setBackingVolume(int percent);
+  void setBackingMuted(bool muted);
 
   // --- Edits ------------------------------------------------------------------
   void beginEdit(uint32_t cmd);
@@ -132,9 +148,14 @@ class EditorDocument : public QObject, private UndoView {
   bool load(const QString& path, const QString& bankBase, QString* error, QString* warning);
   // After an edit: a word when it stacked notes on one another.
   void checkStacked();
+  // The track the engine names, read (or cleared); a word when it cannot be.
+  void loadBacking(QString* warning);
+  // The track's placement into the engine's fields, then modified.
+  void backingChanged();
 
   CScaleMan scale_;
   std::unique_ptr<CCNoteMan> model_;
+  BackingTrack backing_;
   QString path_;
   QString sourcePath_;
   QString undoTitle_;

@@ -147,6 +147,10 @@ void MainWindow::buildMenus() {
   file->addAction(makeAction("renderSelection", tr("Render &Selection to WAV…"),
                              QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R), &MainWindow::renderSelectionDialog));
   file->addSeparator();
+  file->addAction(makeAction("addBacking", tr("Add &Backing Track…"), QKeySequence(), &MainWindow::addBackingDialog));
+  file->addAction(makeAction("removeBacking", tr("Remove Backing Track"), QKeySequence(), nullptr));
+  connect(action("removeBacking"), &QAction::triggered, this, [this] { document_->removeBackingTrack(); });
+  file->addSeparator();
   file->addAction(makeAction("import", tr("&Import MusicXML, MIDI or VSQ…"), QKeySequence(), &MainWindow::importDialog));
   file->addAction(makeAction("export", tr("E&xport as VSQ, MIDI or MusicXML…"), QKeySequence(), &MainWindow::exportDialog));
   file->addSeparator();
@@ -242,6 +246,7 @@ void MainWindow::buildMenus() {
   play->addAction(metronome);
   QAction* hear = makeAction("audition", tr("&Hear Notes While Editing"), QKeySequence(), nullptr);
   hear->setCheckable(true);
+  hear->setIconText(tr("Hear Notes"));
   hear->setChecked(QSettings().value("audition", true).toBool());
   hear->setToolTip(tr("Sing a note when it is drawn, clicked or dragged to another pitch"));
   connect(hear, &QAction::toggled, this, [](bool on) { QSettings().setValue("audition", on); });
@@ -335,6 +340,7 @@ void MainWindow::updateTitle() {
 void MainWindow::updateActions() {
   CNoteMan& notes = document_->notes();
   const bool selection = notes.getSelectCount() > 0;
+  action("removeBacking")->setEnabled(!document_->backing().empty());
   action("undo")->setText(document_->undoTitle());
   action("redo")->setText(document_->redoTitle());
   action("undo")->setEnabled(document_->history().isCanUndo());
@@ -450,7 +456,11 @@ bool MainWindow::saveAs(const QString& path, int version) {
     return false;
   }
   rememberRecent(document_->path());
-  showMessage(tr("Saved %1").arg(path));
+  if (version < 200 && !document_->backing().empty()) {
+    showMessage(tr("Saved %1 in the 1.2 form, which cannot keep the backing track").arg(path), true);
+  } else {
+    showMessage(tr("Saved %1").arg(path));
+  }
   updateTitle();
   return true;
 }
@@ -472,7 +482,39 @@ void MainWindow::renderDialog() {
   QString path = QFileDialog::getSaveFileName(this, tr("Render to WAV"), start, tr("WAV files (*.wav)"));
   if (path.isEmpty()) return;
   if (QFileInfo(path).suffix().isEmpty()) path += ".wav";
-  renderToWave(path);
+  bool go = true;
+  const bool withBacking = askMixBacking(&go);
+  if (go) renderToWave(path, -1, -1, withBacking);
+}
+
+bool MainWindow::askMixBacking(bool* go) {
+  *go = true;
+  const BackingTrack& backing = document_->backing();
+  if (backing.empty() || backing.muted) return false;
+  const auto answer = QMessageBox::question(
+      this, tr("Backing Track"),
+      tr("Mix the backing track (%1) into the file?").arg(QFileInfo(QString::fromStdString(backing.path())).fileName()),
+      QMessageBox::Yes | QMessageBox::No | QMessageBox::Cancel, QMessageBox::Yes);
+  *go = answer != QMessageBox::Cancel;
+  return answer == QMessageBox::Yes;
+}
+
+void MainWindow::addBackingDialog() {
+  const QString start = QFileInfo(suggestedPath("wav")).absolutePath();
+  const QString path = QFileDialog::getOpenFileName(
+      this, tr("Add Backing Track"), start,
+      tr("Audio files (*.wav *.flac *.ogg *.oga *.aif *.aiff *.mp3 *.opus);;All files (*)"));
+  if (path.isEmpty()) return;
+  QString error;
+  if (!document_->setBackingTrack(path, &error)) {
+    showMessage(tr("Cannot add the backing track: %1").arg(error), true);
+    return;
+  }
+  if (document_->formVersion() < 200) {
+    showMessage(tr("The 1.2 form cannot keep a backing track: save in the 2.0 form to keep it"), true);
+  } else {
+    showMessage(tr("Backing track: %1").arg(QFileInfo(path).fileName()));
+  }
 }
 
 void MainWindow::renderSelectionDialog() {
@@ -487,14 +529,16 @@ void MainWindow::renderSelectionDialog() {
   QString path = QFileDialog::getSaveFileName(this, tr("Render Selection to WAV"), start, tr("WAV files (*.wav)"));
   if (path.isEmpty()) return;
   if (QFileInfo(path).suffix().isEmpty()) path += ".wav";
-  renderToWave(path, first, last);
+  bool go = true;
+  const bool withBacking = askMixBacking(&go);
+  if (go) renderToWave(path, first, last, withBacking);
 }
 
-bool MainWindow::renderToWave(const QString& path, int32_t first, int32_t last) {
+bool MainWindow::renderToWave(const QString& path, int32_t first, int32_t last, bool withBacking) {
   Player::instance().stop();
   RenderJob job;
   QString error;
-  if (!job.start(document_, path, EditorPreferences::load().renderThreads, &error, first, last)) {
+  if (!job.start(document_, path, EditorPreferences::load().renderThreads, &error, first, last, withBacking)) {
     showMessage(error, true);
     return false;
   }

@@ -46,7 +46,7 @@ class MainWindow : public QMainWindow {
   bool saveAs(const QString& path, int version);
   // Renders to a WAV file with a progress dialog; false when stopped or failed.
   // Renders notes first..last (-1: the whole song) to a WAV file.
-  bool renderToWave(const QString& path, int32_t first = -1, int32_t last = -1);
+  bool renderToWave(const QString& path, int32_t first = -1, int32_t last = -1, bool withBacking = false);
 
   // Actions by name, for the tests and the shortcuts ("undo", "play", ...).
   QAction* action(const QString& name) const;
@@ -99,6 +99,10 @@ class MainWindow : public QMainWindow {
   void saveAsDialog();
   void renderDialog();
   void renderSelectionDialog();
+  // Whether a render mixes the backing track in: asked when there is one
+  // to hear. False in *go when the user cancelled.
+  bool askMixBacking(bool* go);
+  void addBackingDialog();
   void cutNotes();
   void copyNotes();
   void pasteNotes();

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "playback/audioout.h"
+#include "playback/backing.h"
 #include "playback/sdl_output.h"
 #include "ui/shell/document.h"
 #include "ui/shell/preferences.h"
@@ -72,11 +73,12 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
     forEachBeat(document->scale(), 0, std::max(toTick, document->lengthTicks()) + 4 * 480,
                 [&](int64_t tick, bool measure, int) { clicks.push_back({timeline.msec(tick), measure}); });
     metronome_.setClicks(std::move(clicks));
-    engine.underlay = Metronome::lay;
-    engine.underlayContext = &metronome_;
-  } else {
-    engine.underlay = nullptr;
   }
+  // What plays under the voice: the backing track, then the clicks.
+  underBacking_ = document->backing().empty() ? nullptr : &document->backing();
+  underClicks_ = metronomeOn_;
+  engine.underlay = underBacking_ != nullptr || underClicks_ ? &Player::layUnder : nullptr;
+  engine.underlayContext = this;
   std::string message;
   const int32_t result =
       notes.playStart(fromTick, toTick, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos, nullptr, &message);
@@ -95,6 +97,12 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
   timer_.start();
   emit stateChanged();
   return true;
+}
+
+void Player::layUnder(void* context, int16_t* mix, int32_t samples, double songMs) {
+  Player* self = static_cast<Player*>(context);
+  if (self->underBacking_ != nullptr) BackingTrack::lay(const_cast<BackingTrack*>(self->underBacking_), mix, samples, songMs);
+  if (self->underClicks_) Metronome::lay(&self->metronome_, mix, samples, songMs);
 }
 
 bool Player::playClip(const std::vector<int16_t>& samples, QString* error) {

@@ -17,6 +17,7 @@
 
 #include "playback/metronome.h"
 
+class BackingTrack;
 class AudioDevice;
 class CAudioOut;
 class EditorDocument;
@@ -62,6 +63,8 @@ class Player : public QObject {
   void poll();
   void finish();
   bool openDevice(QString* error);
+  // The engine's underlay while playing: the backing track and the clicks.
+  static void layUnder(void* context, int16_t* mix, int32_t samples, double songMs);
 
   QString deviceWanted_;
   std::unique_ptr<AudioDevice> device_;
@@ -75,4 +78,7 @@ class Player : public QObject {
   bool paused_ = false;
   bool metronomeOn_ = false;
   Metronome metronome_;
+  // What the render now running lays under the voice.
+  const BackingTrack* underBacking_ = nullptr;
+  bool underClicks_ = false;
 };

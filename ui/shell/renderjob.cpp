@@ -37,7 +37,7 @@ void RenderJob::progress(void* context, int32_t done, int32_t total) {
 }
 
 bool RenderJob::start(EditorDocument* document, const QString& output, int threads, QString* error, int32_t first,
-                      int32_t last) {
+                      int32_t last, bool withBacking) {
   document_ = document;
   output_ = output;
   ctonm2& engine = document->engine();
@@ -58,6 +58,9 @@ bool RenderJob::start(EditorDocument* document, const QString& output, int threa
   engine.progressContext = this;
   engine.cacheGet = cacheGet;
   engine.cachePut = cachePut;
+  const BackingTrack& backing = document->backing();
+  engine.underlay = withBacking && !backing.empty() && !backing.muted ? BackingTrack::lay : nullptr;
+  engine.underlayContext = const_cast<BackingTrack*>(&backing);
   worker_ = std::thread([this, &engine, threads, first, last] {
     block_ = engine.render_number_by_thread(first, last, &size_, threads, progress);
     done_ = true;
@@ -76,6 +79,7 @@ bool RenderJob::finish(QString* error) {
   engine.progressContext = nullptr;
   engine.cacheGet = nullptr;
   engine.cachePut = nullptr;
+  engine.underlay = nullptr;
   document_->touch();
   if (cancelled_) {
     *error = QObject::tr("Stopped: nothing was written");

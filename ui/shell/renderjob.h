@@ -17,10 +17,11 @@ class RenderJob {
   RenderJob(const RenderJob&) = delete;
   RenderJob& operator=(const RenderJob&) = delete;
 
-  // Starts rendering notes first..last (-1: every note); false with
-  // *error when nothing there sounds.
+  // Starts rendering notes first..last (-1: every note), with the
+  // document's backing track mixed in when withBacking (and it is not
+  // muted); false with *error when nothing there sounds.
   bool start(EditorDocument* document, const QString& output, int threads, QString* error, int32_t first = -1,
-             int32_t last = -1);
+             int32_t last = -1, bool withBacking = false);
   bool done() const { return done_.load(); }
   // Notes rendered and notes in all.
   int rendered() const { return rendered_.load(); }

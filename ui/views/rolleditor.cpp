@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "ui/shell/document.h"
+#include "ui/views/backinglane.h"
 #include "ui/views/pianoroll.h"
 #include "ui/views/rulers.h"
 #include "ui/views/timescale.h"
@@ -18,6 +19,7 @@ RollEditor::RollEditor(EditorDocument* document, QWidget* parent)
   roll_ = new PianoRoll(document, scale_, this);
   ruler_ = new Ruler(document, scale_, this);
   keyboard_ = new Keyboard(scale_, this);
+  backingLane_ = new BackingLane(document, scale_, this);
   valuePane_ = new ValuePane(document, scale_, this);
   valuePane_->setFixedHeight(110);
   paneMode_ = new QComboBox(this);
@@ -39,12 +41,13 @@ RollEditor::RollEditor(EditorDocument* document, QWidget* parent)
   corner->setFixedSize(keyboard_->width(), ruler_->height());
   grid->addWidget(corner, 0, 0);
   grid->addWidget(ruler_, 0, 1);
-  grid->addWidget(keyboard_, 1, 0);
-  grid->addWidget(roll_, 1, 1);
-  grid->addWidget(vertical_, 1, 2);
-  grid->addWidget(paneMode_, 2, 0, Qt::AlignTop);
-  grid->addWidget(valuePane_, 2, 1);
-  grid->addWidget(horizontal_, 3, 1);
+  grid->addWidget(backingLane_, 1, 1);
+  grid->addWidget(keyboard_, 2, 0);
+  grid->addWidget(roll_, 2, 1);
+  grid->addWidget(vertical_, 2, 2);
+  grid->addWidget(paneMode_, 3, 0, Qt::AlignTop);
+  grid->addWidget(valuePane_, 3, 1);
+  grid->addWidget(horizontal_, 4, 1);
 
   connect(horizontal_, &QScrollBar::valueChanged, this, [this](int value) {
     if (!syncing_) scale_->setScrollX(value);

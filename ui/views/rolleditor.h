@@ -7,6 +7,7 @@
 #include <QWidget>
 #include <cstdint>
 
+class BackingLane;
 class EditorDocument;
 class Keyboard;
 class PianoRoll;
@@ -28,6 +29,7 @@ class RollEditor : public QWidget {
   PianoRoll* roll() const { return roll_; }
   Ruler* ruler() const { return ruler_; }
   ValuePane* valuePane() const { return valuePane_; }
+  BackingLane* backingLane() const { return backingLane_; }
 
   void setFollow(Follow follow) { follow_ = follow; }
   Follow follow() const { return follow_; }
@@ -65,6 +67,7 @@ class RollEditor : public QWidget {
   Ruler* ruler_;
   Keyboard* keyboard_;
   ValuePane* valuePane_;
+  BackingLane* backingLane_;
   QComboBox* paneMode_;
   QScrollBar* horizontal_;
   QScrollBar* vertical_;
