@@ -8,14 +8,18 @@
 #include <QImage>
 #include <QMouseEvent>
 #include <QPainter>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "bench/qt_bench_main.h"
 #include "tests/testutil.h"
 #include "ui/shell/document.h"
 #include "ui/shell/mainwindow.h"
+#include "render/wavefile.h"
+#include "ui/views/backinglane.h"
 #include "ui/views/pianoroll.h"
 #include "ui/views/rolleditor.h"
 #include "ui/views/timescale.h"
@@ -143,6 +147,54 @@ void BM_PitchHandleStep(benchmark::State& state) {
   state.counters["steps"] = document.history().steps();
 }
 BENCHMARK(BM_PitchHandleStep)->Unit(benchmark::kMillisecond);
+
+// A 5-minute backing track (48 kHz stereo, resampled on load): loading it
+// into the document, and one frame of its lane, with the whole song (the
+// track under 10,000 notes, 20 minutes) in view (arg 0) or at the default
+// zoom (1).
+std::string fiveMinuteTrack(const TempDir& dir) {
+  const int32_t frames = 5 * 60 * 48000;
+  std::vector<int16_t> words(static_cast<size_t>(frames) * 2);
+  uint32_t noise = 1;
+  for (int32_t f = 0; f < frames; ++f) {
+    noise = noise * 1664525u + 1013904223u;
+    const double beat = (f % 24000) < 2000 ? 1.0 : 0.3;
+    const auto value = static_cast<int16_t>(beat * (std::sin(f * 0.05) * 8000.0 + static_cast<int32_t>(noise >> 20) - 2048));
+    words[static_cast<size_t>(f) * 2] = words[static_cast<size_t>(f) * 2 + 1] = value;
+  }
+  const std::string path = dir.file("track.wav");
+  saveWaveFile(path.c_str(), words.data(), static_cast<int32_t>(words.size() * 2), 16, 2, 48000);
+  return path;
+}
+
+void BM_LoadBackingTrack5Min(benchmark::State& state) {
+  Fixture f;
+  const QString track = QString::fromStdString(fiveMinuteTrack(f.dir));
+  QString error;
+  for (auto _ : state) {
+    if (!f.window->document()->setBackingTrack(track, &error)) state.SkipWithError("cannot load");
+  }
+}
+BENCHMARK(BM_LoadBackingTrack5Min)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+void BM_BackingLaneFrame(benchmark::State& state) {
+  Fixture f;
+  QString error;
+  if (!f.window->document()->setBackingTrack(QString::fromStdString(fiveMinuteTrack(f.dir)), &error)) {
+    state.SkipWithError("cannot load");
+    return;
+  }
+  QApplication::processEvents();
+  if (state.range(0) == 0) f.window->editor()->fitSong();
+  BackingLane* lane = f.window->editor()->backingLane();
+  QImage frame(lane->size(), QImage::Format_ARGB32_Premultiplied);
+  for (auto _ : state) {
+    QPainter painter(&frame);
+    lane->render(&painter);
+  }
+  state.counters["width"] = lane->width();
+}
+BENCHMARK(BM_BackingLaneFrame)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

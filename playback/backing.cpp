@@ -1,7 +1,7 @@
 #include "playback/backing.h"
 
-#include <samplerate.h>
 #include <sndfile.h>
+#include <soxr.h>
 
 #include <algorithm>
 #include <cmath>
@@ -53,20 +53,17 @@ bool BackingTrack::load(const std::string& path, std::string* error) {
   if (info.samplerate == 44100) {
     out.swap(mono);
   } else {
-    const double ratio = 44100.0 / info.samplerate;
-    out.resize(static_cast<size_t>(std::ceil(mono.size() * ratio)) + 16);
-    SRC_DATA data = {};
-    data.data_in = mono.data();
-    data.input_frames = static_cast<long>(mono.size());
-    data.data_out = out.data();
-    data.output_frames = static_cast<long>(out.size());
-    data.src_ratio = ratio;
-    const int failed = src_simple(&data, SRC_SINC_FASTEST, 1);
-    if (failed != 0) {
-      *error = "cannot resample " + path + ": " + src_strerror(failed);
+    out.resize(static_cast<size_t>(std::ceil(mono.size() * 44100.0 / info.samplerate)) + 16);
+    size_t made = 0;
+    const soxr_quality_spec_t quality = soxr_quality_spec(SOXR_HQ, 0);
+    const soxr_runtime_spec_t runtime = soxr_runtime_spec(2);
+    const soxr_error_t failed = soxr_oneshot(info.samplerate, 44100, 1, mono.data(), mono.size(), nullptr, out.data(),
+                                             out.size(), &made, nullptr, &quality, &runtime);
+    if (failed != nullptr) {
+      *error = "cannot resample " + path + ": " + failed;
       return false;
     }
-    out.resize(static_cast<size_t>(data.output_frames_gen));
+    out.resize(made);
   }
 
   path_ = path;

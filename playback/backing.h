@@ -1,10 +1,11 @@
 // BackingTrack: an accompaniment heard under the voice.
 //
 // The file (WAV, FLAC, OGG or anything else libsndfile reads) is read
-// whole, mixed down to mono and brought to 44100 Hz once, at load; it is
-// then laid into a render's mix before the notes (the engine's underlay)
-// at its offset and volume, so it plays in step with the voice from any
-// position and can be mixed into a rendered file.
+// whole, mixed down to mono and brought to 44100 Hz once, at load (SoX's
+// resampler, at its high quality); it is then laid into a render's mix
+// before the notes (the engine's underlay) at its offset and volume, so it
+// plays in step with the voice from any position and can be mixed into a
+// rendered file.
 #pragma once
 
 #include <cstdint>

@@ -6,7 +6,7 @@ TONA_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 TONA_JOBS=$(nproc 2>/dev/null || echo 2)
 
 tona_packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev libsdl2-dev
-               libxml2-dev libzip-dev libsndfile1-dev libsamplerate0-dev
+               libxml2-dev libzip-dev libsndfile1-dev libsoxr-dev
                qt6-base-dev fonts-noto-cjk)
 
 tona_install_packages() {
