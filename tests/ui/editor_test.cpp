@@ -17,6 +17,7 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QSettings>
+#include <QFrame>
 #include <QTest>
 #include <sys/stat.h>
 #include <QTimer>
@@ -33,6 +34,7 @@
 #include "midi/midiman.h"
 #include "playback/audioout.h"
 #include "render/wavefile.h"
+#include "support/userdirs.h"
 #include "tests/render/vowel_note.h"
 #include "tests/testutil.h"
 #include "tests/ui/editor_fixture.h"
@@ -580,6 +582,28 @@ TEST_F(Editor, TheMetronomeClicksOnEveryBeatUnderTheTempoMap) {
   trigger("stop");
   EXPECT_EQ(doc().engine().underlay, nullptr);
   trigger("metronome");
+}
+
+// With no voice bank the window itself says so, where banks go, and
+// offers the ways to one; the demo bank is a click away, and the word goes
+// once the notes can sing.
+TEST_F(Editor, WithNoVoiceBankTheWindowSaysSoAndOffersTheDemoBank) {
+  auto* banner = window_->findChild<QFrame*>("bankBanner");
+  ASSERT_NE(banner, nullptr);
+  EXPECT_FALSE(banner->isHidden());
+  const QString voices = QString::fromStdString(userFolder(UserFolder::kVoice));
+  EXPECT_TRUE(window_->findChild<QLabel*>("bankText")->text().contains(voices));
+  EXPECT_FALSE(window_->findChild<QPushButton*>("bankChoose")->isHidden());
+  auto* demo = window_->findChild<QPushButton*>("bankDemo");
+  ASSERT_FALSE(demo->isHidden());
+  QTest::mouseClick(demo, Qt::LeftButton);
+  EXPECT_GT(doc().voiceEntryCount(), 0);
+  EXPECT_TRUE(doc().voiceFolder().endsWith("/demo/voicebank/")) << doc().voiceFolder().toStdString();
+  EXPECT_TRUE(banner->isHidden());
+  // A project whose bank is not there says which.
+  open({{480, 480, "a", 60}}, "/no/such/bank/");
+  EXPECT_FALSE(banner->isHidden());
+  EXPECT_TRUE(window_->findChild<QLabel*>("bankText")->text().contains("/no/such/bank/"));
 }
 
 // A backing track: added, drawn in its lane, dragged against the song,

@@ -7,6 +7,7 @@
 #include <QCloseEvent>
 #include <QComboBox>
 #include <QDialog>
+#include <QDesktopServices>
 #include <QDialogButtonBox>
 #include <QDir>
 #include <QDockWidget>
@@ -14,6 +15,7 @@
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QFormLayout>
+#include <QFrame>
 #include <QHBoxLayout>
 #include <QInputDialog>
 #include <QLabel>
@@ -28,6 +30,7 @@
 #include <QStatusBar>
 #include <QThread>
 #include <QTimer>
+#include <QUrl>
 #include <QToolBar>
 #include <QVBoxLayout>
 #include <algorithm>
@@ -80,7 +83,14 @@ QString clock(double ms) {
 MainWindow::MainWindow(QWidget* parent)
     : QMainWindow(parent), document_(new EditorDocument(this)), editor_(new RollEditor(document_, this)) {
   setAttribute(Qt::WA_DeleteOnClose);
-  setCentralWidget(editor_);
+  auto* central = new QWidget(this);
+  auto* column = new QVBoxLayout(central);
+  column->setContentsMargins(0, 0, 0, 0);
+  column->setSpacing(0);
+  buildBankBanner();
+  column->addWidget(bankBanner_);
+  column->addWidget(editor_, 1);
+  setCentralWidget(central);
   buildMenus();
   buildToolBar();
   positionLabel_ = new QLabel(this);
@@ -91,6 +101,7 @@ MainWindow::MainWindow(QWidget* parent)
   connect(document_, &EditorDocument::pathChanged, this, &MainWindow::updateTitle);
   connect(document_, &EditorDocument::notice, this, [this](const QString& text) { showMessage(text, true); });
   connect(document_, &EditorDocument::changed, this, &MainWindow::updateActions);
+  connect(document_, &EditorDocument::changed, this, &MainWindow::updateBankBanner);
   // The note list never changes while a render runs: an edit stops playback first.
   connect(document_, &EditorDocument::editStarting, this, [this] {
     if (Player::instance().document() == document_) Player::instance().stop();
@@ -969,6 +980,67 @@ void MainWindow::preferencesDialog() {
   if (pen >= 0) penBox_->setCurrentIndex(pen);
   const int grid = gridBox_->findData(prefs.grid);
   if (grid >= 0) gridBox_->setCurrentIndex(grid);
+}
+
+static QString demoBankFolder() {
+  // Installed beside the program, or in the source tree it was built from.
+  const QStringList candidates = {QCoreApplication::applicationDirPath() + "/../share/tona/demo/voicebank",
+                                  QStringLiteral(TONA_SOURCE_DIR "/demo/voicebank")};
+  for (const QString& folder : candidates) {
+    if (QFileInfo::exists(folder + "/oto.ini")) return QFileInfo(folder).canonicalFilePath() + "/";
+  }
+  return QString();
+}
+
+void MainWindow::buildBankBanner() {
+  bankBanner_ = new QFrame(this);
+  bankBanner_->setObjectName("bankBanner");
+  bankBanner_->setFrameShape(QFrame::StyledPanel);
+  bankBanner_->setStyleSheet("#bankBanner { background: #fff6d9; }");
+  auto* row = new QHBoxLayout(bankBanner_);
+  row->setContentsMargins(10, 6, 10, 6);
+  bankText_ = new QLabel(bankBanner_);
+  bankText_->setObjectName("bankText");
+  bankText_->setWordWrap(true);
+  bankText_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+  row->addWidget(bankText_, 1);
+  auto* choose = new QPushButton(tr("Choose a Singer…"), bankBanner_);
+  choose->setObjectName("bankChoose");
+  connect(choose, &QPushButton::clicked, this, &MainWindow::singerDialog);
+  row->addWidget(choose);
+  auto* demo = new QPushButton(tr("Sing with the Demo Bank"), bankBanner_);
+  demo->setObjectName("bankDemo");
+  demo->setVisible(!demoBankFolder().isEmpty());
+  connect(demo, &QPushButton::clicked, this, [this] {
+    QString error;
+    const QString folder = demoBankFolder();
+    if (document_->setVoiceFolder(folder, &error)) {
+      rememberSinger(folder);
+      showMessage(tr("Singing with %1").arg(folder));
+    } else {
+      showMessage(error, true);
+    }
+  });
+  row->addWidget(demo);
+  auto* open = new QPushButton(tr("Open the Voice Folder"), bankBanner_);
+  open->setObjectName("bankFolder");
+  connect(open, &QPushButton::clicked, this, [] {
+    const std::string folder = userFolder(UserFolder::kVoice, true);
+    QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(folder)));
+  });
+  row->addWidget(open);
+  updateBankBanner();
+}
+
+void MainWindow::updateBankBanner() {
+  const bool none = document_->voiceEntryCount() == 0;
+  bankBanner_->setVisible(none);
+  if (!none) return;
+  const QString voices = QString::fromStdString(userFolder(UserFolder::kVoice));
+  const QString named = document_->voiceFolder();
+  const QString why = named.isEmpty() ? tr("No voice bank is chosen yet: the notes cannot sing.")
+                                      : tr("No voice bank at %1: the notes cannot sing.").arg(named);
+  bankText_->setText(why + " " + tr("Choose a singer, or put voice banks (folders with an oto.ini) in %1.").arg(voices));
 }
 
 void MainWindow::singerDialog() {

@@ -10,6 +10,7 @@
 
 class EditorDocument;
 class QAction;
+class QFrame;
 class QActionGroup;
 class QComboBox;
 class QLabel;
@@ -122,6 +123,10 @@ class MainWindow : public QMainWindow {
   void noteDetailDialog(int index);
   void assistantDialog();
   void buildLayerPanel();
+  // The word in the window while the project has no voice bank to sing
+  // with: why, and the ways to one.
+  void buildBankBanner();
+  void updateBankBanner();
   void importDialog();
   void exportDialog();
   void preferencesDialog();
@@ -142,6 +147,8 @@ class MainWindow : public QMainWindow {
   QComboBox* layerBox_ = nullptr;
   QActionGroup* toolGroup_ = nullptr;
   QLabel* positionLabel_ = nullptr;
+  QFrame* bankBanner_ = nullptr;
+  QLabel* bankText_ = nullptr;
   QString lastMessage_;
   Audition audition_;
 };
