@@ -604,6 +604,7 @@ TEST_F(Editor, WithNoVoiceBankTheWindowSaysSoAndOffersTheDemoBank) {
   open({{480, 480, "a", 60}}, "/no/such/bank/");
   EXPECT_FALSE(banner->isHidden());
   EXPECT_TRUE(window_->findChild<QLabel*>("bankText")->text().contains("/no/such/bank/"));
+  QSettings().remove("singerHistory");  // the demo bank was remembered as a singer
 }
 
 // A backing track: added, drawn in its lane, dragged against the song,
