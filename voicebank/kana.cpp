@@ -90,3 +90,39 @@ std::string romajiToKana(const std::string& lyric) {
   }
   return "";
 }
+
+std::string romajiTextToKana(const std::string& text) {
+  auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+  auto letter = [&](size_t at) { return at < text.size() ? lower(text[at]) : '\0'; };
+  auto isLetter = [](char c) { return c >= 'a' && c <= 'z'; };
+  auto isVowel = [](char c) { return strchr("aeiou", c) != nullptr && c != '\0'; };
+  std::string out;
+  size_t at = 0;
+  while (at < text.size()) {
+    const char c = letter(at);
+    if (!isLetter(c)) {
+      out += text[at++];
+      continue;
+    }
+    // "kk", "ss", "tch": a small tsu before the syllable.
+    const char next = letter(at + 1);
+    if ((c == next && c != 'n' && !isVowel(c)) || (c == 't' && next == 'c' && letter(at + 2) == 'h')) {
+      out += "っ";
+      ++at;
+      continue;
+    }
+    bool matched = false;
+    for (size_t length = 4; length >= 1 && !matched; --length) {
+      if (at + length > text.size()) continue;
+      std::string piece;
+      for (size_t k = 0; k < length; ++k) piece += letter(at + k);
+      const std::string kana = romajiToKana(piece);
+      if (kana.empty()) continue;
+      out += kana;
+      at += length;
+      matched = true;
+    }
+    if (!matched) out += text[at++];
+  }
+  return out;
+}

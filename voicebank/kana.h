@@ -10,6 +10,11 @@
 std::string kanaToRomaji(const std::string& lyric);
 // The hiragana of a lyric that is one romaji syllable, else "".
 std::string romajiToKana(const std::string& lyric);
+// A text with romaji words in it, as people type lyrics ("sakura",
+// "konnichiwa", "kitte"), with each romaji syllable made hiragana: the
+// longest syllable at each place, a doubled consonant as a small tsu, an
+// "n" no syllable takes as "ん". Whatever is not romaji stays as it is.
+std::string romajiTextToKana(const std::string& text);
 
 struct KanaSyllable {
   const char* kana;    // hiragana, UTF-8

@@ -206,6 +206,29 @@ TEST_F(Editor, LyricsFlowInFromTheDialogAndShowWhatIsLeft) {
   EXPECT_EQ(soundingNotes(doc().engine())[1].lyric, "あ");
 }
 
+// Romaji typed into Edit > Lyrics… flows in a syllable a note, written as
+// the bank sings it: kana for a kana bank, romaji for a romaji bank.
+TEST_F(Editor, RomajiLyricsFlowInAsTheBankSingsThem) {
+  for (bool kana : {true, false}) {
+    SCOPED_TRACE(kana);
+    TestBank bank;
+    writeVowelBank(bank, 0.6, kana ? "a.wav=か,30,60,-400,40,10\na.wav=さ,30,60,-400,40,10\n"
+                                   : "a.wav=ka,30,60,-400,40,10\na.wav=sa,30,60,-400,40,10\n");
+    open({{480, 480, "あ", 60}, {480, 480, "あ", 62}, {480, 480, "あ", 64}, {480, 480, "あ", 65}}, bank.folder());
+    click(centreOf(0));
+    whenModal([&](QWidget* dialog) {
+      dialog->findChild<QPlainTextEdit*>("lyricsText")->setPlainText("kasa Sa");
+      dialog->findChild<QPushButton*>("flowIn")->click();
+      static_cast<QDialog*>(dialog)->reject();
+    });
+    trigger("lyrics");
+    std::vector<std::string> lyrics;
+    for (const Read& note : soundingNotes(doc().engine())) lyrics.push_back(note.lyric);
+    EXPECT_EQ(lyrics, kana ? std::vector<std::string>({"か", "さ", "さ", "あ"})
+                           : std::vector<std::string>({"ka", "sa", "sa", "あ"}));
+  }
+}
+
 TEST_F(Editor, TransposeCutPasteAndKeysEditTheSelection) {
   open({{480, 480, "さ", 70}, {480, 480, "く", 72}});
   click(centreOf(0));

@@ -62,3 +62,14 @@ TEST(Kana, LyricsOnABankNamedTheOtherWay) {
   ASSERT_NE(other.get_voicedata(nullptr, "ka", 60), nullptr);
   EXPECT_EQ(other.lastLookupForm(), "か");
 }
+
+TEST(Kana, RomajiTypedAsTextBecomesHiragana) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"sakura", "さくら"},         {"SaKuRa", "さくら"},       {"konnichiwa", "こんにちわ"},
+      {"kitte", "きって"},          {"matcha", "まっちゃ"},     {"shinbun", "しんぶん"},
+      {"kyoto", "きょと"},          {"a i u", "あ い う"},       {"tsukiyo", "つきよ"},
+      {"fa fi", "ふぁ ふぃ"},        {"x1さ", "x1さ"},           {"", ""},
+      {"nn", "んん"},               {"hon", "ほん"},            {"aa", "ああ"},
+  };
+  for (const auto& [text, kana] : cases) EXPECT_EQ(romajiTextToKana(text), kana) << text;
+}

@@ -148,6 +148,15 @@ bool EditorDocument::save(const QString& path, int version, QString* error) {
   return true;
 }
 
+QByteArray EditorDocument::bankForm(const QByteArray& lyric, int noteNum) {
+  cvoiceset* voices = engine().voiceset;
+  if (voices == nullptr || lyric.isEmpty() || voices->get_voicedata(nullptr, lyric.constData(), noteNum) == nullptr ||
+      voices->lastLookupForm().empty()) {
+    return lyric;
+  }
+  return QByteArray::fromStdString(voices->lastLookupForm());
+}
+
 // --- Backing track -------------------------------------------------------------------
 
 void EditorDocument::loadBacking(QString* warning) {

@@ -68,6 +68,9 @@ class EditorDocument : public QObject, private UndoView {
   // changes. False with *error when no entry could be read there.
   bool setVoiceFolder(const QString& folder, QString* error);
   int voiceEntryCount();
+  // A lyric as the bank sings it: romaji for a kana bank becomes the kana
+  // of its entry, kana for a romaji bank romaji; otherwise as it is.
+  QByteArray bankForm(const QByteArray& lyric, int noteNum);
 
   // --- Backing track ----------------------------------------------------------
   // Each change stops playback first (a render reads the track) and marks

@@ -42,6 +42,7 @@
 #include "midi/musicxml.h"
 #include "support/multibyte.h"
 #include "support/userdirs.h"
+#include "voicebank/kana.h"
 #include "ui/shell/bankdialogs.h"
 #include "ui/shell/bankeditor.h"
 #include "ui/shell/dialogbuttons.h"
@@ -658,12 +659,23 @@ void MainWindow::lyricsDialog() {
       notes.addSelect(notes.topOfSelection(), 0);
       notes.addSelect(notes.lastNote(), 1);
     }
-    QByteArray utf8 = text->toPlainText().toUtf8();
+    // Romaji as people type it ("sakura") flows in a syllable a note, and
+    // each syllable is written as the bank sings it.
+    QByteArray utf8 = QByteArray::fromStdString(romajiTextToKana(text->toPlainText().toStdString()));
     std::vector<char> buffer(static_cast<size_t>(utf8.size()) * 3 + 16, '\0');
     memcpy(buffer.data(), utf8.constData(), static_cast<size_t>(utf8.size()));
     int32_t assigned = 0;
+    const int32_t from = notes.topOfSelection();
     document_->beginEdit(undo::kLyric);
     notes.assignLyric(buffer.data(), buffer.size(), true, false, &assigned);
+    ctonm2& engine = document_->engine();
+    for (int32_t i = from, left = assigned; i >= 0 && i < engine.noteCount && left > 0; ++i) {
+      NoteData& note = engine.notes[i];
+      if (note.selected == 0 || ctonm2::is_r(note.Lyric)) continue;
+      --left;
+      const QByteArray sung = document_->bankForm(QByteArray(note.Lyric), note.NoteNum);
+      if (sung != QByteArray(note.Lyric)) notes.setLyric(i, sung.constData());
+    }
     document_->endEdit(undo::kLyric);
     // What is left comes back in Shift_JIS.
     CMultiByte converter;

@@ -433,13 +433,7 @@ void PianoRoll::commitLyric(bool moveOn) {
   CNoteMan& notes = document_->notes();
   // Romaji typed for a kana bank is written as the kana it sings, and kana
   // for a romaji bank as romaji.
-  cvoiceset* voices = document_->engine().voiceset;
-  const NoteData* edited = notes.getNote(index);
-  if (voices != nullptr && edited != nullptr && !text.isEmpty() &&
-      voices->get_voicedata(nullptr, text.constData(), edited->NoteNum) != nullptr &&
-      !voices->lastLookupForm().empty()) {
-    text = QByteArray::fromStdString(voices->lastLookupForm());
-  }
+  if (const NoteData* edited = notes.getNote(index)) text = document_->bankForm(text, edited->NoteNum);
   if (notes.getNote(index) != nullptr && text != QByteArray(notes.getLyric(index))) {
     document_->beginNoteEdit(index, undo::kLyric);
     notes.setLyric(index, text.constData());
