@@ -12,6 +12,7 @@
 #include "support/safe_output.h"
 #include "support/userdirs.h"
 #include "ui/shell/texts.h"
+#include "voicebank/kana.h"
 #include "voicebank/voiceset.h"
 
 EditorDocument::EditorDocument(QObject* parent) : QObject(parent), model_(std::make_unique<CCNoteMan>(&scale_)) {
@@ -150,11 +151,17 @@ bool EditorDocument::save(const QString& path, int version, QString* error) {
 
 QByteArray EditorDocument::bankForm(const QByteArray& lyric, int noteNum) {
   cvoiceset* voices = engine().voiceset;
-  if (voices == nullptr || lyric.isEmpty() || voices->get_voicedata(nullptr, lyric.constData(), noteNum) == nullptr ||
+  if (voices == nullptr || lyric.isEmpty()) return lyric;
+  const bool found = voices->get_voicedata(nullptr, lyric.constData(), noteNum) != nullptr;
+  if (found && !voices->lastLookupForm().empty()) return QByteArray::fromStdString(voices->lastLookupForm());
+  // Romaji that names a sample file of a bank whose aliases are kana ("sa"
+  // for sa.wav, alias "さ"): written as the alias.
+  const std::string kana = romajiToKana(lyric.toLower().toStdString());
+  if (!kana.empty() && voices->get_voicedata(nullptr, kana.c_str(), noteNum) != nullptr &&
       voices->lastLookupForm().empty()) {
-    return lyric;
+    return QByteArray::fromStdString(kana);
   }
-  return QByteArray::fromStdString(voices->lastLookupForm());
+  return lyric;
 }
 
 // --- Backing track -------------------------------------------------------------------
