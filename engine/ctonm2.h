@@ -272,6 +272,9 @@ class ctonm2 {
   // the song, to make room for the first consonant). Null: none.
   void (*underlay)(void* context, int16_t* mix, int32_t samples, double songMs) = nullptr;
   void* underlayContext = nullptr;
+  // The song msec the underlay sounds to: the mix reaches at least there
+  // (an accompaniment that goes on after the last note). 0: the notes' end.
+  double underlayEndMs = 0.0;
   // The render cache (null: none): a note's resampled buffer by index and
   // contents; get returns a malloc block of *bytes, put stores bytes.
   double* (*cacheGet)(int32_t index, const NoteData* note, int32_t* bytes) = nullptr;

@@ -71,6 +71,7 @@ struct Extent {
   double skip = 0.0;  // the first note's _delta, for a range from the middle
   double length = 0.0;
   int32_t sounding = 0;
+  double mixStart = 0.0;  // song msec of the mix's first sample
   // The position of the first note's predecessor: every note is at this
   // plus the _delta of every note of the range up to and including it.
   double origin() const { return lead - skip; }
@@ -98,6 +99,12 @@ Extent extentOf(const ctonm2& engine, int32_t first, int32_t last) {
     extent.length = std::max(extent.length, extent.origin() + running + note._notelen);
     if (ctonm2::sounds(note)) ++extent.sounding;
   }
+  // The mix's first sample is at the song time of the first note less its
+  // place in the mix; the mix goes on to where the underlay ends.
+  extent.mixStart = head._pos - (extent.origin() + head._delta);
+  if (engine.underlay != nullptr && engine.underlayEndMs > 0.0) {
+    extent.length = std::max(extent.length, engine.underlayEndMs - extent.mixStart);
+  }
   return extent;
 }
 
@@ -123,12 +130,9 @@ uint8_t* allocateMix(double length, int32_t* samples) {
   return block;
 }
 
-// The engine's underlay into a fresh mix: the range's first note is at
-// the extent's origin plus its _delta in the mix, at its _pos in the song.
-void layUnder(const ctonm2& engine, int16_t* mix, int32_t samples, const Extent& extent, int32_t first) {
-  if (engine.underlay == nullptr) return;
-  const NoteData& head = engine.notes[first];
-  engine.underlay(engine.underlayContext, mix, samples, head._pos - (extent.origin() + head._delta));
+// The engine's underlay into a fresh mix.
+void layUnder(const ctonm2& engine, int16_t* mix, int32_t samples, const Extent& extent) {
+  if (engine.underlay != nullptr) engine.underlay(engine.underlayContext, mix, samples, extent.mixStart);
 }
 
 float tempoBefore(const ctonm2& engine, int32_t first) {
@@ -253,7 +257,7 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
   uint8_t* block = allocateMix(extent.length, &samples);
   if (block == nullptr) return nullptr;
   int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
-  layUnder(*this, mix, samples, extent, first);
+  layUnder(*this, mix, samples, extent);
 
   markRunning(renderState);
   std::atomic<int32_t> done{0};
@@ -343,7 +347,7 @@ uint8_t* ctonm2::render_number_with_progress(int32_t first, int32_t last, int32_
     return nullptr;
   }
   int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
-  layUnder(*this, mix, samples, extent, first);
+  layUnder(*this, mix, samples, extent);
   const int32_t total = last - first + 1;
   if (progress != nullptr) progress(progressContext, 0, total);
   if (progressHook != nullptr) progressHook(progressContext, 0, total);

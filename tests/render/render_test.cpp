@@ -261,6 +261,23 @@ TEST_F(Render, AnUnderlayLandsAtItsSongTimeUnderTheNotes) {
     EXPECT_EQ(clicks[at], 0);
     EXPECT_NE(clicks[at + 5], 0);
   }
+  // An underlay that goes on after the last note (at 2300 msec) takes the
+  // mix with it, on either driver.
+  metronome.setClicks({{4000.0, true}});
+  engine_.underlay = Metronome::lay;
+  engine_.underlayEndMs = 5000.0;
+  for (int threads : {0, 2}) {
+    prepare();
+    int32_t size = 0;
+    Block block(threads > 0 ? engine_.render_number_by_thread(2, 5, &size, threads, nullptr)
+                            : engine_.render_number_with_progress(2, 5, &size, nullptr, 0.0, 0.0));
+    ASSERT_NE(block, nullptr);
+    const std::vector<int16_t> mix = samplesOf(block.get(), size);
+    EXPECT_EQ(mix.size(), static_cast<size_t>((5000.0 - 760.0) * 44.1 + 1.0)) << threads;
+    EXPECT_NE(mix[static_cast<size_t>(std::llround((4000.0 - 760.0) * 44.1)) + 5], 0) << threads;
+  }
+  engine_.underlay = nullptr;
+  engine_.underlayEndMs = 0.0;
 }
 
 TEST_F(Render, SameBytesOnAnyNumberOfThreadsAndEveryRun) {

@@ -694,6 +694,13 @@ TEST_F(Editor, ABackingTrackPlaysAndRendersAtItsOffsetAndIsKeptWithTheProject) {
       EXPECT_EQ(mix[at + 10], 0);
     }
   }
+  // A track that goes on after the last note (the song ends at 4.5 s)
+  // takes the rendered file with it to its end.
+  doc().setBackingOffset(5000.0);
+  const std::string longer = dir_.file("longer.wav");
+  ASSERT_TRUE(window_->renderToWave(QString::fromStdString(longer), -1, -1, true));
+  EXPECT_EQ((readFile(longer).size() - 44) / 2, static_cast<size_t>((6000.0 + 40.0) * 44.1 + 1.0));
+  doc().setBackingOffset(2000.0);
 
   // Muted: nothing is laid.
   doc().setBackingMuted(true);

@@ -79,11 +79,16 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
   underClicks_ = metronomeOn_;
   engine.underlay = underBacking_ != nullptr || underClicks_ ? &Player::layUnder : nullptr;
   engine.underlayContext = this;
+  // Played to the end, the song goes on while its accompaniment does.
+  const bool toEnd = toTick <= fromTick;
+  const BackingTrack& backing = document->backing();
+  engine.underlayEndMs = toEnd && !backing.empty() && !backing.muted ? backing.offsetMs + backing.lengthMs() : 0.0;
   std::string message;
   const int32_t result =
       notes.playStart(fromTick, toTick, nullptr, CAudioOut::play_trigger, CAudioOut::set_render_pos, nullptr, &message);
   if (result <= 0) {
     engine.underlay = nullptr;
+    engine.underlayEndMs = 0.0;
     *error = message.empty() ? tr("The render could not start") : coreText(message.c_str());
     document->touch();  // the preparation changed the notes' curves
     return false;
@@ -160,6 +165,7 @@ void Player::stop() {
   if (engine.renderState.load() != 0) engine.render_stop();
   uint8_t* block = engine.render_thread_join(nullptr);
   engine.underlay = nullptr;  // file renders have no clicks
+  engine.underlayEndMs = 0.0;
   if (output_ != nullptr) output_->play_stop();
   if (!started) free(block);  // never handed to the player, which frees what it was given
   CAudioOut::reclaim();

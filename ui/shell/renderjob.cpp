@@ -41,7 +41,8 @@ bool RenderJob::start(EditorDocument* document, const QString& output, int threa
   document_ = document;
   output_ = output;
   ctonm2& engine = document->engine();
-  if (first < 0 || last < first) first = 0, last = engine.noteCount - 1;
+  const bool whole = first < 0 || last < first;
+  if (whole) first = 0, last = engine.noteCount - 1;
   last = std::min(last, engine.noteCount - 1);
   engine.preparationNotes();
   engine.makePitchMode2();
@@ -59,8 +60,11 @@ bool RenderJob::start(EditorDocument* document, const QString& output, int threa
   engine.cacheGet = cacheGet;
   engine.cachePut = cachePut;
   const BackingTrack& backing = document->backing();
-  engine.underlay = withBacking && !backing.empty() && !backing.muted ? BackingTrack::lay : nullptr;
+  const bool mixed = withBacking && !backing.empty() && !backing.muted;
+  engine.underlay = mixed ? BackingTrack::lay : nullptr;
   engine.underlayContext = const_cast<BackingTrack*>(&backing);
+  // The whole song goes on while its accompaniment does; a part, only its notes.
+  engine.underlayEndMs = mixed && whole ? backing.offsetMs + backing.lengthMs() : 0.0;
   worker_ = std::thread([this, &engine, threads, first, last] {
     block_ = engine.render_number_by_thread(first, last, &size_, threads, progress);
     done_ = true;
@@ -80,6 +84,7 @@ bool RenderJob::finish(QString* error) {
   engine.cacheGet = nullptr;
   engine.cachePut = nullptr;
   engine.underlay = nullptr;
+  engine.underlayEndMs = 0.0;
   document_->touch();
   if (cancelled_) {
     *error = QObject::tr("Stopped: nothing was written");

@@ -71,8 +71,11 @@ RollEditor::RollEditor(EditorDocument* document, QWidget* parent)
 
 void RollEditor::updateScrollBars() {
   syncing_ = true;
-  // The song and four more measures, at least one screen.
-  const int64_t ticks = document_->lengthTicks() + 4 * 4 * 480;
+  // The song (and its backing track) and four more measures.
+  int64_t end = document_->lengthTicks();
+  const BackingTrack& backing = document_->backing();
+  if (!backing.empty()) end = std::max<int64_t>(end, document_->notes().MSec2Ticks(backing.offsetMs + backing.lengthMs()));
+  const int64_t ticks = end + 4 * 4 * 480;
   const int contentWidth = static_cast<int>(std::min<double>(ticks * scale_->pixelsPerTick(), 1e9));
   horizontal_->setRange(0, std::max(0, contentWidth - roll_->width()));
   horizontal_->setPageStep(std::max(1, roll_->width()));
