@@ -1,5 +1,6 @@
 #include "ui/shell/player.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
@@ -96,6 +97,7 @@ bool Player::play(EditorDocument* document, int64_t fromTick, int64_t toTick, bo
   document_ = document;
   fromTick_ = fromTick;
   toTick_ = toTick > fromTick ? toTick : document->lengthTicks();
+  if (engine.underlayEndMs > 0.0) toTick_ = std::max<int64_t>(toTick_, notes.MSec2Ticks(engine.underlayEndMs));
   fromMs_ = notes.Ticks2MSec(fromTick);
   loop_ = loop;
   paused_ = false;
