@@ -13,6 +13,7 @@
 #include "app/command.h"
 #include "app/subcommands.h"
 #include "engine/ctonm2.h"
+#include "engine/ranges.h"
 #include "render/resampler.h"
 #include "render/wavefile.h"
 #include "support/log.h"
@@ -58,28 +59,36 @@ int runResample(int argc, char** argv) {
   const int status = parser.parse(argc, argv, &args, 2, 2);
   if (status >= 0) return status;
 
+  // Each number within the range a project's note or a bank's entry may
+  // have (the same table the readers hold values to).
   struct NumberOption {
     const char* name;
     const std::string* text;
     double value;
+    const ValueRange* range;
   };
-  NumberOption numbers[] = {{"--length", &length, 0.0},        {"--offset", &offset, 0.0},
-                            {"--consonant", &consonant, 0.0},  {"--blank", &blank, 0.0},
-                            {"--start", &startPoint, 0.0},     {"--velocity", &velocity, 100.0},
-                            {"--intensity", &intensity, 100.0}, {"--modulation", &modulation, 100.0},
-                            {"--tempo", &tempo, 120.0}};
+  NumberOption numbers[] = {{"--length", &length, 0.0, nullptr},
+                            {"--offset", &offset, 0.0, &ranges::kEntryTime},
+                            {"--consonant", &consonant, 0.0, &ranges::kEntryTime},
+                            {"--blank", &blank, 0.0, &ranges::kEntryTime},
+                            {"--start", &startPoint, 0.0, &ranges::kStartPoint},
+                            {"--velocity", &velocity, 100.0, &ranges::kVelocity},
+                            {"--intensity", &intensity, 100.0, &ranges::kIntensity},
+                            {"--modulation", &modulation, 100.0, &ranges::kModulation},
+                            {"--tempo", &tempo, 120.0, &ranges::kTempo}};
   for (NumberOption& option : numbers) {
-    if (!option.text->empty() && !parseDouble(*option.text, &option.value)) {
+    if (option.text->empty()) continue;
+    if (!parseDouble(*option.text, &option.value)) {
       return usageError(command, (std::string(option.name) + " takes a number").c_str());
     }
+    if (option.range != nullptr && !(option.value >= option.range->low && option.value <= option.range->high)) {
+      char allowed[64];
+      snprintf(allowed, sizeof allowed, ": %g to %g", option.range->low, option.range->high);
+      return usageError(command, (std::string(option.name) + " " + *option.text + allowed).c_str());
+    }
   }
-  if (numbers[8].value <= 0.0) return usageError(command, "--tempo must be above 0");
-  // Values that cannot be right, with what is allowed.
   if (!length.empty() && !(numbers[0].value > 0.0 && numbers[0].value <= 3600000.0)) {
     return usageError(command, ("--length " + length + ": from above 0 to 3600000 msec").c_str());
-  }
-  if (numbers[6].value < 0.0 || numbers[6].value > 1000.0) {
-    return usageError(command, ("--intensity " + intensity + ": 0 to 1000 percent").c_str());
   }
   long noteNumber = 60;
   if (!noteText.empty() && !parseInt(noteText, 0, 127, &noteNumber)) {

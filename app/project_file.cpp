@@ -53,7 +53,19 @@ bool openProjectFile(CNoteMan& manager, const std::string& path, const char* com
     fprintf(stderr, "tona %s: cannot open '%s': %s\n", command, path.c_str(), strerror(errno != 0 ? errno : EIO));
     return false;
   }
+  printNotices(command, path, manager.engine()->readNotices);
   return true;
+}
+
+void printNotices(const char* command, const std::string& source, const std::vector<std::string>& notices) {
+  constexpr size_t kShown = 20;
+  for (size_t k = 0; k < notices.size() && k < kShown; ++k) {
+    fprintf(stderr, "tona %s: '%s': %s\n", command, source.c_str(), notices[k].c_str());
+  }
+  if (notices.size() > kShown) {
+    fprintf(stderr, "tona %s: '%s': %zu more values brought into range\n", command, source.c_str(),
+            notices.size() - kShown);
+  }
 }
 
 std::vector<int> sectionNumbers(const ctonm2& engine) {

@@ -16,8 +16,14 @@ std::string notAProject(const std::string& path);
 // the file cannot be read or holds no project: a folder, an empty file, a
 // binary, or a text with neither a "[#SETTING]" section nor a note section.
 // `charset` (optional: "utf-8" or "shift_jis") forces how it is read.
+// Values the project gave past their range were brought in: each is
+// named on stderr.
 bool openProjectFile(CNoteMan& manager, const std::string& path, const char* command,
                      const std::string& charset = std::string());
+
+// "tona COMMAND: 'SOURCE': NOTICE" on stderr for each of the first 20
+// notices, then how many more there were.
+void printNotices(const char* command, const std::string& source, const std::vector<std::string>& notices);
 
 // Reads a --charset value: "" (unset), "utf-8" or "shift_jis" (case and
 // the spellings utf8, sjis, cp932 accepted). False when it is none of them.

@@ -73,6 +73,7 @@ bool loadVoiceBank(CNoteMan& manager, const std::string& project, const std::str
     return false;
   }
   if (announce) fprintf(stderr, "voice bank '%s' is taken from '%s'\n", named.c_str(), engine.voiceDir);
+  if (engine.voiceset != nullptr) printNotices(command, engine.voiceDir, engine.voiceset->notices());
   return true;
 }
 

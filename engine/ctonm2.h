@@ -16,6 +16,7 @@
 #include <atomic>
 #include <climits>
 #include <cstdint>
+#include <string>
 #include <vector>
 #include <cstdio>
 
@@ -280,6 +281,8 @@ class ctonm2 {
   double* (*cacheGet)(int32_t index, const NoteData* note, int32_t* bytes) = nullptr;
   void (*cachePut)(int32_t index, const NoteData* note, const double* data, int32_t bytes) = nullptr;
 
+  // What the last read_snt brought into range, one line a value moved.
+  std::vector<std::string> readNotices;
   char* audioTrack = nullptr;     // owned
   // The audio track's place under the song: the song time (msec) where its
   // first sample plays, its volume in percent (0-200), muted when not 0.

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "engine/ctonm2.h"
+#include "engine/ranges.h"
 #include "support/log.h"
 #include "support/regular_file.h"
 #include "support/textcopy.h"
@@ -124,7 +125,7 @@ void parseVibrato(const char* value, int16_t* vbr) {
     if (slot >= 10) return;
     int32_t number = vbr[slot];
     readInt(token.c_str(), &number);
-    vbr[slot] = static_cast<int16_t>(number);
+    vbr[slot] = static_cast<int16_t>(std::clamp(number, -32768, 32767));  // held, not wrapped
     ++slot;
   });
 }
@@ -198,6 +199,7 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
   sntVersion = 200;
   mode2 = 1;
   renderState = 0;
+  readNotices.clear();
   if (path == nullptr) return -1;
   FILE* file = openRegularFile(path, "r");
   if (file == nullptr) return -1;
@@ -306,7 +308,8 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
         } else if ((v = valueOf(line, "NoteNum=")) != nullptr) {
           int32_t number = note->NoteNum;
           readInt(v, &number);
-          note->NoteNum = static_cast<int16_t>(number);
+          // Held at the type's bounds: a number wrapped into 0..127 would sing.
+          note->NoteNum = static_cast<int16_t>(std::clamp(number, -32768, 32767));
         } else if ((v = valueOf(line, "Intensity=")) != nullptr) {
           readInt(v, &note->Intensity);
         } else if ((v = valueOf(line, "Modulation=")) != nullptr || (v = valueOf(line, "Moduration=")) != nullptr) {
@@ -358,6 +361,9 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
   }
   fclose(file);
   noteCount = count;
+  // Every number within what a render can take, each one moved named.
+  if (tempo != 0.0f) clampValue(&tempo, ranges::kTempo, "project", "Tempo", &readNotices);
+  for (int32_t i = 0; i < noteCount; ++i) clampNoteValues(&notes[i], i, &readNotices);
   if (count == 0) {
     free(notes);
     notes = nullptr;

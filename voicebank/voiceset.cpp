@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "engine/ranges.h"
 #include "support/log.h"
 #include "support/multibyte.h"
 #include "support/regular_file.h"
@@ -94,6 +95,7 @@ cvoiceset::~cvoiceset() {
 int32_t cvoiceset::read_voiceset(const char* folder) {
   if (folder == nullptr || folder[0] == '\0') return -1;
   free_otoini();
+  notices_.clear();
   std::string dir = folder;
   if (dir.back() != '/') dir += '/';
 
@@ -147,6 +149,12 @@ int32_t cvoiceset::read_otoini(const char* path, const char* prefix) {
     strcpy_n(entry->filename, prefix, sizeof entry->filename);
     strcat_n(entry->filename, line, sizeof entry->filename);
     parseEntryValues(equals + 1, entry);
+    // Times past what a render can take are brought in, and said.
+    static const char* const kFields[5] = {"offset", "consonant", "cut-off", "pre-utterance", "overlap"};
+    float* times[5] = {&entry->offset, &entry->fixed, &entry->blank, &entry->preuttr, &entry->overlap};
+    for (int k = 0; k < 5; ++k) {
+      clampValue(times[k], ranges::kEntryTime, std::string(path) + ": " + entry->filename, kFields[k], &notices_);
+    }
   }
   fclose(file);
   // A table that names no charset is read by its bytes.

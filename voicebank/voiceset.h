@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 #include <unordered_map>
 
 struct VoiceData {
@@ -68,6 +69,9 @@ class cvoiceset {
   // The lyric as the last get_voicedata found it when that was not as
   // given (a kana lyric as romaji, or the reverse); "" otherwise.
   const std::string& lastLookupForm() const { return lastForm_; }
+  // What the last read_voiceset brought into range: "FILE: ENTRY: field=
+  // value is outside ...", one line a value moved.
+  const std::vector<std::string>& notices() const { return notices_; }
   // The first entry whose alias is `name`, else the first whose file name
   // starts with name + ".".
   VoiceData* search_voicedata(const char* name);
@@ -104,6 +108,7 @@ class cvoiceset {
   PrefixMapEntry prefixMap[kPrefixRows];
 
  private:
+  std::vector<std::string> notices_;
   // The documented search for one form of the lyric.
   VoiceData* lookupLyric(const char* previous, const char* lyric, int32_t noteNum);
   std::string lastForm_;

@@ -59,7 +59,8 @@ TEST_F(Errors, SomethingThatIsNotAProject) {
 TEST_F(Errors, ValuesOutsideTheirRange) {
   const std::string sample = bank_.folder() + "a.wav", out = bank_.folder() + "r.wav";
   for (const std::vector<std::string>& options : std::vector<std::vector<std::string>>{
-           {"--length", "0"}, {"--length", "-5"}, {"--length", "1e12"}, {"--note", "C12"}, {"--intensity", "-1"}}) {
+           {"--length", "0"}, {"--length", "-5"}, {"--length", "1e12"}, {"--note", "C12"}, {"--intensity", "-1"},
+           {"--intensity", "300"}, {"--tempo", "5"}, {"--velocity", "1e9"}, {"--offset", "-1e30"}}) {
     std::vector<std::string> args = {"resample", sample, out};
     args.insert(args.end(), options.begin(), options.end());
     RunResult run = runTona(args);
@@ -75,12 +76,42 @@ TEST_F(Errors, ImpossibleNotesAreLeftOutWithOneLineEach) {
       "[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n"
       "[#0001]\nDelta=480\nDuration=-20\nLyric=a\nNoteNum=57\nTempo=100\n"
       "[#0002]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=300\n"
-      "[#0003]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=60\n");
+      "[#0003]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=60\n"
+      "[#0004]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=65596\n");
   RunResult run = runTona({"render", path, "-o", bank_.folder() + "o.wav"});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_NE(run.err.find("warning: note [#0001] 'a': length -20 is negative; left out\n"), std::string::npos) << run.err;
   EXPECT_NE(run.err.find("warning: note [#0002] 'a': note number 300 is outside 0..127; left out\n"),
             std::string::npos);
+  // Past the type's range: held, not wrapped to a note that would sing (60).
+  EXPECT_NE(run.err.find("warning: note [#0004] 'a': note number 32767 is outside 0..127; left out\n"),
+            std::string::npos) << run.err;
+}
+
+// Values no render can take, from the project and from the bank: each is
+// brought to its bound where it is read and named on stderr, and the song
+// renders at once.
+TEST_F(Errors, AbsurdValuesAreBroughtIntoRangeAndNamed) {
+  bank_.write("oto.ini", "a.wav=a,30,60,-300,40,10\nb.wav=b,-1e30,0,0,0,0\n");
+  const std::string path = project(
+      "[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\nModulation=1000000000\nStartPoint=1e12\n"
+      "[#0001]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\nVelocity=-1e9\nPreUtterance=1e30\n"
+      "PBS=-40;-20\nPBW=1e9\nVBR=65,99999,35,20,20,0,0\n"
+      "[#0002]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\nTempo=1e-30\nEnvelope=0,5,1e9,0,100,100,0\n");
+  RunResult run = runTona({"render", path, "-o", bank_.folder() + "o.wav"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  for (const char* said : {"note [#0000]: Modulation=1e+09 is outside -200..200: read as 200",
+                           "note [#0000]: StartPoint=1e+12 is outside -1000..5000: read as 5000",
+                           "note [#0001]: Velocity=-1e+09 is outside 0..200: read as 0",
+                           "note [#0001]: PreUtterance=1e+30 is outside -1000..5000: read as 5000",
+                           "note [#0001]: PBW[1]=1e+09 is outside 0..10000: read as 10000",
+                           "note [#0001]: VBR[1]=32767 is outside 0..2000: read as 2000",
+                           "note [#0002]: Tempo=1e-30 is outside 10..512: read as 10",
+                           "note [#0002]: Envelope[2]=1e+09 is outside 0..10000: read as 10000",
+                           "b.wav: offset=-1e+30 is outside -600000..600000: read as -600000"}) {
+    EXPECT_NE(run.err.find(said), std::string::npos) << said << "\n" << run.err;
+  }
+  EXPECT_EQ(run.err.rfind("tona render: '", 0), 0u) << run.err;
 }
 
 TEST_F(Errors, OneClearLinePerProblemWithTheSystemsReason) {
@@ -174,10 +205,11 @@ TEST_F(Errors, EachFailureGetsItsTrueReasonAndAFailingStatus) {
   EXPECT_NE(readFile(err).find("Bad file descriptor"), std::string::npos) << readFile(err);
   // A song longer than one render holds is refused before any rendering.
   const std::string endless = project("[#0000]\nDelta=0\nDuration=1000000\nLyric=a\nNoteNum=57\nTempo=10\n"
-                                      "[#0001]\nDelta=1000000\nDuration=1000000\nLyric=a\nNoteNum=57\n");
+                                      "[#0001]\nDelta=1900000\nDuration=1000000\nLyric=a\nNoteNum=57\n");
   RunResult tooLong = runTona({"render", endless, "-o", bank_.folder() + "long.wav"});
   EXPECT_EQ(tooLong.status, 1);
   EXPECT_NE(tooLong.err.find("longer than one render holds"), std::string::npos) << tooLong.err;
+  EXPECT_NE(tooLong.err.find("note [#0001]: Duration=1e+06 is outside 0..192000: read as 192000\n"), std::string::npos);
   EXPECT_FALSE(fileExists(bank_.folder() + "long.wav"));
   // A recovery file of random bytes is no project to offer.
   const std::string folder = home_.path() + "/.local/state/tona/temp";

@@ -632,6 +632,15 @@ TEST_F(Editor, WithNoVoiceBankTheWindowSaysSoAndOffersTheDemoBank) {
   QSettings().remove("singerHistory");  // the demo bank was remembered as a singer
 }
 
+// A value no render can take is brought in as the project is read, and
+// the window says so.
+TEST_F(Editor, AValueOutsideItsRangeIsBroughtInAndSaid) {
+  open({{480, 480, "a", 60, "Modulation=1000\n"}});
+  EXPECT_EQ(doc().engine().notes[0].Modulation, 200);
+  EXPECT_TRUE(window_->lastMessage().contains("note [#0000]: Modulation=1000 is outside -200..200: read as 200"))
+      << window_->lastMessage().toStdString();
+}
+
 // A backing track: added, drawn in its lane, dragged against the song,
 // heard in playback and mixed into a rendered file at its offset (only when
 // asked), kept by a 2.0 save relative to the project, and warned about by

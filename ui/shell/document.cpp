@@ -95,6 +95,16 @@ bool EditorDocument::load(const QString& path, const QString& bankBase, QString*
                       : tr("No voice bank at %1: the notes stay silent.").arg(QString::fromStdString(bank));
     }
     if (!backingWarning.isEmpty()) *warning = warning->isEmpty() ? backingWarning : *warning + " " + backingWarning;
+    // Values past what a render can take were brought in as they were read.
+    std::vector<std::string> moved = engine().readNotices;
+    if (engine().voiceset != nullptr) {
+      moved.insert(moved.end(), engine().voiceset->notices().begin(), engine().voiceset->notices().end());
+    }
+    if (!moved.empty()) {
+      const QString said = tr("%n value(s) outside their range were brought in (%1).", nullptr, static_cast<int>(moved.size()))
+                               .arg(QString::fromStdString(moved.front()));
+      *warning = warning->isEmpty() ? said : *warning + " " + said;
+    }
   }
   reset();
   emit pathChanged();

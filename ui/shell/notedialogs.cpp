@@ -21,6 +21,7 @@
 #include <cstring>
 
 #include "editing/undoman.h"
+#include "engine/ranges.h"
 #include "support/textcopy.h"
 #include "ui/shell/dialogbuttons.h"
 #include "ui/shell/document.h"
@@ -92,25 +93,25 @@ std::vector<NotePropertiesDialog::Field> propertyFields() {
           return readInt(t, CNoteMan::kMinLength, CNoteMan::kMaxLength, &n.Length, why);
         }},
       F{"intensity", QObject::tr("Intensity (%)"), [](const NoteData& n) { return QString::number(n.Intensity); },
-        [](const QString& t, NoteData& n, QString* why) { return readInt(t, 0, 200, &n.Intensity, why); }},
+        [](const QString& t, NoteData& n, QString* why) { return readInt(t, static_cast<int>(ranges::kIntensity.low), static_cast<int>(ranges::kIntensity.high), &n.Intensity, why); }},
       F{"modulation", QObject::tr("Modulation (%)"), [](const NoteData& n) { return QString::number(n.Modulation); },
-        [](const QString& t, NoteData& n, QString* why) { return readInt(t, -200, 200, &n.Modulation, why); }},
+        [](const QString& t, NoteData& n, QString* why) { return readInt(t, static_cast<int>(ranges::kModulation.low), static_cast<int>(ranges::kModulation.high), &n.Modulation, why); }},
       F{"velocity", QObject::tr("Consonant speed (%)"), [](const NoteData& n) { return number(n.Velocity); },
-        [](const QString& t, NoteData& n, QString* why) { return readFloat(t, 0, 200, &n.Velocity, why); }},
+        [](const QString& t, NoteData& n, QString* why) { return readFloat(t, ranges::kVelocity.low, ranges::kVelocity.high, &n.Velocity, why); }},
       F{"preutterance", QObject::tr("Pre-utterance (ms)"),
         [](const NoteData& n) { return std::isnan(n.PreUtterance) ? QString(kNotSet) : number(n.PreUtterance); },
         [](const QString& t, NoteData& n, QString* why) {
           if (t.trimmed() == kNotSet) return n.PreUtterance = std::nanf(""), true;
-          return readFloat(t, -1000, 5000, &n.PreUtterance, why);
+          return readFloat(t, ranges::kPreUtterance.low, ranges::kPreUtterance.high, &n.PreUtterance, why);
         }},
       F{"overlap", QObject::tr("Overlap (ms)"),
         [](const NoteData& n) { return std::isnan(n.VoiceOverlap) ? QString(kNotSet) : number(n.VoiceOverlap); },
         [](const QString& t, NoteData& n, QString* why) {
           if (t.trimmed() == kNotSet) return n.VoiceOverlap = std::nanf(""), true;
-          return readFloat(t, -1000, 5000, &n.VoiceOverlap, why);
+          return readFloat(t, ranges::kVoiceOverlap.low, ranges::kVoiceOverlap.high, &n.VoiceOverlap, why);
         }},
       F{"startpoint", QObject::tr("Start point (ms)"), [](const NoteData& n) { return number(n.StartPoint); },
-        [](const QString& t, NoteData& n, QString* why) { return readFloat(t, -1000, 5000, &n.StartPoint, why); }},
+        [](const QString& t, NoteData& n, QString* why) { return readFloat(t, ranges::kStartPoint.low, ranges::kStartPoint.high, &n.StartPoint, why); }},
       F{"flags", QObject::tr("Flags"), [](const NoteData& n) { return QString::fromUtf8(n.Flags); },
         [](const QString& t, NoteData& n, QString* why) {
           return readText(t.trimmed(), n.Flags, sizeof n.Flags, why);
@@ -119,7 +120,7 @@ std::vector<NotePropertiesDialog::Field> propertyFields() {
         [](const NoteData& n) { return n.Tempo > 0.0f ? number(n.Tempo) : QString("none"); },
         [](const QString& t, NoteData& n, QString* why) {
           if (t.trimmed() == "none") return n.Tempo = 0.0f, true;
-          return readFloat(t, 10, 512, &n.Tempo, why);
+          return readFloat(t, ranges::kTempo.low, ranges::kTempo.high, &n.Tempo, why);
         }},
   };
 }
@@ -256,12 +257,12 @@ NoteDetailDialog::NoteDetailDialog(EditorDocument* document, int index, QWidget*
   auto* startRow = new QHBoxLayout;
   startTime_ = new QDoubleSpinBox(pitchBox);
   startTime_->setObjectName("pitchStart");
-  startTime_->setRange(-2000, 2000);
+  startTime_->setRange(ranges::kPitchStart.low, ranges::kPitchStart.high);
   startTime_->setSuffix(" ms");
   startTime_->setValue(floatListCount(note.PBS) >= 1 ? note.PBS[1] : -40.0);
   hasStartHeight_ = new QCheckBox(tr("start height"), pitchBox);
   startHeight_ = new QDoubleSpinBox(pitchBox);
-  startHeight_->setRange(-2400, 2400);
+  startHeight_->setRange(ranges::kPitchHeight.low * 10.0, ranges::kPitchHeight.high * 10.0);
   startHeight_->setSuffix(" cents");
   hasStartHeight_->setChecked(floatListCount(note.PBS) >= 2);
   startHeight_->setValue(floatListCount(note.PBS) >= 2 ? note.PBS[2] * 10.0 : 0.0);
@@ -292,12 +293,10 @@ NoteDetailDialog::NoteDetailDialog(EditorDocument* document, int index, QWidget*
 
   auto* vibratoBox = new QGroupBox(tr("Vibrato"), this);
   auto* vibratoGrid = new QGridLayout(vibratoBox);
-  const int vibratoLow[10] = {0, 0, 0, 0, 0, -100, -100, 0, -100, -32768};
-  const int vibratoHigh[10] = {100, 2000, 2000, 100, 100, 100, 100, 100, 100, 32767};
   for (int slot = 0; slot < 10; ++slot) {
     vibrato_[slot] = new QSpinBox(vibratoBox);
     vibrato_[slot]->setObjectName(QString("vibrato%1").arg(slot));
-    vibrato_[slot]->setRange(vibratoLow[slot], vibratoHigh[slot]);
+    vibrato_[slot]->setRange(static_cast<int>(ranges::kVibrato[slot].low), static_cast<int>(ranges::kVibrato[slot].high));
     vibrato_[slot]->setValue(note.VBR[slot]);
     vibratoGrid->addWidget(new QLabel(tr(kVibratoNames[slot]), vibratoBox), slot / 5 * 2, slot % 5);
     vibratoGrid->addWidget(vibrato_[slot], slot / 5 * 2 + 1, slot % 5);
@@ -315,7 +314,7 @@ NoteDetailDialog::NoteDetailDialog(EditorDocument* document, int index, QWidget*
       const int slot = row == 0 ? kEnvelopeDurations[k] : kEnvelopeLevels[k];
       auto* spin = new QDoubleSpinBox(envelopeBox);
       spin->setObjectName(QString("envelope%1").arg(slot));
-      spin->setRange(0, row == 0 ? 10000 : 200);
+      spin->setRange(0, row == 0 ? ranges::kEnvelopeTime.high : ranges::kEnvelopeLevel.high);
       spin->setDecimals(1);
       spin->setValue(note.Envelope[slot]);
       envelope_[slot] = spin;
