@@ -286,6 +286,8 @@ TEST_F(Editing, TransposeClampsWhileDragAcceptsUpTo119) {
   EXPECT_EQ(note(0).NoteNum, 111);
   EXPECT_EQ(man().moveSelectedNotes(0, 14, 1), 2);  // 120 is refused
   EXPECT_EQ(note(0).NoteNum, 111);
+  EXPECT_EQ(man().moveSelectedNotes(0, 13, 1), 3);  // 119 is the top
+  EXPECT_EQ(note(0).NoteNum, 119);
   select({1});
   EXPECT_EQ(man().addNoteNum(-20, -1), 1);
   EXPECT_EQ(note(1).NoteNum, 24);
@@ -480,6 +482,9 @@ TEST_F(Editing, PitchPointsSplitAndMergeSegments) {
   EXPECT_EQ(man().getPitchKind(1, 2), 'r');
   EXPECT_EQ(man().getPitchKind(1, 3), -1);
   EXPECT_EQ(man().getPitchKind(1, 1), 0);
+  EXPECT_EQ(man().getPitchKind(1, 0), -1);
+  EXPECT_EQ(man().getPitchKind(0, 1), -1);  // no pitch line
+  EXPECT_EQ(man().getPitchKind(9, 1), -1);  // no such note
   EXPECT_EQ(man().setPitchKind(1, 0, 'j'), 2);  // only the count
   EXPECT_EQ(man().addPitchPoint(1, 1), 1);
   EXPECT_EQ(values(note(1).PBW), (std::vector<float>{40, 20, 20}));

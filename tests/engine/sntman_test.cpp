@@ -11,6 +11,8 @@
 #include "engine/ctonm2.h"
 #include "tests/engine/notes.h"
 #include "tests/testutil.h"
+#include "tests/voicebank/bank.h"
+#include "voicebank/voiceset.h"
 
 namespace {
 
@@ -343,4 +345,15 @@ TEST_F(SntFiles, SavesKeepVelocityAndOlderVersionLinesReadAsTheOldForm) {
     again.readSnt2(saved.c_str(), nullptr, 0);
     EXPECT_FLOAT_EQ(back.notes[0].Velocity, 81.28f) << form;
   }
+}
+
+TEST(SntManager, ReadsNoVoiceSetWithoutOneToReadInto) {
+  TestBank bank;
+  bank.write("oto.ini", "a.wav=a,1,2,3,4,5\n");
+  ctonm2 engine;
+  CSntMan manager(&engine, nullptr);
+  EXPECT_EQ(manager.readVoiceset(bank.path().c_str()), 0);
+  cvoiceset voices;
+  engine.voiceset = &voices;
+  EXPECT_EQ(manager.readVoiceset(bank.path().c_str()), 1);
 }

@@ -284,6 +284,11 @@ TEST_F(Midi, ExportedAndImportedAgain) {
   ASSERT_TRUE(midi_.writeSMFFile(path.c_str(), &man));
   EXPECT_EQ(import(path, 1), "\xe3\x81\x8b@0:480/60 T150@480 \xe3\x81\x95@480:240/64 \xe3\x82\x89@960:960/67 ");
   EXPECT_EQ(tempo_, 100.0f);
+  // Each note ends with a note-off of the middle velocity.
+  const std::string bytes = readFile(path);
+  for (const char* off : {"\x80\x3c\x40", "\x80\x40\x40", "\x80\x43\x40"}) {
+    EXPECT_NE(bytes.find(off), std::string::npos) << static_cast<int>(off[1]);
+  }
   const std::vector<std::string> tracks = midi_.getTrackList(path.c_str());
   ASSERT_EQ(tracks.size(), 2u);
   EXPECT_EQ(tracks[1], "Track01:  (3 notes, lyrics)");
@@ -384,6 +389,8 @@ TEST_F(Midi, VsqTracksAndTheirWayBack) {
   man.getNote(0)->Intensity = 0;
   man.getNote(3)->Intensity = 200;
   const std::string path = dir_.file("out.vsq");
+  EXPECT_FALSE(midi_.writeVSQFile(path.c_str(), nullptr));
+  EXPECT_FALSE(midi_.writeVSQFile(nullptr, &man));
   ASSERT_TRUE(midi_.writeVSQFile(path.c_str(), &man));
 
   // The voice track of layer 0: its sequence text in events of at most

@@ -318,3 +318,35 @@ TEST_F(MusicXml, ExportedScoresReadBackToTheSameNotes) {
   EXPECT_EQ(tempo_, 100.0f);
   EXPECT_EQ(signatures_, "(3/4/2),(4/4/0),");
 }
+
+// Written values: plain, dotted and double-dotted; a signature restated
+// unchanged is one signature; an untitled project has no title.
+TEST_F(MusicXml, DottedValuesRestatedSignaturesAndUntitledScores) {
+  CScaleMan scale;
+  CNoteMan man(&scale);
+  man.engine()->set_projectName("(no title)");
+  // A dotted quarter, a double-dotted quarter, a dotted eighth: one bar.
+  man.insertNotePosition(0, 720, 60, "さ");
+  man.insertNotePosition(720, 840, 62, "く");
+  man.insertNotePosition(1560, 360, 64, "ら");
+  const std::string path = dir_.file("dots.musicxml");
+  std::string error;
+  ASSERT_TRUE(CMusicXml::write(path.c_str(), &man, &error)) << error;
+  const std::string written = readFile(path);
+  std::vector<std::string> values;  // type and dots of each note
+  for (size_t at = written.find("<note>"); at != std::string::npos; at = written.find("<note>", at + 1)) {
+    const std::string one = written.substr(at, written.find("</note>", at) - at);
+    const size_t type = one.find("<type>");
+    std::string value = type == std::string::npos ? "?" : one.substr(type + 6, one.find("</type>") - type - 6);
+    for (size_t dot = one.find("<dot/>"); dot != std::string::npos; dot = one.find("<dot/>", dot + 1)) value += ".";
+    values.push_back(value);
+  }
+  EXPECT_EQ(values, (std::vector<std::string>{"quarter.", "quarter..", "eighth."}));
+  EXPECT_EQ(written.find("<work>"), std::string::npos);
+
+  const std::string restated = partwise(part(measure(1, attributes(1, 4, 4) + note("C4", 4, lyric("a"))) +
+                                             measure(2, attributes(0, 4, 4) + note("D4", 4, lyric("b"))) +
+                                             measure(3, attributes(0, 3, 4) + note("E4", 3, lyric("c")))));
+  EXPECT_EQ(import(restated), "a@0:1920/60 b@1920:1920/62 c@3840:1440/64 ");
+  EXPECT_EQ(signatures_, "(4/4/2),(3/4/0),");  // 4/4 for two measures, then 3/4
+}

@@ -43,6 +43,10 @@ TEST(BoundedCopy, NullsAndZeroCapacityChangeNothing) {
   EXPECT_EQ(strcpy_n(nullptr, "xy", 4), nullptr);
   strcat_n(field, nullptr, 4);
   EXPECT_STREQ(field, "abc");
+  EXPECT_EQ(strcat_n(nullptr, "xy", 4), nullptr);
+  strcpy_utf8_n(field, nullptr, 4);
+  EXPECT_STREQ(field, "abc");
+  EXPECT_EQ(strcpy_utf8_n(nullptr, "xy", 4), nullptr);
 }
 
 TEST(BoundedAppend, FillsTheRoomLeft) {

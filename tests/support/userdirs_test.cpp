@@ -35,3 +35,5 @@ TEST(UserFolders, EmptyWithoutHome) {
   ScopedEnv state("XDG_STATE_HOME", nullptr);
   EXPECT_EQ(userFolder(UserFolder::kRecovery, true), "");
 }
+
+TEST(UserFolders, NoFolderIsMadeOfAnEmptyPath) { EXPECT_FALSE(makeFolders("")); }

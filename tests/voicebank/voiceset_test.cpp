@@ -111,6 +111,12 @@ TEST(VoiceSetReading, TopAndSubfolderTables) {
   convertVoicesetTexts(&set);  // the bank's charset is not UTF-8
   EXPECT_EQ(filenameSet(set), (std::multiset<std::string>{"a.wav", "low/ka.wav", "\xe9\xab\x98/ka.wav"}));
   EXPECT_STREQ(found(set.search_voicedata("ka_hi")), "\xe9\xab\x98/ka.wav");
+  // The subfolders of a folder named with or without its closing "/".
+  for (const std::string& folder : {bank.path(), bank.folder()}) {
+    cvoiceset walked;
+    copendir::read_folder_otoini(folder.c_str(), &walked, &cvoiceset::read_otoini);
+    EXPECT_EQ(walked.count(), 2) << folder;
+  }
 }
 
 TEST(VoiceSetReading, EditorsTableReplacesEveryOtoIni) {
@@ -168,6 +174,8 @@ TEST(TextFiles, Utf8ByItsBytes) {
   EXPECT_TRUE(looksLikeUtf8("\xe3\x81\x82", 3));
   EXPECT_FALSE(looksLikeUtf8("plain", 5));             // ASCII alone decides nothing
   EXPECT_FALSE(looksLikeUtf8("\x82\xa0", 2));          // Shift_JIS
+  EXPECT_TRUE(looksLikeUtf8("\xf4\x8f\xbf\xbf", 4));   // U+10FFFF, the last
+  EXPECT_FALSE(looksLikeUtf8("\xf5\x80\x80\x80", 4));  // past it
   EXPECT_FALSE(looksLikeUtf8("\xe3\x81", 2));          // cut short
   EXPECT_FALSE(looksLikeUtf8("\xc0\xaf", 2));          // overlong
   EXPECT_FALSE(looksLikeUtf8("\xed\xa0\x80", 3));      // a surrogate
@@ -212,6 +220,10 @@ TEST(PrefixMap, ReadSkipsBadRowsAndWriteReadsBack) {
   EXPECT_STREQ(back.prefixMap[12].prefix, "");
   EXPECT_EQ(back.read_prefixmap((bank.folder() + "absent").c_str()), -1);
   EXPECT_STREQ(back.prefixMap[107].prefix, "top");  // a failed open keeps the table
+  // A charset the map names is kept, whatever its bytes look like.
+  bank.write("named.map", "Charset:cp932\nC4\t\xe3\x81\x82\t\n");
+  EXPECT_EQ(back.read_prefixmap((bank.folder() + "named.map").c_str()), 96);
+  EXPECT_STREQ(back.prefixMap[0].name, "cp932");
 }
 
 TEST(NoteNames, ToNumbers) {
