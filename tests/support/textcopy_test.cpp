@@ -47,6 +47,8 @@ TEST(BoundedCopy, NullsAndZeroCapacityChangeNothing) {
   strcpy_utf8_n(field, nullptr, 4);
   EXPECT_STREQ(field, "abc");
   EXPECT_EQ(strcpy_utf8_n(nullptr, "xy", 4), nullptr);
+  strcpy_utf8_n(field, "xy", 1);  // room for the terminator alone
+  EXPECT_STREQ(field, "");
 }
 
 TEST(BoundedAppend, FillsTheRoomLeft) {
