@@ -148,6 +148,33 @@ void BM_PitchHandleStep(benchmark::State& state) {
 }
 BENCHMARK(BM_PitchHandleStep)->Unit(benchmark::kMillisecond);
 
+// Opening 100,000 notes of no length stacked on one tick (and one note
+// that sounds) up to the first painted frame: linear, not quadratic.
+void BM_OpenStackedNotes(benchmark::State& state) {
+  TempDir dir;
+  std::string text = "[#VERSION]\nSNT Version2.0\nCharset=UTF-8\n[#SETTING]\nTempo=120.00\nMode2=True\n";
+  char section[160];
+  const int count = static_cast<int>(state.range(0));
+  for (int i = 0; i <= count; ++i) {
+    snprintf(section, sizeof section, "[#%04d]\nDelta=0\nDuration=%d\nLyric=a\nNoteNum=60\n", i, i == count ? 480 : 0);
+    text += section;
+  }
+  const std::string path = dir.file("stacked.snt");
+  writeFile(path, text + "[#TRACKEND]\n");
+  MainWindow window;
+  window.resize(1280, 800);
+  window.show();
+  QApplication::processEvents();
+  PianoRoll* roll = window.editor()->roll();
+  QImage frame(roll->size(), QImage::Format_ARGB32_Premultiplied);
+  for (auto _ : state) {
+    window.openProject(QString::fromStdString(path), true);
+    QPainter painter(&frame);
+    window.render(&painter);
+  }
+}
+BENCHMARK(BM_OpenStackedNotes)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond)->Iterations(3);
+
 // A 5-minute backing track (48 kHz stereo, resampled on load): loading it
 // into the document, and one frame of its lane, with the whole song (the
 // track under 10,000 notes, 20 minutes) in view (arg 0) or at the default

@@ -441,10 +441,16 @@ TEST_F(Render, NothingToSing) {
   add("R", 60, 100, 0);
   add("", 60, 100, 0);
   prepare();
+  // Nothing rendered: the size says 0.
   int32_t size = 7;
   EXPECT_EQ(engine_.render_by_thread(&size, 2, nullptr), nullptr);
+  EXPECT_EQ(size, 0);
+  size = 7;
   EXPECT_EQ(engine_.render_number_by_thread(5, 2, &size, 2, nullptr), nullptr);
+  EXPECT_EQ(size, 0);
+  size = 7;
   EXPECT_EQ(engine_.render_number_with_progress(3, 1, &size, nullptr, 0.0, 0.0), nullptr);
+  EXPECT_EQ(size, 0);
   // Rests of some length are still nothing to render, on either driver.
   add("R", 60, 100, 480);
   prepare();

@@ -173,6 +173,7 @@ void PianoRoll::paintEvent(QPaintEvent*) {
   p.setFont(font);
   const QFontMetrics metrics(font);
   const bool dragging = document.editing();
+  QRectF drawn;  // the last box drawn unselected
   for (int32_t i = 0; i < engine.noteCount; ++i) {
     const NoteData& note = engine.notes[i];
     if (ctonm2::is_r(note.Lyric)) continue;
@@ -182,6 +183,10 @@ void PianoRoll::paintEvent(QPaintEvent*) {
     const int y = scale_->noteToY(note.NoteNum);
     if (y > h || y + row < 0) continue;
     const QRectF box(x, y, width, row);
+    // A note stacked exactly on the one just drawn would only hide behind
+    // it (a song of 100,000 such notes took seconds to draw).
+    if (box == drawn && note.selected == 0 && i != singing_) continue;
+    drawn = note.selected == 0 ? box : QRectF();
     const bool silent = document.voiceEntryCount() == 0 || note.VoiceFile == nullptr;
     QColor fill = note.selected != 0 ? kNoteSelected : kNoteFill;
     if (silent && !dragging) fill.setAlpha(90);

@@ -91,7 +91,7 @@ void ValuePane::paintEvent(QPaintEvent*) {
     if (ctonm2::is_r(note.Lyric)) continue;
     const double x0 = scale_->tickToX(static_cast<double>(starts[static_cast<size_t>(i)]));
     const double width = note.Length * scale_->pixelsPerTick();
-    if (x0 > w || x0 + width < 0) continue;
+    if (x0 > w || x0 + width < 0 || note.Length <= 0) continue;  // a note of no length has no envelope to show
     const QColor colour = note.selected != 0 ? QColor(225, 130, 40) : QColor(60, 110, 180);
     if (mode_ == Mode::kIntensity) {
       const double y = levelToY(note.Intensity);
