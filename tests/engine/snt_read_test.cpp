@@ -46,6 +46,10 @@ TEST_F(SntRead, FloatListsTakeTheFirstSeparatorThenCommas) {
   readNote("PBS=\nPBW=5\nPBW=6,7\n");
   EXPECT_EQ(floats(note(0).PBS), "1:0,");    // an empty value is one piece
   EXPECT_EQ(floats(note(0).PBW), "2:6,7,");  // a later line replaces the list
+  // An empty bend list is no list.
+  readNote("Pitches=1,2\nPitches=\n");
+  EXPECT_EQ(note(0).PitchCount, 0);
+  EXPECT_EQ(note(0).Pitches, nullptr);
 }
 
 TEST_F(SntRead, ShapeVibratoEnvelopeAndPitchLists) {

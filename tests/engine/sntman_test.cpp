@@ -172,6 +172,10 @@ TEST_F(SntFiles, Utf8FileKeepsItsOutputFileAsRead) {
   EXPECT_STREQ(engine.notes[0].Lyric, kKaUtf8);
   EXPECT_STREQ(engine.charset, "utf-8");  // lower-cased
   EXPECT_STREQ(ts, "(3/4/0),");
+  // Written again by the same manager, the signatures go with it.
+  const std::string again = dir_.file("again.snt");
+  ASSERT_EQ(manager.writeSnt2(again.c_str()), 1);
+  EXPECT_NE(readFile(again).find("\nTimeSignatures=(3/4/0),\n"), std::string::npos) << readFile(again);
 }
 
 TEST_F(SntFiles, ShiftJisTextsKeepWhatConverts) {

@@ -104,6 +104,12 @@ TEST(MidiFile, HeaderEventsAndVariableLengths) {
   ASSERT_TRUE(out.close());
   EXPECT_EQ(readFile(dir.file("o.mid")), std::string("\xff\xff\xff\x7f\x00\x81\x00\x00\x00\x2c\x02\x07\xa1\x20", 14));
   EXPECT_EQ(CMIDIReader(dir.file("absent.mid").c_str()).readHeader(), 0);
+  // A byte of 0x80 inside a delta carries on: 0x81 0x80 0x00 is 16384.
+  writeFile(path, header(1, 1, 480) + std::string("\x81\x80\x00\x90\x3c\x64", 6));
+  CMIDIReader again(path.c_str());
+  ASSERT_EQ(again.readHeader(), 1);
+  EXPECT_EQ(again.readMessage(&message), 0x90);
+  EXPECT_EQ(message.delta, 16384);
 }
 
 TEST(MidiFile, EveryKindOfEventWrittenAndReadBack) {

@@ -310,6 +310,10 @@ TEST_F(MusicXml, ExportedScoresReadBackToTheSameNotes) {
   const std::string written = readFile(path);
   EXPECT_NE(written.find("<tie type=\"start\"/>"), std::string::npos);
   EXPECT_NE(written.find("<type>half</type>"), std::string::npos);
+  // A time signature where it starts and where it changes, not again.
+  size_t times = 0;
+  for (size_t at = written.find("<time>"); at != std::string::npos; at = written.find("<time>", at + 1)) ++times;
+  EXPECT_EQ(times, 2u);
   EXPECT_NE(written.find("Round &lt;trip&gt; &amp; back"), std::string::npos);
   CMusicXml score;
   ASSERT_TRUE(score.load(path.c_str())) << score.error();

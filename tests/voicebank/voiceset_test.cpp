@@ -176,6 +176,9 @@ TEST(TextFiles, Utf8ByItsBytes) {
   EXPECT_FALSE(looksLikeUtf8("\x82\xa0", 2));          // Shift_JIS
   EXPECT_TRUE(looksLikeUtf8("\xf4\x8f\xbf\xbf", 4));   // U+10FFFF, the last
   EXPECT_FALSE(looksLikeUtf8("\xf5\x80\x80\x80", 4));  // past it
+  EXPECT_FALSE(looksLikeUtf8("\xf4\x90\x80\x80", 4));  // U+110000, past it too
+  EXPECT_TRUE(looksLikeUtf8("\xdf\xbf", 2));              // U+07FF, the last of two bytes
+  EXPECT_FALSE(looksLikeUtf8("\xe0\x80\x80", 3));        // a 0 written long
   EXPECT_FALSE(looksLikeUtf8("\xe3\x81", 2));          // cut short
   EXPECT_FALSE(looksLikeUtf8("\xc0\xaf", 2));          // overlong
   EXPECT_FALSE(looksLikeUtf8("\xed\xa0\x80", 3));      // a surrogate
