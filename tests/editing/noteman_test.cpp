@@ -234,6 +234,21 @@ TEST_F(Editing, CopyCutAndPasteKeepRelativeTiming) {
   EXPECT_EQ(lyrics(), "b,a,c,d,b,c,");  // b goes before a, which starts at 0 too
 }
 
+// Pasted notes go on the chosen layer, or keep their own when all are shown.
+TEST_F(Editing, PastedNotesGoOnTheChosenLayer) {
+  load({{"a", 0, 480, 60}, {"b", 480, 480, 62}});
+  note(0).layer = note(1).layer = 2;
+  select({0, 1});
+  EXPECT_EQ(man().CopyNotes(), 2);
+  man().setTargetLayer(0);
+  EXPECT_EQ(man().PasteNotes(1920), 2);
+  EXPECT_EQ(note(2).layer, 0);
+  EXPECT_EQ(note(3).layer, 0);
+  man().setTargetLayer(-1);
+  EXPECT_EQ(man().PasteNotes(3840), 2);
+  EXPECT_EQ(note(4).layer, 2);
+}
+
 TEST_F(Editing, PasteOfAnEmptyClipboardClearsTheSelection) {
   CClipMan().ToClip(nullptr, 0);
   load({{"a", 0, 480, 60}});
