@@ -20,6 +20,11 @@ struct VoiceSignal {
   double vibratoCents = 0.0;    // depth, either way
   double vibratoRate = 5.5;     // Hz
   double breath = 0.0;          // noise level relative to the voice's peak
+  // A natural voice's cycle-to-cycle variation: each glottal cycle's
+  // length and peak drawn anew around the contour, as relative standard
+  // deviations (about 0.005 and 0.03 in a healthy sung vowel).
+  double jitter = 0.0;
+  double shimmer = 0.0;
   double seconds = 1.0;         // voiced part
   double silenceBefore = 0.0;   // seconds
   double silenceAfter = 0.0;
@@ -40,10 +45,19 @@ struct VoiceSignal {
   std::vector<int16_t> render(uint32_t seed = 1) const {
     const int32_t total = frames();
     std::vector<double> source(static_cast<size_t>(total), 0.0);
-    // Glottal flow derivative: a Rosenberg pulse, differentiated.
+    // Glottal flow derivative: a Rosenberg pulse, differentiated. With
+    // jitter and shimmer each cycle runs at its own rate and height.
+    std::mt19937 cycles(seed * 7919u + 1u);
+    std::normal_distribution<double> spread(0.0, 1.0);
+    auto draw = [&](double amount) { return amount > 0.0 ? 1.0 + amount * std::clamp(spread(cycles), -3.0, 3.0) : 1.0; };
+    double cycleRate = draw(jitter), cycleHeight = draw(shimmer);
     double phase = 0.0, previous = 0.0;
     for (int32_t n = voicedStart(); n < voicedEnd(); ++n) {
-      phase += truth(n) / rate;
+      phase += truth(n) * cycleRate / rate;
+      if (phase >= 1.0) {
+        cycleRate = draw(jitter);
+        cycleHeight = draw(shimmer);
+      }
       phase -= std::floor(phase);
       const double open = 0.6, closing = 0.25;
       double flow = 0.0;
@@ -52,6 +66,7 @@ struct VoiceSignal {
       } else if (phase < open + closing) {
         flow = std::cos(M_PI / 2.0 * (phase - open) / closing);
       }
+      flow *= cycleHeight;
       source[static_cast<size_t>(n)] = flow - previous;
       previous = flow;
     }
