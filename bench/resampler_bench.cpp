@@ -16,6 +16,7 @@
 #include "engine/ctonm2.h"
 #include "render/resampler.h"
 #include "render/wavefile.h"
+#include "tests/render/vowel_note.h"
 #include "tests/voicebank/voice_signal.h"
 #include "voicebank/pitch.h"
 #include "voicebank/spectrum.h"
@@ -61,37 +62,6 @@ void BM_ResampleNote(benchmark::State& state) {
   unlink((dir + "/a_wav.spef").c_str());
   unlink(path.c_str());
   rmdir(dir.c_str());
-}
-
-// The fundamental around `centre` of a signal known to be near
-// `expected` Hz: the lag of highest normalised autocorrelation between 0.8
-// and 1.25 of the expected period over a 2048-sample window, refined by a
-// parabola through its neighbours (a tenth of a cent at these periods).
-double frequencyAt(const double* x, int32_t count, int32_t centre, double expected) {
-  constexpr int32_t kWindow = 2048;
-  const double period = 44100.0 / expected;
-  const int32_t low = static_cast<int32_t>(period * 0.8), high = static_cast<int32_t>(period * 1.25) + 1;
-  const int32_t start = centre - kWindow / 2;
-  if (start < 0 || start + kWindow + high >= count) return 0.0;
-  std::vector<double> score(static_cast<size_t>(high + 2), -1.0);
-  for (int32_t lag = low - 1; lag <= high + 1; ++lag) {
-    double xy = 0.0, xx = 0.0, yy = 0.0;
-    for (int32_t k = start; k < start + kWindow; ++k) {
-      xy += x[k] * x[k + lag];
-      xx += x[k] * x[k];
-      yy += x[k + lag] * x[k + lag];
-    }
-    score[static_cast<size_t>(lag)] = xx > 0.0 && yy > 0.0 ? xy / std::sqrt(xx * yy) : -1.0;
-  }
-  int32_t best = low;
-  for (int32_t lag = low; lag <= high; ++lag) {
-    if (score[static_cast<size_t>(lag)] > score[static_cast<size_t>(best)]) best = lag;
-  }
-  const double a = score[static_cast<size_t>(best - 1)], b = score[static_cast<size_t>(best)],
-               c = score[static_cast<size_t>(best + 1)];
-  const double bend = a - 2.0 * b + c;
-  const double offset = bend < 0.0 ? 0.5 * (a - c) / bend : 0.0;
-  return 44100.0 / (best + offset);
 }
 
 // How close the resampler lands to the note it is asked for: generated
