@@ -353,4 +353,9 @@ TEST_F(MusicXml, DottedValuesRestatedSignaturesAndUntitledScores) {
                                              measure(3, attributes(0, 3, 4) + note("E4", 3, lyric("c")))));
   EXPECT_EQ(import(restated), "a@0:1920/60 b@1920:1920/62 c@3840:1440/64 ");
   EXPECT_EQ(signatures_, "(4/4/2),(3/4/0),");  // 4/4 for two measures, then 3/4
+  // The lowest note there is, and a lyric with a comment inside it.
+  const std::string low = partwise(part(measure(
+      1, attributes(1, 4, 4) + note("C-1", 2, lyric("a")) +
+             note("C4", 2, "<lyric number=\"1\"><text>k<!-- a note to the singer -->a</text></lyric>"))));
+  EXPECT_EQ(import(low), "a@0:960/0 ka@960:960/60 ");
 }
