@@ -231,6 +231,9 @@ TEST(DifferenceSearch, FindsThePeriodOfAPulseTrain) {
   ASSERT_NE(pulses, nullptr);
   free(pulses);
   EXPECT_EQ(bcfGetFrequencyList(nullptr, &meanSquare, 8192, 16, 0, 1, samples.data(), ""), nullptr);  // no rate
+  EXPECT_EQ(bcfGetFrequencyList(nullptr, &meanSquare, 8192, 16, 44100, 1, nullptr, ""), nullptr);   // no samples
+  EXPECT_EQ(bcfGetFrequencyList(nullptr, &meanSquare, 8192, 16, 44100, 0, samples.data(), ""), nullptr);  // no channel
+  EXPECT_EQ(bcfGetFrequencyList(nullptr, &meanSquare, 8192, -1, 44100, 1, samples.data(), ""), nullptr);  // no frames
 }
 
 // At least 95% of the clearly voiced frames within 50 cents of the truth,
