@@ -117,27 +117,12 @@ void BM_PitchAccuracy(benchmark::State& state) {
         state.SkipWithError("the resampler failed");
         return;
       }
-      const double target = num2freq(note.NoteNum);
-      std::vector<double> cents;
-      for (int32_t at = count / 5; at < count * 4 / 5; at += 441) {
-        const double f = frequencyAt(out, count, at, target);
-        if (f > 0.0) cents.push_back(1200.0 * std::log2(f / target));
-      }
+      const PitchDistance d = pitchDistance(out, count, num2freq(note.NoteNum));
       free(out);
-      double taskSum = 0.0, taskWorst = 0.0;
-      for (size_t k = 0; k < cents.size(); ++k) {
-        taskSum += std::fabs(cents[k]);
-        if (k + 5 <= cents.size()) {
-          double stretch = 0.0;
-          for (size_t j = k; j < k + 5; ++j) stretch += cents[j];
-          taskWorst = std::max(taskWorst, std::fabs(stretch / 5.0));
-        }
-      }
-      sum += taskSum;
-      frames += static_cast<int64_t>(cents.size());
-      worst = std::max(worst, taskWorst);
-      state.counters["shift" + std::to_string(shifts[task] + 7) + "_mean"] =
-          cents.empty() ? -1.0 : taskSum / static_cast<double>(cents.size());
+      sum += d.mean * static_cast<double>(d.frames);
+      frames += static_cast<int64_t>(d.frames);
+      worst = std::max(worst, d.worst);
+      state.counters["shift" + std::to_string(shifts[task] + 7) + "_mean"] = d.frames > 0 ? d.mean : -1.0;
     }
     mean = frames > 0 ? sum / static_cast<double>(frames) : -1.0;
   }

@@ -75,3 +75,31 @@ inline double frequencyAt(const double* x, int32_t count, int32_t centre, double
   const double offset = bend < 0.0 ? 0.5 * (a - c) / bend : 0.0;
   return 44100.0 / (best + offset);
 }
+
+// How far a rendered note is from `target` Hz over the middle 60 % of it,
+// measured every 10 ms: the mean distance in cents and the worst over any
+// 50 ms (five measurements averaged).
+struct PitchDistance {
+  double mean = 0.0;
+  double worst = 0.0;
+  size_t frames = 0;
+};
+inline PitchDistance pitchDistance(const double* out, int32_t count, double target) {
+  std::vector<double> cents;
+  for (int32_t at = count / 5; at < count * 4 / 5; at += 441) {
+    const double f = frequencyAt(out, count, at, target);
+    if (f > 0.0) cents.push_back(1200.0 * std::log2(f / target));
+  }
+  PitchDistance d;
+  d.frames = cents.size();
+  for (size_t k = 0; k < cents.size(); ++k) {
+    d.mean += std::fabs(cents[k]);
+    if (k + 5 <= cents.size()) {
+      double stretch = 0.0;
+      for (size_t j = k; j < k + 5; ++j) stretch += cents[j];
+      d.worst = std::max(d.worst, std::fabs(stretch / 5.0));
+    }
+  }
+  if (!cents.empty()) d.mean /= static_cast<double>(cents.size());
+  return d;
+}
