@@ -91,10 +91,11 @@ int runResample(int argc, char** argv) {
     return usageError(command, ("--length " + length + ": from above 0 to 3600000 msec").c_str());
   }
   long noteNumber = 60;
-  if (!noteText.empty() && !parseInt(noteText, 0, 127, &noteNumber)) {
+  const long lowest = static_cast<long>(ranges::kNoteNum.low), highest = static_cast<long>(ranges::kNoteNum.high);
+  if (!noteText.empty() && !parseInt(noteText, lowest, highest, &noteNumber)) {
     noteNumber = cvoiceset::name2num(noteText.c_str());
     if (noteNumber == 0 && noteText != "C-1") return usageError(command, ("not a note: '" + noteText + "'").c_str());
-    if (noteNumber < 0 || noteNumber > 127) {
+    if (noteNumber < lowest || noteNumber > highest) {
       return usageError(command, ("--note " + noteText + ": C-1 (0) to G9 (127)").c_str());
     }
   }

@@ -13,6 +13,7 @@
 
 #include "app/project_file.h"
 #include "editing/noteman.h"
+#include "engine/ranges.h"
 #include "render/wavefile.h"
 #include "support/userdirs.h"
 #include "voicebank/freqtable.h"
@@ -122,7 +123,8 @@ int dropImpossibleNotes(CNoteMan& manager) {
   for (int i = 0; i < engine.noteCount; ++i) {
     NoteData& note = engine.notes[i];
     if (sections[static_cast<size_t>(i)] < 0 || ctonm2::is_r(note.Lyric)) continue;
-    const bool badLength = note.Length < 0, badNumber = note.NoteNum < 0 || note.NoteNum > 127;
+    const bool badLength = note.Length < 0,
+               badNumber = note.NoteNum < ranges::kNoteNum.low || note.NoteNum > ranges::kNoteNum.high;
     if (!badLength && !badNumber) continue;
     fprintf(stderr, "warning: note [#%04d] '%s': %s; left out\n", sections[static_cast<size_t>(i)], note.Lyric,
             badLength ? ("length " + std::to_string(note.Length) + " is negative").c_str()

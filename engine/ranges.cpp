@@ -43,6 +43,16 @@ void clampValue(float* value, const ValueRange& range, const std::string& where,
   keep(value, range, where, field, notices);
 }
 
+void clampValue(double* value, const ValueRange& range, const std::string& where, const std::string& field,
+                std::vector<std::string>* notices) {
+  keep(value, range, where, field, notices);
+}
+
+void clampValue(int32_t* value, const ValueRange& range, const std::string& where, const std::string& field,
+                std::vector<std::string>* notices) {
+  keep(value, range, where, field, notices);
+}
+
 void clampNoteValues(NoteData* note, int index, std::vector<std::string>* notices) {
   using namespace ranges;
   char where[32];

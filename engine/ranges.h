@@ -40,6 +40,10 @@ constexpr ValueRange kEnvelopeLevel{"Envelope", 0.0, 200.0};   // percent
 constexpr ValueRange kVibrato[10] = {{"VBR", 0, 100},    {"VBR", 0, 2000},    {"VBR", 0, 2000}, {"VBR", 0, 100},
                                      {"VBR", 0, 100},    {"VBR", -100, 100},  {"VBR", -100, 100},
                                      {"VBR", 0, 100},    {"VBR", -100, 100},  {"VBR", -32768, 32767}};
+// The backing track: where it starts (song msec: an hour before the song
+// to ten hours into it) and its volume.
+constexpr ValueRange kBackingOffset{"BackingTrackOffset", -3.6e6, 3.6e7};
+constexpr ValueRange kBackingVolume{"BackingTrackVolume", 0.0, 200.0};
 // A voice entry's times (offset, consonant, cut-off, pre-utterance,
 // overlap): ten minutes either way.
 constexpr ValueRange kEntryTime{"oto.ini", -600000.0, 600000.0};
@@ -58,4 +62,8 @@ void clampNoteValues(NoteData* note, int index, std::vector<std::string>* notice
 // `*value` into `range`; when it moves, the notice "WHERE: FIELD=VALUE is
 // outside LOW..HIGH: read as BOUND" (FIELD: the range's name when empty).
 void clampValue(float* value, const ValueRange& range, const std::string& where, const std::string& field,
+                std::vector<std::string>* notices);
+void clampValue(double* value, const ValueRange& range, const std::string& where, const std::string& field,
+                std::vector<std::string>* notices);
+void clampValue(int32_t* value, const ValueRange& range, const std::string& where, const std::string& field,
                 std::vector<std::string>* notices);

@@ -287,10 +287,11 @@ int32_t ctonm2::read_snt(const char* path, char* tsBuffer, int32_t tsSize) {
         } else if ((v = valueOf(line, "BackingTrackOffset=")) != nullptr) {
           float offset = 0.0f;
           readFloat(v, &offset);
-          audioTrackOffset = std::isfinite(offset) ? std::clamp(static_cast<double>(offset), -3.6e6, 3.6e7) : 0.0;
+          audioTrackOffset = offset;
+          clampValue(&audioTrackOffset, ranges::kBackingOffset, "project", "", &readNotices);
         } else if ((v = valueOf(line, "BackingTrackVolume=")) != nullptr) {
           readInt(v, &audioTrackVolume);
-          audioTrackVolume = std::clamp(audioTrackVolume, 0, 200);
+          clampValue(&audioTrackVolume, ranges::kBackingVolume, "project", "", &readNotices);
         } else if ((v = valueOf(line, "BackingTrackMute=")) != nullptr) {
           readInt(v, &audioTrackMute);
           audioTrackMute = audioTrackMute != 0;

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "engine/ranges.h"
+
 bool BackingTrack::load(const std::string& path, std::string* error) {
   SF_INFO info = {};
   SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
@@ -94,7 +96,8 @@ void BackingTrack::clear() {
 void BackingTrack::lay(void* context, int16_t* mix, int32_t samples, double songMs) {
   const BackingTrack& self = *static_cast<const BackingTrack*>(context);
   if (self.muted || self.samples_.empty() || samples <= 0) return;
-  const float gain = static_cast<float>(std::clamp(self.volume, 0, 200)) / 100.0f * 32767.0f;
+  bool moved = false;
+  const float gain = static_cast<float>(ranges::kBackingVolume.clamp(self.volume, &moved)) / 100.0f * 32767.0f;
   // Mix sample k is track sample k + shift.
   const int64_t shift = std::llround((songMs - self.offsetMs) * 44.1);
   const int64_t count = static_cast<int64_t>(self.samples_.size());

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "engine/ctonm2.h"
+#include "render/cache.h"
 #include "render/resampler.h"
 #include "support/log.h"
 #include "voicebank/freqtable.h"
@@ -25,8 +26,8 @@ constexpr double kHalfSampleMs = 0.01134;
 
 int64_t roundHalfUp(double x) { return static_cast<int64_t>(std::trunc(x + 0.5)); }
 
-// Adds a rendered note under its envelope into the mix, sample by sample,
-// until done or a stop is requested.
+}  // namespace
+
 // What the cache key cannot see in the note: the length asked of the
 // resampler (the two drivers ask different lengths of the same note) and
 // the files that decide the sound: the sample and its frequency and
@@ -60,6 +61,10 @@ void markRenderInputs(NoteData* copy, double lengthMs, const std::string& sample
   copy->reserved = hash;
 }
 
+namespace {
+
+// Adds a rendered note under its envelope into the mix, sample by sample,
+// until done or a stop is requested.
 void mixNote(int16_t* mix, int32_t mixLength, int64_t start, const double* buffer, int32_t count, const float* envelope,
              double envelopeLength, const std::atomic<int32_t>& renderState) {
   for (int32_t k = 0; k < count; ++k) {

@@ -1,29 +1,14 @@
 #include "render/audition.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 
 #include "engine/ctonm2.h"
+#include "render/cache.h"
 #include "render/resampler.h"
-#include "voicebank/freqtable.h"
 #include "voicebank/voiceset.h"
-
-namespace {
-
-// Size and change time of a file, "-" when there is none: a sample or a
-// table made or replaced since is a new clip.
-std::string stampOf(const std::string& path) {
-  struct stat info;
-  if (stat(path.c_str(), &info) != 0) return "-";
-  return std::to_string(info.st_size) + "." + std::to_string(info.st_mtim.tv_sec) + "." +
-         std::to_string(info.st_mtim.tv_nsec);
-}
-
-}  // namespace
 
 std::vector<int16_t> Audition::sing(cvoiceset* voices, const char* voiceDir, const NoteData& note, double lengthMs,
                                     std::string* error) {
@@ -42,18 +27,6 @@ std::vector<int16_t> Audition::sing(cvoiceset* voices, const char* voiceDir, con
   const double total = std::min(kMaxMs, consonant + std::max(0.0, lengthMs));
   const std::string path = std::string(voiceDir != nullptr ? voiceDir : "") + entry->filename;
 
-  char head[160];
-  snprintf(head, sizeof head, "|%d|%.3f|%d|%d|%.3f|%.3f|%.3f|%.3f|", note.NoteNum, velocity, note.Intensity,
-           note.Modulation, entry->offset, entry->fixed, entry->blank, total);
-  const std::string key = path + head + std::string(note.Flags, strnlen(note.Flags, sizeof note.Flags)) + "|" +
-                          stampOf(path) + "|" + stampOf(frequencyTablePath(path.c_str(), "frq"));
-  for (const auto& kept : kept_) {
-    if (kept.first == key) {
-      ++reused_;
-      return kept.second;
-    }
-  }
-
   NoteData alone;
   memset(&alone, 0, sizeof alone);
   alone.NoteNum = note.NoteNum;
@@ -63,6 +36,18 @@ std::vector<int16_t> Audition::sing(cvoiceset* voices, const char* voiceDir, con
   memcpy(alone.Flags, note.Flags, sizeof alone.Flags);
   alone.Flags[sizeof alone.Flags - 1] = '\0';
   alone.VoiceFile = entry->filename;
+  // The files as the render cache sees them (sample and tables).
+  markRenderInputs(&alone, total, path);
+  char head[160];
+  snprintf(head, sizeof head, "|%d|%.3f|%d|%d|%.3f|%.3f|%.3f|%08x|", note.NoteNum, velocity, note.Intensity,
+           note.Modulation, entry->offset, entry->fixed, entry->blank, alone.reserved);
+  const std::string key = path + head + alone.Flags;
+  for (const auto& kept : kept_) {
+    if (kept.first == key) {
+      ++reused_;
+      return kept.second;
+    }
+  }
   init_render(44100);
   int32_t count = 0;
   ResampError why = ResampError::kNone;

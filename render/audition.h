@@ -5,8 +5,8 @@
 // note's number, flags, consonant velocity and intensity, cut to at most
 // kMaxMs with short fades at both ends so that neither end clicks. Clips
 // are kept in memory (the last kKeep), keyed by everything that shapes
-// them including the sample's and its tables' file times, so a note
-// clicked again sounds at once.
+// them including the sample and its tables as the render cache sees them,
+// so a note clicked again sounds at once.
 #pragma once
 
 #include <cstdint>

@@ -10,6 +10,11 @@
 
 #include "engine/notedata.h"
 
+// Puts into copy->reserved a digest of what decides a note's sound beside
+// the note itself: the length asked of the resampler and the identity,
+// size and times of the sample and of its frequency and spectrum tables.
+void markRenderInputs(NoteData* copy, double lengthMs, const std::string& samplePath);
+
 class CCacheSys {
  public:
   // The digest (MD5, in base 62) covers the serialized note, its rendered

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -315,6 +316,16 @@ char* cvoiceset::getmodifyname(const char* lyric, int32_t noteNum, char* out, in
     strcpy_n(out, lyric, capacity);
   }
   return out;
+}
+
+std::string cvoiceset::sungForm(const std::string& lyric, int32_t noteNum) {
+  if (lyric.empty()) return lyric;
+  if (get_voicedata(nullptr, lyric.c_str(), noteNum) != nullptr && !lastForm_.empty()) return lastForm_;
+  std::string lower = lyric;
+  for (char& c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  const std::string kana = romajiToKana(lower);
+  if (!kana.empty() && get_voicedata(nullptr, kana.c_str(), noteNum) != nullptr && lastForm_.empty()) return kana;
+  return lyric;
 }
 
 VoiceData* cvoiceset::get_voicedata(const char* previous, const char* lyric, int32_t noteNum) {

@@ -69,6 +69,11 @@ class cvoiceset {
   // The lyric as the last get_voicedata found it when that was not as
   // given (a kana lyric as romaji, or the reverse); "" otherwise.
   const std::string& lastLookupForm() const { return lastForm_; }
+  // A lyric as this bank sings it: the form the lookup finds it under
+  // (romaji for a kana bank's entry, kana for a romaji bank's), or, for
+  // romaji that names a sample file of a bank whose aliases are kana ("sa"
+  // for sa.wav, alias "さ"), the kana; otherwise the lyric as it is.
+  std::string sungForm(const std::string& lyric, int32_t noteNum);
   // What the last read_voiceset brought into range: "FILE: ENTRY: field=
   // value is outside ...", one line a value moved.
   const std::vector<std::string>& notices() const { return notices_; }

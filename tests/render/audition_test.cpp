@@ -23,12 +23,7 @@ class AuditionTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     bank_ = new TestBank;
-    VoiceSignal voice;
-    voice.f0 = 220.0;
-    voice.seconds = 1.5;
-    voice.writeWave(bank_->folder() + "a.wav");
-    generateAnlyzeFiles((bank_->folder() + "a.wav").c_str(), 0);
-    bank_->write("oto.ini", "a.wav=a,50,60,-1400,40,10\n");
+    writeAnalysedVowels(*bank_, {"a"});
   }
   static void TearDownTestSuite() { delete bank_; }
   void SetUp() override { ASSERT_GT(voices_.read_voiceset(bank_->path().c_str()), 0); }

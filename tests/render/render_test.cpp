@@ -38,14 +38,7 @@ class Render : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     bank_ = new TestBank;
-    VoiceSignal voice;
-    voice.f0 = 220.0;
-    voice.seconds = 1.5;
-    for (const char* name : {"a.wav", "i.wav"}) {
-      voice.writeWave(bank_->folder() + name);
-      generateAnlyzeFiles((bank_->folder() + name).c_str(), 0);
-    }
-    bank_->write("oto.ini", "a.wav=a,50,60,-1400,40,10\ni.wav=i,50,60,-1400,40,10\n");
+    writeAnalysedVowels(*bank_, {"a", "i"});
   }
   static void TearDownTestSuite() { delete bank_; }
 

@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <vector>
 
 #include "tests/testutil.h"
 #include "tests/voicebank/voice_signal.h"
+#include "voicebank/pitch.h"
 
 class TestBank {
  public:
@@ -31,4 +33,20 @@ inline void writeVowelBank(const TestBank& bank, double seconds, const std::stri
   voice.seconds = seconds;
   voice.writeWave(bank.folder() + "a.wav");
   bank.write("oto.ini", entries);
+}
+
+// A bank of steady 1.5 s vowels at 220 Hz, one a name ("a", "i"), each
+// with its frequency table and the entry "a.wav=a,50,60,-1400,40,10"
+// (50 ms offset, 60 consonant, 40 pre-utterance, 10 overlap).
+inline void writeAnalysedVowels(const TestBank& bank, const std::vector<std::string>& names) {
+  VoiceSignal voice;
+  voice.f0 = 220.0;
+  voice.seconds = 1.5;
+  std::string oto;
+  for (const std::string& name : names) {
+    voice.writeWave(bank.folder() + name + ".wav");
+    generateAnlyzeFiles((bank.folder() + name + ".wav").c_str(), 0);
+    oto += name + ".wav=" + name + ",50,60,-1400,40,10\n";
+  }
+  bank.write("oto.ini", oto);
 }

@@ -9,10 +9,10 @@
 #include "app/project_file.h"
 #include "app/voice_bank.h"
 #include "editing/recovery.h"
+#include "engine/ranges.h"
 #include "support/safe_output.h"
 #include "support/userdirs.h"
 #include "ui/shell/texts.h"
-#include "voicebank/kana.h"
 #include "voicebank/voiceset.h"
 
 EditorDocument::EditorDocument(QObject* parent) : QObject(parent), model_(std::make_unique<CCNoteMan>(&scale_)) {
@@ -161,17 +161,7 @@ bool EditorDocument::save(const QString& path, int version, QString* error) {
 
 QByteArray EditorDocument::bankForm(const QByteArray& lyric, int noteNum) {
   cvoiceset* voices = engine().voiceset;
-  if (voices == nullptr || lyric.isEmpty()) return lyric;
-  const bool found = voices->get_voicedata(nullptr, lyric.constData(), noteNum) != nullptr;
-  if (found && !voices->lastLookupForm().empty()) return QByteArray::fromStdString(voices->lastLookupForm());
-  // Romaji that names a sample file of a bank whose aliases are kana ("sa"
-  // for sa.wav, alias "さ"): written as the alias.
-  const std::string kana = romajiToKana(lyric.toLower().toStdString());
-  if (!kana.empty() && voices->get_voicedata(nullptr, kana.c_str(), noteNum) != nullptr &&
-      voices->lastLookupForm().empty()) {
-    return QByteArray::fromStdString(kana);
-  }
-  return lyric;
+  return voices == nullptr ? lyric : QByteArray::fromStdString(voices->sungForm(lyric.toStdString(), noteNum));
 }
 
 // --- Backing track -------------------------------------------------------------------
@@ -233,7 +223,8 @@ void EditorDocument::setBackingOffset(double ms) {
 
 void EditorDocument::setBackingVolume(int percent) {
   emit editStarting();
-  backing_.volume = std::clamp(percent, 0, 200);
+  bool moved = false;
+  backing_.volume = static_cast<int>(ranges::kBackingVolume.clamp(percent, &moved));
   backingChanged();
 }
 

@@ -54,6 +54,14 @@ bool readFloat(const QString& text, double low, double high, float* out, QString
   return true;
 }
 
+// The same within one of the ranges the readers hold values to.
+bool readInt(const QString& text, const ValueRange& range, int* out, QString* why) {
+  return readInt(text, static_cast<int>(range.low), static_cast<int>(range.high), out, why);
+}
+bool readFloat(const QString& text, const ValueRange& range, float* out, QString* why) {
+  return readFloat(text, range.low, range.high, out, why);
+}
+
 // A text field of a fixed size.
 bool readText(const QString& text, char* field, size_t size, QString* why) {
   const QByteArray bytes = text.toUtf8();
@@ -93,25 +101,25 @@ std::vector<NotePropertiesDialog::Field> propertyFields() {
           return readInt(t, CNoteMan::kMinLength, CNoteMan::kMaxLength, &n.Length, why);
         }},
       F{"intensity", QObject::tr("Intensity (%)"), [](const NoteData& n) { return QString::number(n.Intensity); },
-        [](const QString& t, NoteData& n, QString* why) { return readInt(t, static_cast<int>(ranges::kIntensity.low), static_cast<int>(ranges::kIntensity.high), &n.Intensity, why); }},
+        [](const QString& t, NoteData& n, QString* why) { return readInt(t, ranges::kIntensity, &n.Intensity, why); }},
       F{"modulation", QObject::tr("Modulation (%)"), [](const NoteData& n) { return QString::number(n.Modulation); },
-        [](const QString& t, NoteData& n, QString* why) { return readInt(t, static_cast<int>(ranges::kModulation.low), static_cast<int>(ranges::kModulation.high), &n.Modulation, why); }},
+        [](const QString& t, NoteData& n, QString* why) { return readInt(t, ranges::kModulation, &n.Modulation, why); }},
       F{"velocity", QObject::tr("Consonant speed (%)"), [](const NoteData& n) { return number(n.Velocity); },
-        [](const QString& t, NoteData& n, QString* why) { return readFloat(t, ranges::kVelocity.low, ranges::kVelocity.high, &n.Velocity, why); }},
+        [](const QString& t, NoteData& n, QString* why) { return readFloat(t, ranges::kVelocity, &n.Velocity, why); }},
       F{"preutterance", QObject::tr("Pre-utterance (ms)"),
         [](const NoteData& n) { return std::isnan(n.PreUtterance) ? QString(kNotSet) : number(n.PreUtterance); },
         [](const QString& t, NoteData& n, QString* why) {
           if (t.trimmed() == kNotSet) return n.PreUtterance = std::nanf(""), true;
-          return readFloat(t, ranges::kPreUtterance.low, ranges::kPreUtterance.high, &n.PreUtterance, why);
+          return readFloat(t, ranges::kPreUtterance, &n.PreUtterance, why);
         }},
       F{"overlap", QObject::tr("Overlap (ms)"),
         [](const NoteData& n) { return std::isnan(n.VoiceOverlap) ? QString(kNotSet) : number(n.VoiceOverlap); },
         [](const QString& t, NoteData& n, QString* why) {
           if (t.trimmed() == kNotSet) return n.VoiceOverlap = std::nanf(""), true;
-          return readFloat(t, ranges::kVoiceOverlap.low, ranges::kVoiceOverlap.high, &n.VoiceOverlap, why);
+          return readFloat(t, ranges::kVoiceOverlap, &n.VoiceOverlap, why);
         }},
       F{"startpoint", QObject::tr("Start point (ms)"), [](const NoteData& n) { return number(n.StartPoint); },
-        [](const QString& t, NoteData& n, QString* why) { return readFloat(t, ranges::kStartPoint.low, ranges::kStartPoint.high, &n.StartPoint, why); }},
+        [](const QString& t, NoteData& n, QString* why) { return readFloat(t, ranges::kStartPoint, &n.StartPoint, why); }},
       F{"flags", QObject::tr("Flags"), [](const NoteData& n) { return QString::fromUtf8(n.Flags); },
         [](const QString& t, NoteData& n, QString* why) {
           return readText(t.trimmed(), n.Flags, sizeof n.Flags, why);
@@ -120,7 +128,7 @@ std::vector<NotePropertiesDialog::Field> propertyFields() {
         [](const NoteData& n) { return n.Tempo > 0.0f ? number(n.Tempo) : QString("none"); },
         [](const QString& t, NoteData& n, QString* why) {
           if (t.trimmed() == "none") return n.Tempo = 0.0f, true;
-          return readFloat(t, ranges::kTempo.low, ranges::kTempo.high, &n.Tempo, why);
+          return readFloat(t, ranges::kTempo, &n.Tempo, why);
         }},
   };
 }

@@ -10,6 +10,7 @@
 #include <cmath>
 
 #include "engine/ctonm2.h"
+#include "engine/ranges.h"
 #include "ui/shell/document.h"
 #include "ui/views/timescale.h"
 
@@ -111,14 +112,16 @@ void BackingLane::contextMenuEvent(QContextMenuEvent* event) {
   menu.addAction(tr("&Volume…"), this, [this] {
     bool ok = false;
     const int volume = QInputDialog::getInt(this, tr("Backing Track Volume"), tr("Volume (%):"),
-                                            document_->backing().volume, 0, 200, 5, &ok);
+                                            document_->backing().volume, static_cast<int>(ranges::kBackingVolume.low),
+                                            static_cast<int>(ranges::kBackingVolume.high), 5, &ok);
     if (ok) document_->setBackingVolume(volume);
   });
   menu.addAction(tr("&Offset…"), this, [this] {
     bool ok = false;
     const double offset =
         QInputDialog::getDouble(this, tr("Backing Track Offset"), tr("Starts at (msec of the song):"),
-                                document_->backing().offsetMs, -3.6e6, 3.6e7, 1, &ok);
+                                document_->backing().offsetMs, ranges::kBackingOffset.low,
+                                ranges::kBackingOffset.high, 1, &ok);
     if (ok) document_->setBackingOffset(offset);
   });
   menu.addSeparator();
