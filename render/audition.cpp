@@ -36,12 +36,16 @@ std::vector<int16_t> Audition::sing(cvoiceset* voices, const char* voiceDir, con
   memcpy(alone.Flags, note.Flags, sizeof alone.Flags);
   alone.Flags[sizeof alone.Flags - 1] = '\0';
   alone.VoiceFile = entry->filename;
-  // The files as the render cache sees them (sample and tables).
-  markRenderInputs(&alone, total, path);
-  char head[160];
-  snprintf(head, sizeof head, "|%d|%.3f|%d|%d|%.3f|%.3f|%.3f|%08x|", note.NoteNum, velocity, note.Intensity,
-           note.Modulation, entry->offset, entry->fixed, entry->blank, alone.reserved);
-  const std::string key = path + head + alone.Flags;
+  // Everything that shapes the clip, the files as the render cache sees
+  // them (the sample and its tables).
+  auto keyOf = [&] {
+    markRenderInputs(&alone, total, path);
+    char head[160];
+    snprintf(head, sizeof head, "|%d|%.3f|%d|%d|%.3f|%.3f|%.3f|%08x|", note.NoteNum, velocity, note.Intensity,
+             note.Modulation, entry->offset, entry->fixed, entry->blank, alone.reserved);
+    return path + head + alone.Flags;
+  };
+  const std::string key = keyOf();
   for (const auto& kept : kept_) {
     if (kept.first == key) {
       ++reused_;
@@ -68,7 +72,7 @@ std::vector<int16_t> Audition::sing(cvoiceset* voices, const char* voiceDir, con
   }
   free(samples);
   ++rendered_;
-  kept_.emplace_front(key, clip);
+  kept_.emplace_front(keyOf(), clip);  // the resampler may have made the tables
   if (kept_.size() > kKeep) kept_.pop_back();
   return clip;
 }
