@@ -77,7 +77,7 @@ std::string CCacheSys::folder() { return userFolder(UserFolder::kCache); }
 
 // Changes whenever the resampler's output for the same note changes, so
 // that audio cached by an older version is never played again.
-constexpr char kResamplerVersion[] = "resampler 3: the formant stage leaves the aperiodic share alone";
+constexpr char kResamplerVersion[] = "resampler 4: periods tracked on the signal, not taken from the table as they are";
 
 std::string CCacheSys::getCacheName(int32_t index, const NoteData* note) {
   Md5 md5;

@@ -501,6 +501,7 @@ struct Resampling {
   int32_t loadedFrames = 0;
   double* table = nullptr;
   int32_t tableLast = 0;  // the table's extra element
+  std::vector<double> tracked;  // the table's voiced periods measured again on the signal
   double average = 0.0;
   double ratio = 1.0;  // input rate / output rate
   // The lengths.
@@ -543,6 +544,65 @@ struct Resampling {
     }
   }
 };
+
+// A table made by another program, or by hand, may carry frame-to-frame
+// jitter that the voice does not have; the read follows the table, so at
+// modulation 0 that jitter would be sung. Each voiced frame (centred
+// where the read takes its value, 128 samples in) is measured again on
+// the signal: from the table's period, the normalised correlation of two
+// stretches of the window's length climbs lag by lag to its peak, which a
+// parabola through its neighbours refines. A frame whose climb leaves 6 %
+// of the table's period, or whose peak is weak, keeps the table's value.
+void trackPeriods(const Sample& sample, int32_t loadedFrames, int32_t rateIn, double average, double* table,
+                  int32_t tableLast) {
+  const double* x = sample.line.data();
+  // Running energies: the correlation's norms in two subtractions.
+  std::vector<double> energy(static_cast<size_t>(loadedFrames) + 1, 0.0);
+  for (int32_t t = 0; t < loadedFrames; ++t) energy[static_cast<size_t>(t) + 1] = energy[static_cast<size_t>(t)] + x[t] * x[t];
+  for (int32_t j = 0; j <= tableLast; ++j) {
+    const double f = table[j];
+    if (!(f > 55.0 && f <= 3.0 * average)) continue;
+    const double period = rateIn / f;
+    const int32_t low = static_cast<int32_t>(period * 0.94), high = static_cast<int32_t>(period * 1.06) + 1;
+    const int32_t window = std::min(static_cast<int32_t>(period), 1024);
+    const int32_t centre = kAnalysisStep * j + kAnalysisStep / 2;
+    if (centre - (window + high) / 2 < 0 || centre + (window + high) / 2 + 1 >= loadedFrames) continue;
+    // The two stretches lie symmetrically about the centre.
+    auto score = [&](int32_t lag) {
+      const int32_t a = centre - (window + lag) / 2, b = a + lag;
+      double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+      int32_t t = 0;
+      for (; t + 4 <= window; t += 4) {
+        s0 += x[a + t] * x[b + t];
+        s1 += x[a + t + 1] * x[b + t + 1];
+        s2 += x[a + t + 2] * x[b + t + 2];
+        s3 += x[a + t + 3] * x[b + t + 3];
+      }
+      for (; t < window; ++t) s0 += x[a + t] * x[b + t];
+      const double norm = (energy[static_cast<size_t>(a + window)] - energy[static_cast<size_t>(a)]) *
+                          (energy[static_cast<size_t>(b + window)] - energy[static_cast<size_t>(b)]);
+      return norm > 0.0 ? (s0 + s1 + s2 + s3) / std::sqrt(norm) : -1.0;
+    };
+    int32_t lag = static_cast<int32_t>(period + 0.5);
+    double before = score(lag - 1), here = score(lag), after = score(lag + 1);
+    while (after > here && lag + 1 < high) {
+      ++lag;
+      before = here;
+      here = after;
+      after = score(lag + 1);
+    }
+    while (before > here && lag - 1 > low) {
+      --lag;
+      after = here;
+      here = before;
+      before = score(lag - 1);
+    }
+    if (before > here || after > here || here < 0.5) continue;
+    const double bend = before - 2.0 * here + after;
+    const double offset = bend < 0.0 ? 0.5 * (before - after) / bend : 0.0;
+    table[j] = rateIn / (static_cast<double>(lag) + offset);
+  }
+}
 
 // Set-up: loads the sample and its frequency table and works out the
 // lengths: where the usable stretch starts, the consonant's part, the
@@ -610,6 +670,10 @@ ResampError setUp(Resampling& r) {
     if (voiced == 0) return ResampError::kNoFrequencies;
     average = sum / voiced;
   }
+  // The read follows the periods as tracked; the spectrum file is made
+  // from the table as it is, so that it does not depend on who made it.
+  r.tracked.assign(table, table + tableLast + 1);
+  trackPeriods(sample, loadedFrames, rateIn, average, r.tracked.data(), tableLast);
 
   const double ratio = static_cast<double>(rateIn) / SampleRateOut;
   log_printf(5, ":%0.4lf\n", ratio);
@@ -930,7 +994,7 @@ bool stretchAndShift(Resampling& r) {
   const NoteData* note = r.note;
   const Windows& win = windows();
   const Sample& sample = r.sample;
-  const double* table = r.table;
+  const double* table = r.tracked.data();
   const int32_t n = r.n, lead = r.lead, start = r.start, rateIn = r.rateIn, tableLast = r.tableLast;
   const int32_t pitchStep = r.pitchStep;
   const double ratio = r.ratio, stretch = r.stretch, fixedIn = r.fixedIn, fixedOut = r.fixedOut;

@@ -7,9 +7,11 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "engine/notedata.h"
+#include "voicebank/freqtable.h"
 #include "voicebank/pitch.h"
 #include "voicebank/voiceset.h"
 
@@ -102,4 +104,24 @@ inline PitchDistance pitchDistance(const double* out, int32_t count, double targ
   }
   if (!cents.empty()) d.mean /= static_cast<double>(cents.size());
   return d;
+}
+
+// Tables made by other programs carry frame-to-frame jitter the voice does
+// not have: the sample's table rewritten with every voiced frame moved by
+// a normal spread of `cents` (seeded). False when there is no table.
+inline bool jitterTable(const char* samplePath, double cents, uint32_t seed) {
+  double* frequencies = nullptr;
+  double* amplitudes = nullptr;
+  double average = 0.0;
+  const int32_t count = readFrequenciesList(samplePath, &frequencies, &amplitudes, &average, 256);
+  if (count <= 0) return false;
+  std::mt19937 random(seed);
+  std::normal_distribution<double> spread(0.0, cents);
+  for (int32_t k = 0; k <= count; ++k) {
+    if (frequencies[k] > 55.0) frequencies[k] *= std::pow(2.0, spread(random) / 1200.0);
+  }
+  const bool written = writeFrequenciesList(samplePath, frequencies, amplitudes, count, average, 256) == 1;
+  free(frequencies);
+  free(amplitudes);
+  return written;
 }
