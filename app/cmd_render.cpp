@@ -23,6 +23,7 @@
 #include "editing/noteman.h"
 #include "editing/scaleman.h"
 #include "render/cache.h"
+#include "render/renderfile.h"
 #include "render/wavefile.h"
 #include "support/log.h"
 #include "support/safe_output.h"
@@ -54,10 +55,8 @@ const char kRenderUsage[] =
 namespace {
 
 ctonm2* interruptedEngine = nullptr;
-volatile sig_atomic_t interrupted = 0;
 
 void onInterrupt(int) {
-  interrupted = 1;
   if (interruptedEngine != nullptr) interruptedEngine->renderState.store(2);  // lock-free: safe here
 }
 
@@ -188,24 +187,6 @@ int runRender(int argc, char** argv) {
     return kExitFailure;
   }
   warnUnloadableSamples(manager, first, last);
-  // A song a render cannot hold is refused before anything is rendered.
-  {
-    const TickTimeline timeline(engine);
-    int64_t position = 0;
-    double beginMs = -1.0, endMs = 0.0;
-    for (int32_t i = 0; i <= last; ++i) {
-      position += engine.notes[i].Delta;
-      if (i < first) continue;
-      if (beginMs < 0.0) beginMs = timeline.msec(position);
-      endMs = std::max<double>(endMs, timeline.msec(position + engine.notes[i].Length));
-    }
-    const double limitMs = ctonm2::kMaxMixSamples / 44.1 - 10000.0;  // room for the lead and the last note's tail
-    if (endMs - beginMs > limitMs) {
-      fprintf(stderr, "tona render: the song lasts %s, longer than one render holds (%s); render it in parts with "
-              "--from and --to\n", clockText(endMs - beginMs).c_str(), clockText(limitMs).c_str());
-      return kExitFailure;
-    }
-  }
 
   interruptedEngine = &engine;
   struct sigaction action;
@@ -214,8 +195,7 @@ int runRender(int argc, char** argv) {
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 
-  int32_t size = 0;
-  uint8_t* block = nullptr;
+  RenderFileResult result;
   {
     ProgressBar bar("rendering", last - first + 1);
     engine.progressContext = &bar;
@@ -223,45 +203,30 @@ int runRender(int argc, char** argv) {
       engine.cacheGet = cacheGet;
       engine.cachePut = cachePut;
     }
-    block = engine.render_number_by_thread(first, last, &size, static_cast<int32_t>(jobs), onProgress);
+    result = renderToWaveFile(engine, first, last, static_cast<int32_t>(jobs), onProgress, output);
     engine.progressContext = nullptr;
   }
   if (!noCache) CCacheSys::trim(cacheLimit);
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
   interruptedEngine = nullptr;
-  if (interrupted) {
-    free(block);
-    fprintf(stderr, "tona render: stopped; nothing written\n");
-    return 130;
+  switch (result.status) {
+    case RenderFileStatus::kWritten:
+      break;
+    case RenderFileStatus::kNothingSounds:
+      fprintf(stderr, "tona render: nothing to render (no sounding note)\n");
+      return kExitFailure;
+    case RenderFileStatus::kStopped:
+      fprintf(stderr, "tona render: stopped; nothing written\n");
+      return 130;
+    case RenderFileStatus::kNoMemory:
+      fprintf(stderr, "tona render: not enough memory for the song's mix\n");
+      return kExitFailure;
+    case RenderFileStatus::kWriteFailed:
+      fprintf(stderr, "tona render: cannot write '%s': %s\n", output.c_str(), strerror(result.error));
+      return kExitFailure;
   }
-  bool sounding = false;
-  for (int32_t i = std::max(first, 0); i <= last && !sounding; ++i) {
-    sounding = !ctonm2::is_r(engine.notes[i].Lyric) && engine.notes[i].VoiceFile != nullptr && engine.notes[i].Length > 0;
-  }
-  if (block == nullptr && sounding) {
-    fprintf(stderr, "tona render: not enough memory for the song's mix\n");
-    return kExitFailure;
-  }
-  if (block == nullptr) {
-    fprintf(stderr, "tona render: nothing to render (no sounding note)\n");
-    return kExitFailure;
-  }
-
-  // The file gets a clean RIFF header of its own: the mix block's head
-  // is 48 bytes, the file's 44, with nothing after the data.
-  const int32_t dataBytes = size + 8 - 48;
-  errno = 0;
-  SafeOutput file(output);
-  const bool written = !file.path().empty() &&
-                       saveWaveFile(file.path().c_str(), reinterpret_cast<const int16_t*>(block + 48), dataBytes, 16, 1,
-                                    44100) == 0;
-  free(block);
-  if (!written || !file.commit()) {
-    fprintf(stderr, "tona render: cannot write '%s': %s\n", output.c_str(), strerror(errno != 0 ? errno : EIO));
-    return kExitFailure;
-  }
-  const double seconds = dataBytes / 2 / 44100.0;
+  const double seconds = static_cast<double>(result.samples) / 44100.0;
   fprintf(stderr, "wrote '%s' (%.2f s)\n", output.c_str(), seconds);
   return kExitOk;
 }

@@ -181,6 +181,19 @@ class ctonm2 {
   // Notes first..last on min(threads, 8) workers, dealt round-robin.
   uint8_t* render_number_by_thread(int32_t first, int32_t last, int32_t* size, int32_t threads, Progress progress);
   uint8_t* render_by_thread(int32_t* size, int32_t threads, Progress progress);
+  // The samples a render of notes first..last lasts (0: nothing sounds).
+  int64_t render_samples(int32_t first, int32_t last);
+  // The threaded render of notes first..last for songs longer than one mix
+  // holds: made in consecutive stretches of at most `stretch` samples, each
+  // handed to `sink` as soon as it is complete (16-bit mono at 44100 Hz,
+  // no header); together they are the samples of render_number_by_thread's
+  // mix, byte for byte. A note whose sound crosses a stretch's edge is
+  // resampled for each stretch it reaches. Returns the samples handed, 0
+  // when nothing sounds, -1 when stopped or refused by the sink (which
+  // returns false to stop), -2 when a stretch's memory cannot be had.
+  typedef bool (*StretchSink)(void* context, const int16_t* samples, int32_t count);
+  int64_t render_number_streamed(int32_t first, int32_t last, int32_t threads, int32_t stretch, Progress progress,
+                                 StretchSink sink, void* sinkContext);
   // One thread, with the cache hooks, the playback hooks and progress.
   // startMs: where playback starts, in msec from the first note's start
   // (less than 0: in the silence before it); a consonant that begins before

@@ -149,18 +149,19 @@ float tempoBefore(const ctonm2& engine, int32_t first) {
 struct OrderedMix {
   std::vector<ctonm2::RenderedNote> notes;
   std::vector<uint8_t> done;  // by note - first; rests and others' notes set when reached
+  std::vector<uint8_t> left;  // by note - first: not heard, or not sounding in this stretch
+  std::vector<uint8_t> counted;  // by note - first: its progress step is taken in this stretch
   int32_t first = 0;
   int32_t next = 0;  // the next note to add, as an index from first
   int16_t* mix = nullptr;
   int32_t samples = 0;
+  int64_t from = 0;  // the render's sample at mix[0]
 };
 
 struct Worker {
   ctonm2* engine;
   OrderedMix* ordered;
   int32_t number;
-  int32_t samples;
-  int16_t* mix;
   std::atomic<int32_t> state{0};  // 0 created, 1 running, 2 finished, 3 joined
   int32_t first, last;
   double start;
@@ -185,7 +186,7 @@ void* workerMain(void* argument) {
     // length is measured on (so no consonant is cut; see Extent).
     position += note._delta;
     if (note.Tempo != 0.0f) t = note.Tempo;
-    if (!heard(engine, note, false) || i % Thread_N != w.number) continue;
+    if (w.ordered->left[static_cast<size_t>(i - w.first)] || i % Thread_N != w.number) continue;
     // The length the arrangement gave the note: on through a short rest
     // until the next note's overlap ends, as the single-threaded render.
     const double length = static_cast<double>(note._truelen) + note._preuttr + note._stp;
@@ -207,12 +208,15 @@ void* workerMain(void* argument) {
     ordered.done[static_cast<size_t>(i - ordered.first)] = 1;
     while (ordered.next < static_cast<int32_t>(ordered.done.size()) && ordered.done[static_cast<size_t>(ordered.next)]) {
       ctonm2::RenderedNote& ready = ordered.notes[static_cast<size_t>(ordered.next++)];
+      ready.start -= ordered.from;
       engine.mix_n(ordered.mix, ordered.samples, ready);
       free(ready.buffer);
       ready.buffer = nullptr;
     }
     pthread_mutex_unlock(&engine.mixMutex);
-    if (w.progress != nullptr) w.progress(engine.progressContext, ++*w.done, w.total);
+    if (w.progress != nullptr && ordered.counted[static_cast<size_t>(i - ordered.first)]) {
+      w.progress(engine.progressContext, ++*w.done, w.total);
+    }
   }
   w.state = 2;
   return nullptr;
@@ -240,52 +244,72 @@ void* backgroundMain(void*) {
 
 }  // namespace
 
-uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* size, int32_t threads, Progress progress) {
-  if (size != nullptr) *size = 0;
-  init_render(44100);
-  Thread_N = std::clamp(threads, 1, kMaxThreads);
-  log_printf(4, "threads : %ld\n", static_cast<long>(Thread_N));
-  last = std::min(last, noteCount - 1);
-  if (first < 0 || first > last || first > noteCount) return nullptr;
-  const Extent extent = extentOf(*this, first, last);
-  if (extent.sounding == 0 || extent.length <= 0.0) {
-    free_pitch();
-    return nullptr;
-  }
-  log_printf(4, "rendering length : %.3lf ms\n", extent.length);
-  int32_t samples = 0;
-  uint8_t* block = allocateMix(extent.length, &samples);
-  if (block == nullptr) return nullptr;
-  int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
-  layUnder(*this, mix, samples, extent);
+namespace {
 
-  markRunning(renderState);
-  std::atomic<int32_t> done{0};
+constexpr double kSamplesPerMs = 44100.0 / 1000.0;
+
+// Where note i's sound begins in the render, in samples: where its
+// consonant starts (as the resampled note is placed).
+int64_t soundStart(const NoteData& note, double position) {
+  return static_cast<int64_t>(std::trunc((position - note._preuttr) * kSamplesPerMs + 0.5));
+}
+
+// Whether a note placed at `position` msec can sound in samples [from,
+// to): a resampled note lasts its length, the 35 ms the arrangement adds
+// and its start point; a second more is a margin. A note whose end cannot
+// be told is taken as sounding everywhere.
+bool reaches(const NoteData& note, double position, double length, int64_t from, int64_t to) {
+  const int64_t start = soundStart(note, position);
+  const double lasts = length + 35.0 + std::fabs(note._stp) + std::fabs(note.stptrim) + 1000.0;
+  if (!(lasts > 0.0 && lasts < 1e9)) return true;
+  return start < to && start + static_cast<int64_t>(lasts * kSamplesPerMs) >= from;
+}
+
+// One stretch of a threaded render: samples [from, from + samples) of
+// the render of notes first..last into `mix`, each note that can sound
+// there resampled on the workers and added in note order. `stretches`
+// tells whether the render has other stretches (a note is then counted
+// for progress in the stretch where its sound starts).
+void renderStretch(ctonm2& engine, int32_t first, int32_t last, const Extent& extent, int64_t from, int16_t* mix,
+                   int32_t samples, bool lastStretch, ctonm2::Progress progress, std::atomic<int32_t>* done) {
   OrderedMix ordered;
   ordered.first = first;
   ordered.mix = mix;
   ordered.samples = samples;
-  ordered.notes.resize(static_cast<size_t>(last - first + 1));
-  ordered.done.resize(ordered.notes.size(), 0);
+  ordered.from = from;
+  const size_t count = static_cast<size_t>(last - first + 1);
+  ordered.notes.resize(count);
+  ordered.done.resize(count, 0);
+  ordered.left.resize(count, 0);
+  ordered.counted.resize(count, 0);
+  const int64_t to = from + samples;
+  double position = extent.origin();
   for (int32_t i = first; i <= last; ++i) {
-    // no worker takes a rest or a note not heard
-    if (!heard(*this, notes[i], false)) ordered.done[static_cast<size_t>(i - first)] = 1;
+    const NoteData& note = engine.notes[i];
+    position += note._delta;
+    const size_t k = static_cast<size_t>(i - first);
+    const double length = static_cast<double>(note._truelen) + note._preuttr + note._stp;
+    // no worker takes a rest, a note not heard or one that cannot sound here
+    if (!heard(engine, note, false) || !reaches(note, position, length, from, to)) {
+      ordered.done[k] = ordered.left[k] = 1;
+      continue;
+    }
+    const int64_t start = soundStart(note, position);
+    ordered.counted[k] = (start >= from || from == 0) && (start < to || lastStretch);
   }
   std::vector<Worker> workers(static_cast<size_t>(Thread_N));
-  const float startTempo = tempoBefore(*this, first);
+  const float startTempo = tempoBefore(engine, first);
   for (int32_t t = 0; t < Thread_N; ++t) {
     Worker& w = workers[static_cast<size_t>(t)];
-    w.engine = this;
+    w.engine = &engine;
     w.ordered = &ordered;
     w.number = t;
-    w.samples = samples;
-    w.mix = mix;
     w.first = first;
     w.last = last;
     w.start = extent.origin();
     w.tempo = startTempo;
     w.progress = progress;
-    w.done = &done;
+    w.done = done;
     w.total = extent.sounding;
     if (pthread_create(&w.thread, nullptr, workerMain, &w) != 0) {
       workerMain(&w);  // no thread to be had: do its share here
@@ -308,12 +332,88 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
   for (Worker& w : workers) {
     if (w.state.load() == 2) pthread_join(w.thread, nullptr);
   }
-  for (RenderedNote& left : ordered.notes) free(left.buffer);  // after a stop
+  for (ctonm2::RenderedNote& leftOver : ordered.notes) free(leftOver.buffer);  // after a stop
+}
+
+}  // namespace
+
+uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* size, int32_t threads, Progress progress) {
+  if (size != nullptr) *size = 0;
+  init_render(44100);
+  Thread_N = std::clamp(threads, 1, kMaxThreads);
+  log_printf(4, "threads : %ld\n", static_cast<long>(Thread_N));
+  last = std::min(last, noteCount - 1);
+  if (first < 0 || first > last || first > noteCount) return nullptr;
+  const Extent extent = extentOf(*this, first, last);
+  if (extent.sounding == 0 || extent.length <= 0.0) {
+    free_pitch();
+    return nullptr;
+  }
+  log_printf(4, "rendering length : %.3lf ms\n", extent.length);
+  int32_t samples = 0;
+  uint8_t* block = allocateMix(extent.length, &samples);
+  if (block == nullptr) return nullptr;
+  int16_t* mix = reinterpret_cast<int16_t*>(block + kHeadBytes);
+  layUnder(*this, mix, samples, extent);
+
+  markRunning(renderState);
+  std::atomic<int32_t> done{0};
+  renderStretch(*this, first, last, extent, 0, mix, samples, true, progress, &done);
   if (renderState.load() != 2) writeHeader(block, samples);  // a stopped render is no WAV image
   free_pitch();
   renderState = 0;
   if (size != nullptr) *size = samples * 2 + kHeadBytes - 8;
   return block;
+}
+
+int64_t ctonm2::render_samples(int32_t first, int32_t last) {
+  last = std::min(last, noteCount - 1);
+  if (first < 0 || first > last) return 0;
+  const Extent extent = extentOf(*this, first, last);
+  if (extent.sounding == 0 || !(extent.length > 0.0)) return 0;
+  return static_cast<int64_t>(extent.length * 0.001 * 44100.0 + 1.0);
+}
+
+int64_t ctonm2::render_number_streamed(int32_t first, int32_t last, int32_t threads, int32_t stretch,
+                                       Progress progress, StretchSink sink, void* sinkContext) {
+  init_render(44100);
+  Thread_N = std::clamp(threads, 1, kMaxThreads);
+  last = std::min(last, noteCount - 1);
+  const int64_t total = render_samples(first, last);
+  if (total <= 0 || stretch <= 0) {
+    free_pitch();
+    return 0;
+  }
+  const Extent extent = extentOf(*this, first, last);
+  const int32_t largest = static_cast<int32_t>(std::min<int64_t>(stretch, total));
+  int16_t* mix = static_cast<int16_t*>(malloc(static_cast<size_t>(largest) * 2));
+  if (mix == nullptr) {
+    log_printf(1, "Not enough memories(render)\n");
+    free_pitch();
+    return -2;
+  }
+  markRunning(renderState);
+  std::atomic<int32_t> done{0};
+  int64_t handed = 0;
+  for (int64_t from = 0; from < total && renderState.load() != 2; from += largest) {
+    const int32_t samples = static_cast<int32_t>(std::min<int64_t>(largest, total - from));
+    memset(mix, 0, static_cast<size_t>(samples) * 2);
+    Extent shifted = extent;
+    shifted.mixStart += static_cast<double>(from) / kSamplesPerMs;
+    layUnder(*this, mix, samples, shifted);
+    renderStretch(*this, first, last, extent, from, mix, samples, from + samples >= total, progress, &done);
+    if (renderState.load() == 2) break;
+    if (!sink(sinkContext, mix, samples)) {
+      handed = -1;
+      break;
+    }
+    handed += samples;
+  }
+  free(mix);
+  const bool stopped = renderState.load() == 2;
+  free_pitch();
+  renderState = 0;
+  return stopped ? -1 : handed;
 }
 
 uint8_t* ctonm2::render_by_thread(int32_t* size, int32_t threads, Progress progress) {

@@ -314,6 +314,37 @@ int32_t saveWaveFile(const char* path, const int16_t* samples, int32_t dataBytes
   return (fclose(file) == 0 && !failed) ? 0 : -1;
 }
 
+std::string waveHeader(int64_t dataBytes, int32_t sampleRate) {
+  std::string head;
+  auto put = [&head](uint64_t value, int bytes) {
+    for (int k = 0; k < bytes; ++k) head.push_back(static_cast<char>((value >> (8 * k)) & 0xff));
+  };
+  const uint64_t data = static_cast<uint64_t>(std::max<int64_t>(dataBytes, 0));
+  const bool large = data > UINT32_MAX - 36u;
+  head += large ? "RF64" : "RIFF";
+  put(large ? UINT32_MAX : data + 36u, 4);
+  head += "WAVE";
+  if (large) {
+    head += "ds64";
+    put(28, 4);
+    put(data + 72u, 8);  // the RIFF size: the file less its first 8 bytes
+    put(data, 8);
+    put(data / 2, 8);  // frames
+    put(0, 4);         // no table of other chunks' sizes
+  }
+  head += "fmt ";
+  put(16, 4);
+  put(1, 2);  // PCM
+  put(1, 2);  // mono
+  put(static_cast<uint32_t>(sampleRate), 4);
+  put(static_cast<uint32_t>(sampleRate) * 2u, 4);
+  put(2, 2);
+  put(16, 2);
+  head += "data";
+  put(large ? UINT32_MAX : data, 4);
+  return head;
+}
+
 void short2double(double* dst, const int16_t* src, int32_t start, int32_t count, int32_t channels) {
   if (channels != 1 && channels != 2) return;
   for (int32_t i = 0; i < count; ++i) {
@@ -337,6 +368,7 @@ std::string notAWaveFile(const std::string& path) {
   FILE* file = openRegularFile(path.c_str(), "rb");
   const size_t got = file != nullptr ? fread(head, 1, sizeof head, file) : 0;
   if (file != nullptr) fclose(file);
-  if (got == sizeof head && memcmp(head, "RIFF", 4) == 0 && memcmp(head + 8, "WAVE", 4) == 0) return std::string();
+  const bool riff = memcmp(head, "RIFF", 4) == 0 || memcmp(head, "RF64", 4) == 0;
+  if (got == sizeof head && riff && memcmp(head + 8, "WAVE", 4) == 0) return std::string();
   return "'" + path + "' exists and is not a WAV file";
 }

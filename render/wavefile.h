@@ -41,6 +41,12 @@ int16_t* loadAiffFile(const char* path, WaveFormat* format, int32_t padding, int
 int32_t saveWaveFile(const char* path, const int16_t* samples, int32_t dataBytes, int32_t bitsPerSample,
                      int32_t channels, int32_t sampleRate);
 
+// The header of a 16-bit mono WAVE file of `dataBytes` bytes of samples at
+// `sampleRate`: the canonical 44 bytes, or, past what a RIFF size holds
+// (4 GiB), the 80 bytes of an RF64 file (its ds64 chunk keeps the sizes
+// in 64 bits; the 32-bit fields hold 0xFFFFFFFF).
+std::string waveHeader(int64_t dataBytes, int32_t sampleRate);
+
 // count values from frame `start` (first channel only; frames before 0
 // give 0.0). Channel counts other than 1 and 2 write nothing.
 // Why a WAV file must not be written at `path`, or "" when it may: a

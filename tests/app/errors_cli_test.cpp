@@ -203,14 +203,6 @@ TEST_F(Errors, EachFailureGetsItsTrueReasonAndAFailingStatus) {
       << readFile(err);
   EXPECT_EQ(shell(tona + " render " + path + " -o - >&-"), 1);
   EXPECT_NE(readFile(err).find("Bad file descriptor"), std::string::npos) << readFile(err);
-  // A song longer than one render holds is refused before any rendering.
-  const std::string endless = project("[#0000]\nDelta=0\nDuration=1000000\nLyric=a\nNoteNum=57\nTempo=10\n"
-                                      "[#0001]\nDelta=1900000\nDuration=1000000\nLyric=a\nNoteNum=57\n");
-  RunResult tooLong = runTona({"render", endless, "-o", bank_.folder() + "long.wav"});
-  EXPECT_EQ(tooLong.status, 1);
-  EXPECT_NE(tooLong.err.find("longer than one render holds"), std::string::npos) << tooLong.err;
-  EXPECT_NE(tooLong.err.find("note [#0001]: Duration=1e+06 is outside 0..192000: read as 192000\n"), std::string::npos);
-  EXPECT_FALSE(fileExists(bank_.folder() + "long.wav"));
   // A recovery file of random bytes is no project to offer.
   const std::string folder = home_.path() + "/.local/state/tona/temp";
   ASSERT_TRUE(makeFolders(folder));

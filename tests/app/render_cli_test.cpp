@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -100,6 +102,49 @@ TEST_F(RenderCommand, TheCacheIsBoundedAndCanBeEmptied) {
   EXPECT_NE(runTona({"cache", "info"}).out.find("files:  0\n"), std::string::npos);
   EXPECT_EQ(runTona({"render", project_, "--cache-limit", "lots"}).status, 2);
   EXPECT_EQ(runTona({"cache", "sweep"}).status, 2);
+}
+
+// A song longer than the stretch a render is made in (10 minutes) is
+// written whole, a note on each side of the stretch's edge in its place;
+// the absurd length of the rest between them is brought to its bound.
+TEST_F(RenderCommand, ASongLongerThanAStretchIsWrittenWhole) {
+  writeFile(project_, "[#VERSION]\nSNT Version2.0\n[#SETTING]\nTempo=120\nVoiceDir=" + bankName() +
+                          "\n[#0000]\nDelta=480\nDuration=480\nLyric=a\nNoteNum=57\n"
+                          "[#0001]\nDelta=480\nDuration=1000000\nLyric=R\nNoteNum=57\n"
+                          "[#0002]\nDelta=192000\nDuration=192000\nLyric=R\nNoteNum=57\n"
+                          "[#0003]\nDelta=192000\nDuration=192000\nLyric=R\nNoteNum=57\n"
+                          "[#0004]\nDelta=192000\nDuration=480\nLyric=a\nNoteNum=57\n[#TRACKEND]\n");
+  const std::string output = bank_.folder() + "long.wav";
+  RunResult run = runTona({"render", project_, "-o", output, "--no-cache"});
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.err.find("note [#0001]: Duration=1e+06 is outside 0..192000: read as 192000\n"), std::string::npos)
+      << run.err;
+  const std::string bytes = readFile(output);
+  ASSERT_GT(bytes.size(), 44u);
+  // The header's sizes are the file's; the song runs to the last note's
+  // end, 601.5 s in (1 ms of ticks is 0.5 ms at 120 BPM).
+  EXPECT_EQ(bytes.substr(0, 4), "RIFF");
+  auto word32 = [&](size_t at) {
+    uint32_t value = 0;
+    memcpy(&value, bytes.data() + at, 4);
+    return value;
+  };
+  const uint32_t riff = word32(4), data = word32(40);
+  EXPECT_EQ(riff, bytes.size() - 8);
+  EXPECT_EQ(data, bytes.size() - 44);
+  EXPECT_NEAR(data / 2 / 44100.0, 601.5, 0.1);
+  auto loudest = [&](double fromSeconds, double toSeconds) {
+    int peak = 0;
+    for (size_t k = static_cast<size_t>(fromSeconds * 44100); k < static_cast<size_t>(toSeconds * 44100); ++k) {
+      int16_t sample = 0;
+      memcpy(&sample, bytes.data() + 44 + 2 * k, 2);
+      peak = std::max(peak, std::abs(static_cast<int>(sample)));
+    }
+    return peak;
+  };
+  EXPECT_GT(loudest(0.5, 1.0), 1000);
+  EXPECT_EQ(loudest(2.0, 598.0), 0);
+  EXPECT_GT(loudest(601.0, 601.4), 1000);
 }
 
 TEST_F(RenderCommand, FailuresSayWhy) {

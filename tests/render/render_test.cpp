@@ -273,6 +273,69 @@ TEST_F(Render, AnUnderlayLandsAtItsSongTimeUnderTheNotes) {
   engine_.underlayEndMs = 0.0;
 }
 
+// A song rendered stretch by stretch (as songs longer than one mix are)
+// is the whole mix, byte for byte, whatever the stretch and the threads:
+// loud overlapping notes that clip, a note across every stretch's edge,
+// and clicks laid under them.
+TEST_F(Render, AStreamedRenderIsTheWholeMixStretchByStretch) {
+  for (int i = 0; i < 16; ++i) {
+    add(i % 2 ? "a" : "i", 55 + i % 7, i == 0 ? 200 : 90, 400);
+    engine_.notes[engine_.noteCount - 1].Intensity = 300;
+  }
+  Metronome metronome;
+  metronome.setClicks({{0.0, true}, {433.3, false}, {901.7, false}, {1300.0, true}});
+  engine_.underlay = Metronome::lay;
+  engine_.underlayContext = &metronome;
+  struct Collected {
+    std::vector<int16_t> samples;
+    int stretches = 0;
+    int refuseAt = -1;
+  };
+  auto collect = [](void* context, const int16_t* samples, int32_t count) {
+    Collected& c = *static_cast<Collected*>(context);
+    if (c.stretches++ == c.refuseAt) return false;
+    c.samples.insert(c.samples.end(), samples, samples + count);
+    return true;
+  };
+  for (int first : {0, 3}) {
+    prepare();
+    int32_t size = 0;
+    Block block(engine_.render_number_by_thread(first, 15, &size, 2, nullptr));
+    ASSERT_NE(block, nullptr);
+    const std::vector<int16_t> whole = samplesOf(block.get(), size);
+    ASSERT_GT(std::count(whole.begin(), whole.end(), int16_t{32767}), 0) << "the test needs clipping";
+    prepare();
+    EXPECT_EQ(engine_.render_samples(first, 15), static_cast<int64_t>(whole.size()));
+    for (auto [stretch, threads] : {std::pair{1000, 1}, {7777, 2}, {44100, 8}, {10000000, 2}}) {
+      SCOPED_TRACE(std::to_string(first) + " " + std::to_string(stretch) + " " + std::to_string(threads));
+      prepare();
+      Collected got;
+      // Progress counts each note once, in the stretch where it starts.
+      std::vector<int32_t> steps;
+      engine_.progressContext = &steps;
+      auto progress = [](void* context, int32_t done, int32_t total) {
+        static_cast<std::vector<int32_t>*>(context)->push_back(done * 100 + total);
+      };
+      EXPECT_EQ(engine_.render_number_streamed(first, 15, threads, stretch, progress, collect, &got),
+                static_cast<int64_t>(whole.size()));
+      engine_.progressContext = nullptr;
+      EXPECT_EQ(got.stretches, static_cast<int>((whole.size() + stretch - 1) / stretch));
+      EXPECT_TRUE(got.samples == whole);
+      ASSERT_EQ(steps.size(), 16u - first);
+      EXPECT_EQ(steps.back(), (16 - first) * 101);
+    }
+  }
+  // A sink that takes no more stops the render.
+  prepare();
+  Collected refusing;
+  refusing.refuseAt = 1;
+  EXPECT_EQ(engine_.render_number_streamed(0, 15, 2, 5000, nullptr, collect, &refusing), -1);
+  EXPECT_EQ(refusing.stretches, 2);
+  EXPECT_EQ(refusing.samples.size(), 5000u);
+  engine_.underlay = nullptr;
+  EXPECT_EQ(engine_.render_samples(0, -1), 0);
+}
+
 TEST_F(Render, SameBytesOnAnyNumberOfThreadsAndEveryRun) {
   // Loud notes that overlap: additions that clip, where their order would show.
   for (int i = 0; i < 16; ++i) {

@@ -1,6 +1,7 @@
 #include "render/wavefile.h"
 
 #include <gtest/gtest.h>
+#include <sndfile.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -298,4 +299,43 @@ TEST(SampleConversion, ShortToDoubleBoundsAndChannels) {
   double untouched[2] = {7.0, 7.0};
   short2double(untouched, stereo, 0, 2, 3);
   EXPECT_EQ(untouched[0], 7.0);
+}
+
+// A render's header as a reader of both forms takes it: the canonical one
+// up to the largest data a RIFF size holds, RF64 past it (the files are
+// sparse, so 5 GB cost no disk), each with its sizes and the first
+// samples where they belong; and a file of either form may be written
+// over, anything else not.
+TEST(WaveHeader, RiffUpTo4GiBThenRf64AsLibsndfileReadsThem) {
+  TempDir folder;
+  const std::string path = folder.file("long.wav");
+  const int16_t first[4] = {1000, -2000, 3000, -4000};
+  const int64_t largestRiff = (int64_t{UINT32_MAX} - 36) & ~int64_t{1};
+  struct Case {
+    int64_t dataBytes;
+    size_t headerBytes;
+    int format;
+  };
+  for (const Case& c : {Case{8, 44, SF_FORMAT_WAV}, Case{largestRiff, 44, SF_FORMAT_WAV},
+                        Case{largestRiff + 2, 80, SF_FORMAT_RF64}, Case{5000000000, 80, SF_FORMAT_RF64}}) {
+    SCOPED_TRACE(c.dataBytes);
+    const std::string header = waveHeader(c.dataBytes, 44100);
+    ASSERT_EQ(header.size(), c.headerBytes);
+    writeFile(path, header + std::string(reinterpret_cast<const char*>(first), sizeof first));
+    ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(c.headerBytes + c.dataBytes)), 0);
+    EXPECT_EQ(notAWaveFile(path), "");
+    SF_INFO info = {};
+    SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+    EXPECT_EQ(info.format, c.format | SF_FORMAT_PCM_16);
+    EXPECT_EQ(info.channels, 1);
+    EXPECT_EQ(info.samplerate, 44100);
+    EXPECT_EQ(info.frames, c.dataBytes / 2);
+    int16_t read[4] = {};
+    EXPECT_EQ(sf_read_short(file, read, 4), 4);
+    sf_close(file);
+    EXPECT_TRUE(std::equal(read, read + 4, first));
+  }
+  writeFile(path, "RF64....WAVX");
+  EXPECT_NE(notAWaveFile(path), "");
 }

@@ -7,8 +7,7 @@
 #include <cstring>
 
 #include "render/cache.h"
-#include "render/wavefile.h"
-#include "support/safe_output.h"
+#include "render/renderfile.h"
 #include "ui/shell/document.h"
 
 namespace {
@@ -27,7 +26,6 @@ RenderJob::~RenderJob() {
     cancel();
     worker_.join();
   }
-  free(block_);
 }
 
 void RenderJob::progress(void* context, int32_t done, int32_t total) {
@@ -65,15 +63,15 @@ bool RenderJob::start(EditorDocument* document, const QString& output, int threa
   engine.underlayContext = const_cast<BackingTrack*>(&backing);
   // The whole song goes on while its accompaniment does; a part, only its notes.
   engine.underlayEndMs = mixed && whole ? backing.offsetMs + backing.lengthMs() : 0.0;
-  worker_ = std::thread([this, &engine, threads, first, last] {
-    block_ = engine.render_number_by_thread(first, last, &size_, threads, progress);
+  const std::string path = output_.toStdString();
+  worker_ = std::thread([this, &engine, threads, first, last, path] {
+    result_ = renderToWaveFile(engine, first, last, threads, progress, path);
     done_ = true;
   });
   return true;
 }
 
 void RenderJob::cancel() {
-  cancelled_ = true;
   if (document_ != nullptr && document_->engine().renderState.load() != 0) document_->engine().render_stop();
 }
 
@@ -86,29 +84,22 @@ bool RenderJob::finish(QString* error) {
   engine.underlay = nullptr;
   engine.underlayEndMs = 0.0;
   document_->touch();
-  if (cancelled_) {
-    *error = QObject::tr("Stopped: nothing was written");
-    return false;
-  }
-  if (block_ == nullptr) {
-    *error = QObject::tr("Nothing to render");
-    return false;
-  }
   CCacheSys::trim(CCacheSys::kDefaultLimit);
-  // The file gets a clean RIFF head of its own (44 bytes; the mix block's is 48).
-  const int32_t dataBytes = size_ + 8 - 48;
-  errno = 0;
-  SafeOutput file(output_.toStdString());
-  const bool written =
-      !file.path().empty() &&
-      saveWaveFile(file.path().c_str(), reinterpret_cast<const int16_t*>(block_ + 48), dataBytes, 16, 1, 44100) == 0 &&
-      file.commit();
-  free(block_);
-  block_ = nullptr;
-  if (!written) {
-    *error =
-        QObject::tr("Cannot write %1: %2").arg(output_, QString::fromLocal8Bit(strerror(errno != 0 ? errno : EIO)));
-    return false;
+  switch (result_.status) {
+    case RenderFileStatus::kWritten:
+      return true;
+    case RenderFileStatus::kStopped:
+      *error = QObject::tr("Stopped: nothing was written");
+      return false;
+    case RenderFileStatus::kNothingSounds:
+      *error = QObject::tr("Nothing to render");
+      return false;
+    case RenderFileStatus::kNoMemory:
+      *error = QObject::tr("Not enough memory to render");
+      return false;
+    case RenderFileStatus::kWriteFailed:
+      break;
   }
-  return true;
+  *error = QObject::tr("Cannot write %1: %2").arg(output_, QString::fromLocal8Bit(strerror(result_.error)));
+  return false;
 }

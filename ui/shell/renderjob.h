@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <thread>
 
+#include "render/renderfile.h"
+
 class EditorDocument;
 
 class RenderJob {
@@ -27,8 +29,9 @@ class RenderJob {
   int rendered() const { return rendered_.load(); }
   int total() const { return total_.load(); }
   void cancel();
-  // Waits for the render and writes the file (to a temporary name, then
-  // renamed). False with *error when it could not be written or was stopped.
+  // Waits for the render, written as it went to a temporary name that now
+  // replaces the file. False with *error when it could not be written or
+  // was stopped.
   bool finish(QString* error);
 
  private:
@@ -37,10 +40,8 @@ class RenderJob {
   EditorDocument* document_ = nullptr;
   QString output_;
   std::thread worker_;
-  uint8_t* block_ = nullptr;
-  int32_t size_ = 0;
+  RenderFileResult result_;
   std::atomic<bool> done_{false};
-  std::atomic<bool> cancelled_{false};
   std::atomic<int> rendered_{0};
   std::atomic<int> total_{0};
 };
