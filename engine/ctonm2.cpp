@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr float kDefaultTempo = 120.0f;
-
 char* newTextBuffer(size_t size) { return static_cast<char*>(calloc(size, 1)); }
 
 void freeArray(void* p) { free(p); }
