@@ -248,10 +248,10 @@ namespace {
 
 constexpr double kSamplesPerMs = 44100.0 / 1000.0;
 
-// Where note i's sound begins in the render, in samples: where its
-// consonant starts (as the resampled note is placed).
+// Where a note placed at `position` msec begins to sound in the render,
+// in samples: where its consonant starts, as the resampled note is placed.
 int64_t soundStart(const NoteData& note, double position) {
-  return static_cast<int64_t>(std::trunc((position - note._preuttr) * kSamplesPerMs + 0.5));
+  return static_cast<int64_t>(std::trunc((position - note._preuttr) * 0.001 * 44100.0 + 0.5));
 }
 
 // Whether a note placed at `position` msec can sound in samples [from,
@@ -267,9 +267,9 @@ bool reaches(const NoteData& note, double position, double length, int64_t from,
 
 // One stretch of a threaded render: samples [from, from + samples) of
 // the render of notes first..last into `mix`, each note that can sound
-// there resampled on the workers and added in note order. `stretches`
-// tells whether the render has other stretches (a note is then counted
-// for progress in the stretch where its sound starts).
+// there resampled on the workers and added in note order. A note counts
+// for progress in the stretch where its sound starts (the first stretch
+// counts those that start before the render, the last those after it).
 void renderStretch(ctonm2& engine, int32_t first, int32_t last, const Extent& extent, int64_t from, int16_t* mix,
                    int32_t samples, bool lastStretch, ctonm2::Progress progress, std::atomic<int32_t>* done) {
   OrderedMix ordered;

@@ -553,20 +553,25 @@ struct Resampling {
 // stretches of the window's length climbs lag by lag to its peak, which a
 // parabola through its neighbours refines. A frame whose climb leaves 6 %
 // of the table's period, or whose peak is weak, keeps the table's value.
-void trackPeriods(const Sample& sample, int32_t loadedFrames, int32_t rateIn, double average, double* table,
+// Only the frames of samples [from, to) are tracked: those the note reads.
+void trackPeriods(const Sample& sample, int32_t from, int32_t to, int32_t rateIn, double average, double* table,
                   int32_t tableLast) {
-  const double* x = sample.line.data();
-  // Running energies: the correlation's norms in two subtractions.
-  std::vector<double> energy(static_cast<size_t>(loadedFrames) + 1, 0.0);
-  for (int32_t t = 0; t < loadedFrames; ++t) energy[static_cast<size_t>(t) + 1] = energy[static_cast<size_t>(t)] + x[t] * x[t];
-  for (int32_t j = 0; j <= tableLast; ++j) {
+  from = std::max(from, 0);
+  to = std::min(to, sample.frames);
+  if (from >= to) return;
+  const double* x = sample.line.data() + from;
+  // Running energies from `from` on: the correlation's norms in two subtractions.
+  std::vector<double> energy(static_cast<size_t>(to - from) + 1, 0.0);
+  for (int32_t t = 0; t < to - from; ++t) energy[static_cast<size_t>(t) + 1] = energy[static_cast<size_t>(t)] + x[t] * x[t];
+  const int32_t length = to - from;
+  for (int32_t j = std::max(from / kAnalysisStep, 0); j <= std::min(to / kAnalysisStep, tableLast); ++j) {
     const double f = table[j];
     if (!(f > 55.0 && f <= 3.0 * average)) continue;
     const double period = rateIn / f;
     const int32_t low = static_cast<int32_t>(period * 0.94), high = static_cast<int32_t>(period * 1.06) + 1;
     const int32_t window = std::min(static_cast<int32_t>(period), 1024);
-    const int32_t centre = kAnalysisStep * j + kAnalysisStep / 2;
-    if (centre - (window + high) / 2 < 0 || centre + (window + high) / 2 + 1 >= loadedFrames) continue;
+    const int32_t centre = kAnalysisStep * j + kAnalysisStep / 2 - from;
+    if (centre - (window + high) / 2 < 0 || centre + (window + high) / 2 + 1 >= length) continue;
     // The two stretches lie symmetrically about the centre.
     auto score = [&](int32_t lag) {
       const int32_t a = centre - (window + lag) / 2, b = a + lag;
@@ -670,10 +675,6 @@ ResampError setUp(Resampling& r) {
     if (voiced == 0) return ResampError::kNoFrequencies;
     average = sum / voiced;
   }
-  // The read follows the periods as tracked; the spectrum file is made
-  // from the table as it is, so that it does not depend on who made it.
-  r.tracked.assign(table, table + tableLast + 1);
-  trackPeriods(sample, loadedFrames, rateIn, average, r.tracked.data(), tableLast);
 
   const double ratio = static_cast<double>(rateIn) / SampleRateOut;
   log_printf(5, ":%0.4lf\n", ratio);
@@ -754,6 +755,17 @@ ResampError setUp(Resampling& r) {
                      std::isfinite(fixedOut) && std::isfinite(ratio / stretch);
   const int32_t n = sound && lengthOut > 0.0 && lengthOut < 1e9 ? static_cast<int32_t>(lengthOut) : 0;
   log_printf(5, "Length %d -> %d\n", toInt32(usable), n);
+
+  // The read follows the periods as tracked over the stretch it reads
+  // (the start, less the margin a frame's window takes, to the usable
+  // end); the spectrum file is made from the table as it is, so that it
+  // does not depend on who made it.
+  r.tracked.assign(table, table + tableLast + 1);
+  if (n > 0) {
+    const int64_t margin = 4 * kAnalysisStep + 2048;
+    trackPeriods(sample, static_cast<int32_t>(std::max<int64_t>(int64_t{start} - margin, 0)), frames + margin, rateIn,
+                 average, r.tracked.data(), tableLast);
+  }
 
   r.rateIn = rateIn;
   r.loadedFrames = loadedFrames;
