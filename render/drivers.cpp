@@ -256,22 +256,21 @@ int64_t soundStart(const NoteData& note, double position) {
 
 // Whether a note placed at `position` msec can sound in samples [from,
 // to): a resampled note lasts its length, the 35 ms the arrangement adds
-// and its start point; a second more is a margin. A note whose end cannot
-// be told is taken as sounding everywhere.
+// and its start point; a second more is a margin. (A length that is not a
+// number sings nothing, and reaches nowhere.)
 bool reaches(const NoteData& note, double position, double length, int64_t from, int64_t to) {
   const int64_t start = soundStart(note, position);
   const double lasts = length + 35.0 + std::fabs(note._stp) + std::fabs(note.stptrim) + 1000.0;
-  if (!(lasts > 0.0 && lasts < 1e9)) return true;
-  return start < to && start + static_cast<int64_t>(lasts * kSamplesPerMs) >= from;
+  return start < to && static_cast<double>(start) + lasts * kSamplesPerMs >= static_cast<double>(from);
 }
 
 // One stretch of a threaded render: samples [from, from + samples) of
 // the render of notes first..last into `mix`, each note that can sound
 // there resampled on the workers and added in note order. A note counts
 // for progress in the stretch where its sound starts (the first stretch
-// counts those that start before the render, the last those after it).
+// also counts those that start before the render).
 void renderStretch(ctonm2& engine, int32_t first, int32_t last, const Extent& extent, int64_t from, int16_t* mix,
-                   int32_t samples, bool lastStretch, ctonm2::Progress progress, std::atomic<int32_t>* done) {
+                   int32_t samples, ctonm2::Progress progress, std::atomic<int32_t>* done) {
   OrderedMix ordered;
   ordered.first = first;
   ordered.mix = mix;
@@ -294,8 +293,7 @@ void renderStretch(ctonm2& engine, int32_t first, int32_t last, const Extent& ex
       ordered.done[k] = ordered.left[k] = 1;
       continue;
     }
-    const int64_t start = soundStart(note, position);
-    ordered.counted[k] = (start >= from || from == 0) && (start < to || lastStretch);
+    ordered.counted[k] = from == 0 || soundStart(note, position) >= from;
   }
   std::vector<Worker> workers(static_cast<size_t>(Thread_N));
   const float startTempo = tempoBefore(engine, first);
@@ -358,7 +356,7 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
 
   markRunning(renderState);
   std::atomic<int32_t> done{0};
-  renderStretch(*this, first, last, extent, 0, mix, samples, true, progress, &done);
+  renderStretch(*this, first, last, extent, 0, mix, samples, progress, &done);
   if (renderState.load() != 2) writeHeader(block, samples);  // a stopped render is no WAV image
   free_pitch();
   renderState = 0;
@@ -401,7 +399,7 @@ int64_t ctonm2::render_number_streamed(int32_t first, int32_t last, int32_t thre
     Extent shifted = extent;
     shifted.mixStart += static_cast<double>(from) / kSamplesPerMs;
     layUnder(*this, mix, samples, shifted);
-    renderStretch(*this, first, last, extent, from, mix, samples, from + samples >= total, progress, &done);
+    renderStretch(*this, first, last, extent, from, mix, samples, progress, &done);
     if (renderState.load() == 2) break;
     if (!sink(sinkContext, mix, samples)) {
       handed = -1;

@@ -52,8 +52,14 @@ RenderFileResult renderToWaveFile(ctonm2& engine, int32_t first, int32_t last, i
     errno = 0;
     if (fclose(writer.file) != 0 && writer.error == 0) writer.error = errno != 0 ? errno : EIO;
   }
-  if (handed < 0 && writer.error == 0) {
-    result.status = handed == -2 ? RenderFileStatus::kNoMemory : RenderFileStatus::kStopped;
+  // The render says -1 when stopped (or when a write failed), -2 when a
+  // stretch's memory could not be had.
+  if (writer.error == 0 && handed == -1) {
+    result.status = RenderFileStatus::kStopped;
+    return result;
+  }
+  if (writer.error == 0 && handed == -2) {
+    result.status = RenderFileStatus::kNoMemory;
     return result;
   }
   errno = 0;

@@ -8,12 +8,14 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "engine/ctonm2.h"
 #include "playback/metronome.h"
 #include "render/cache.h"
+#include "render/renderfile.h"
 #include "render/wavefile.h"
 #include "support/userdirs.h"
 #include "tests/engine/notes.h"
@@ -306,7 +308,9 @@ TEST_F(Render, AStreamedRenderIsTheWholeMixStretchByStretch) {
     ASSERT_GT(std::count(whole.begin(), whole.end(), int16_t{32767}), 0) << "the test needs clipping";
     prepare();
     EXPECT_EQ(engine_.render_samples(first, 15), static_cast<int64_t>(whole.size()));
-    for (auto [stretch, threads] : {std::pair{1000, 1}, {7777, 2}, {44100, 8}, {10000000, 2}}) {
+    // 7056 samples: the first note's sound starts on the second stretch's
+    // first sample ((200 - 40) msec at 44.1 kHz).
+    for (auto [stretch, threads] : {std::pair{1000, 1}, {7056, 2}, {7777, 2}, {44100, 8}, {10000000, 2}}) {
       SCOPED_TRACE(std::to_string(first) + " " + std::to_string(stretch) + " " + std::to_string(threads));
       prepare();
       Collected got;
@@ -333,7 +337,48 @@ TEST_F(Render, AStreamedRenderIsTheWholeMixStretchByStretch) {
   EXPECT_EQ(refusing.stretches, 2);
   EXPECT_EQ(refusing.samples.size(), 5000u);
   engine_.underlay = nullptr;
+  // Nothing to render: no note, or a range of rests that lasts.
   EXPECT_EQ(engine_.render_samples(0, -1), 0);
+  add("R", 57, 300, 400);
+  prepare();
+  EXPECT_EQ(engine_.render_samples(16, 16), 0);
+  EXPECT_GT(engine_.render_samples(15, 16), 0);
+}
+
+// Rendered into a file: the whole mix after its header, or nothing at all
+// when the render is stopped or the file cannot be written.
+TEST_F(Render, AFileIsTheMixOrNothing) {
+  TempDir folder;
+  const std::string path = folder.file("song.wav");
+  EXPECT_EQ(renderToWaveFile(engine_, 0, -1, 2, nullptr, path).status, RenderFileStatus::kNothingSounds);
+  buildSong();
+  prepare();
+  int32_t size = 0;
+  Block block(engine_.render_number_by_thread(0, 5, &size, 2, nullptr));
+  ASSERT_NE(block, nullptr);
+  const std::vector<int16_t> mix = samplesOf(block.get(), size);
+  prepare();
+  const RenderFileResult written = renderToWaveFile(engine_, 0, 5, 2, nullptr, path);
+  ASSERT_EQ(written.status, RenderFileStatus::kWritten);
+  EXPECT_EQ(written.samples, static_cast<int64_t>(mix.size()));
+  const std::string bytes = readFile(path);
+  EXPECT_EQ(bytes.substr(0, 44), waveHeader(written.samples * 2, 44100));
+  EXPECT_EQ(bytes.substr(44), std::string(reinterpret_cast<const char*>(mix.data()), mix.size() * 2));
+  // Stopped after the first note: the file is the one before, and no
+  // temporary is left beside it.
+  prepare();
+  engine_.progressContext = &engine_;
+  auto stop = [](void* context, int32_t, int32_t) { static_cast<ctonm2*>(context)->renderState = 2; };
+  EXPECT_EQ(renderToWaveFile(engine_, 0, 5, 1, stop, path).status, RenderFileStatus::kStopped);
+  engine_.progressContext = nullptr;
+  EXPECT_EQ(readFile(path), bytes);
+  const auto entries = std::filesystem::directory_iterator(folder.path());
+  EXPECT_EQ(std::distance(std::filesystem::begin(entries), std::filesystem::end(entries)), 1);
+  // A folder that is not there.
+  prepare();
+  const RenderFileResult failed = renderToWaveFile(engine_, 0, 5, 2, nullptr, folder.file("none/song.wav"));
+  EXPECT_EQ(failed.status, RenderFileStatus::kWriteFailed);
+  EXPECT_EQ(failed.error, ENOENT);
 }
 
 TEST_F(Render, SameBytesOnAnyNumberOfThreadsAndEveryRun) {
