@@ -123,6 +123,53 @@ void BM_RenderColdTwoWorkers(benchmark::State& state) {
   report(state, size);
 }
 
+// A 10-hour song of arg 0 half-second notes spread evenly over rests,
+// rendered stretch by stretch on 2 workers into a sink that keeps
+// nothing: the cost should follow the sounding notes, the memory stay
+// that of one stretch whatever the song's length.
+void BM_RenderLongSongStreamed(benchmark::State& state) {
+  fixture();
+  ctonm2 engine;
+  cvoiceset voiceset;
+  const int notes = static_cast<int>(state.range(0));
+  const int32_t songTicks = 10 * 3600 * 960;  // at 120 BPM a tick lasts 1/960 s
+  int64_t handed = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    engine.free_snt();
+    engine.tempo = 120.0f;
+    engine.set_voiceDir(fixture().bank.path().c_str());
+    voiceset.read_voiceset(engine.voiceDir);
+    engine.voiceset = &voiceset;
+    for (int i = 0; i < notes; ++i) {
+      NoteData note;
+      memset(&note, 0, sizeof note);
+      strcpy(note.Lyric, kVowels[i % 5]);
+      note.NoteNum = 57;
+      note.Length = 480;
+      note.Delta = i == 0 ? 480 : songTicks / notes;
+      note.Velocity = 100.0f;
+      note.Intensity = 100;
+      note.Modulation = 100;
+      note.PreUtterance = note.VoiceOverlap = NAN;
+      ctonm2::default_env(note.Envelope);
+      engine.insert_note(engine.noteCount, &note);
+    }
+    engine.preparationNotes();
+    engine.makePitchMode2();
+    state.ResumeTiming();
+    auto discard = [](void*, const int16_t* samples, int32_t) {
+      benchmark::DoNotOptimize(samples);
+      return true;
+    };
+    handed = engine.render_number_streamed(0, notes - 1, 2, 44100 * 600, nullptr, discard, nullptr);
+  }
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  state.counters["peak_rss_mb"] = usage.ru_maxrss / 1024.0;
+  state.counters["song_hours"] = static_cast<double>(handed) / 44100.0 / 3600.0;
+}
+
 void BM_RenderWarmFromCache(benchmark::State& state) {
   fixture();
   ctonm2 engine;
@@ -319,3 +366,4 @@ BENCHMARK(BM_PlayStart400Notes)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark
 BENCHMARK(BM_PlayStartDemo)->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_RenderColdTwoWorkers)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 BENCHMARK(BM_RenderWarmFromCache)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_RenderLongSongStreamed)->Arg(20)->Arg(40)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(2);
