@@ -261,7 +261,7 @@ TEST_F(MusicXml, BadScoresAreRefusedWithAReason) {
       {partwise(""), "no part"},
       {partwise(part(measure(1, attributes(1) + rest(4)))), "has no notes"},
       {partwise(part(measure(1, attributes(0) + "<attributes><divisions>-3</divisions></attributes>" + note("C4", 1)))),
-       "absurd divisions"},
+       "absurd divisions (-3) in measure 1"},
       {partwise(part(measure(1, attributes(1) + note("C4", 1 << 30) + note("D4", 1 << 30)))), "2^30 ticks"},
       // An entity that would grow a billion times is never expanded.
       {billionLaughs(), ""},
