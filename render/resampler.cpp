@@ -562,7 +562,9 @@ void trackPeriods(const Sample& sample, int32_t from, int32_t to, int32_t rateIn
   const double* x = sample.line.data() + from;
   // Running energies from `from` on: the correlation's norms in two subtractions.
   std::vector<double> energy(static_cast<size_t>(to - from) + 1, 0.0);
-  for (int32_t t = 0; t < to - from; ++t) energy[static_cast<size_t>(t) + 1] = energy[static_cast<size_t>(t)] + x[t] * x[t];
+  for (int32_t t = 0; t < to - from; ++t) {
+    energy[static_cast<size_t>(t) + 1] = energy[static_cast<size_t>(t)] + x[t] * x[t];
+  }
   const int32_t length = to - from;
   for (int32_t j = std::max(from / kAnalysisStep, 0); j <= std::min(to / kAnalysisStep, tableLast); ++j) {
     const double f = table[j];
