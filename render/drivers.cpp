@@ -116,9 +116,12 @@ void markRunning(std::atomic<int32_t>& state) {
   state.compare_exchange_strong(idle, 1);
 }
 
+// The samples a render of `length` msec lasts, the first at time 0.
+double samplesFor(double length) { return length * 0.001 * 44100.0 + 1.0; }
+
 uint8_t* allocateMix(double length, int32_t* samples) {
   // The mix is one in-memory WAV image whose size is an int32.
-  const double wanted = length * 0.001 * 44100.0 + 1.0;
+  const double wanted = samplesFor(length);
   if (!(wanted <= static_cast<double>(ctonm2::kMaxMixSamples))) {
     *samples = 0;
     log_printf(1, "the song is longer than a render holds\n");
@@ -364,12 +367,22 @@ uint8_t* ctonm2::render_number_by_thread(int32_t first, int32_t last, int32_t* s
   return block;
 }
 
+namespace {
+
+// The samples a render of notes first..last lasts, 0 when nothing sounds;
+// *extent is where its notes go.
+int64_t renderSamples(const ctonm2& engine, int32_t first, int32_t last, Extent* extent) {
+  if (first < 0 || first > last || last >= engine.noteCount) return 0;
+  *extent = extentOf(engine, first, last);
+  if (extent->sounding == 0 || !(extent->length > 0.0)) return 0;
+  return static_cast<int64_t>(samplesFor(extent->length));
+}
+
+}  // namespace
+
 int64_t ctonm2::render_samples(int32_t first, int32_t last) {
-  last = std::min(last, noteCount - 1);
-  if (first < 0 || first > last) return 0;
-  const Extent extent = extentOf(*this, first, last);
-  if (extent.sounding == 0 || !(extent.length > 0.0)) return 0;
-  return static_cast<int64_t>(extent.length * 0.001 * 44100.0 + 1.0);
+  Extent extent;
+  return renderSamples(*this, first, std::min(last, noteCount - 1), &extent);
 }
 
 int64_t ctonm2::render_number_streamed(int32_t first, int32_t last, int32_t threads, int32_t stretch,
@@ -377,12 +390,12 @@ int64_t ctonm2::render_number_streamed(int32_t first, int32_t last, int32_t thre
   init_render(44100);
   Thread_N = std::clamp(threads, 1, kMaxThreads);
   last = std::min(last, noteCount - 1);
-  const int64_t total = render_samples(first, last);
+  Extent extent;
+  const int64_t total = renderSamples(*this, first, last, &extent);
   if (total <= 0 || stretch <= 0) {
     free_pitch();
     return 0;
   }
-  const Extent extent = extentOf(*this, first, last);
   const int32_t largest = static_cast<int32_t>(std::min<int64_t>(stretch, total));
   int16_t* mix = static_cast<int16_t*>(malloc(static_cast<size_t>(largest) * 2));
   if (mix == nullptr) {

@@ -2,8 +2,6 @@
 
 #include <QObject>
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "render/cache.h"
