@@ -25,97 +25,6 @@ namespace {
 
 constexpr double kSourceHz = 220.0;  // A3, note 57
 
-// The formant peaks of a signal, two ways: from the averaged
-// envelope of the project's estimator, and from a plain LPC of the middle.
-struct Peaks {
-  double envelope[3];
-  double lpc[3];
-};
-
-// The peak of a log spectrum nearest to a formant: the local maximum
-// closest to `around` within ±30 % (bins of `binHz`; a parabola through
-// the top three), or the highest point there when none is.
-double peakNear(const std::vector<double>& spectrum, double binHz, double around) {
-  const int from = std::max(1, static_cast<int>(around * 0.7 / binHz));
-  const int to = std::min(static_cast<int>(spectrum.size()) - 2, static_cast<int>(around * 1.3 / binHz));
-  int best = -1, highest = from;
-  for (int k = from; k <= to; ++k) {
-    const double v = spectrum[static_cast<size_t>(k)];
-    if (v > spectrum[static_cast<size_t>(highest)]) highest = k;
-    const bool local = v > spectrum[static_cast<size_t>(k - 1)] && v >= spectrum[static_cast<size_t>(k + 1)];
-    if (local && (best < 0 || std::fabs(k * binHz - around) < std::fabs(best * binHz - around))) best = k;
-  }
-  if (best < 0) best = highest;
-  const double a = spectrum[static_cast<size_t>(best - 1)], b = spectrum[static_cast<size_t>(best)],
-               c = spectrum[static_cast<size_t>(best + 1)];
-  const double shift = (a - 2 * b + c) != 0.0 ? 0.5 * (a - c) / (a - 2 * b + c) : 0.0;
-  return (best + std::clamp(shift, -0.5, 0.5)) * binHz;
-}
-
-// An order-p LPC spectrum (autocorrelation, Levinson-Durbin) of x, in dB
-// on a 5 Hz grid up to 4 kHz.
-std::vector<double> lpcSpectrum(const std::vector<double>& x, int order, double rate) {
-  std::vector<double> w(x.size());
-  for (size_t k = 0; k < x.size(); ++k) w[k] = x[k] * (0.54 - 0.46 * std::cos(2 * M_PI * k / (x.size() - 1)));
-  std::vector<double> r(static_cast<size_t>(order) + 1, 0.0);
-  for (int lag = 0; lag <= order; ++lag) {
-    for (size_t k = static_cast<size_t>(lag); k < w.size(); ++k) r[static_cast<size_t>(lag)] += w[k] * w[k - lag];
-  }
-  r[0] *= 1.0 + 1e-9;
-  std::vector<double> a(static_cast<size_t>(order) + 1, 0.0), previous;
-  a[0] = 1.0;
-  double error = r[0];
-  for (int i = 1; i <= order; ++i) {
-    double acc = r[static_cast<size_t>(i)];
-    for (int j = 1; j < i; ++j) acc += a[static_cast<size_t>(j)] * r[static_cast<size_t>(i - j)];
-    const double k = -acc / error;
-    previous = a;
-    for (int j = 1; j < i; ++j)
-      a[static_cast<size_t>(j)] = previous[static_cast<size_t>(j)] + k * previous[static_cast<size_t>(i - j)];
-    a[static_cast<size_t>(i)] = k;
-    error *= 1.0 - k * k;
-  }
-  std::vector<double> out;
-  for (double hz = 0.0; hz <= 4000.0; hz += 5.0) {
-    double re = 0.0, im = 0.0;
-    for (int j = 0; j <= order; ++j) {
-      re += a[static_cast<size_t>(j)] * std::cos(2 * M_PI * hz * j / rate);
-      im -= a[static_cast<size_t>(j)] * std::sin(2 * M_PI * hz * j / rate);
-    }
-    out.push_back(-10.0 * std::log10(re * re + im * im));
-  }
-  return out;
-}
-
-Peaks peaksOf(const std::vector<double>& signal, double rate = 44100.0) {
-  Peaks peaks{};
-  // Pre-emphasis takes the source's tilt away, so that peaks are the
-  // resonances' and not shifted down the slope.
-  std::vector<double> x(signal.size());
-  for (size_t k = 1; k < x.size(); ++k) x[k] = signal[k] - 0.95 * signal[k - 1];
-  // One smoothing for every pitch (the source's period): the same yardstick.
-  const double hz = kSourceHz * 1.5;
-  // The envelope, averaged over frames of the middle half.
-  EnvelopeEstimator estimator;
-  std::vector<double> sum(513, 0.0), envelope(513);
-  int count = 0;
-  for (size_t centre = x.size() / 4; centre + 512 < x.size() * 3 / 4; centre += 256) {
-    estimator.estimate(&x[centre - 512], rate / hz, envelope.data());
-    for (size_t k = 0; k < sum.size(); ++k) sum[k] += envelope[k];
-    ++count;
-  }
-  for (double& v : sum) v /= std::max(count, 1);
-  for (int f = 0; f < 3; ++f) peaks.envelope[f] = peakNear(sum, rate / 1024.0, kVowelFormants[f][0]);
-  // LPC of 4096 samples from the middle, at 11 kHz (every fourth sample
-  // after a plain low-pass), order 12: the three formants and some room.
-  std::vector<double> low;
-  const size_t from = x.size() / 2 - 8192;
-  for (size_t k = from; k + 4 < from + 16384; k += 4) low.push_back((x[k] + x[k + 1] + x[k + 2] + x[k + 3]) / 4.0);
-  const std::vector<double> lpc = lpcSpectrum(low, 14, rate / 4.0);
-  for (int f = 0; f < 3; ++f) peaks.lpc[f] = peakNear(lpc, 5.0, kVowelFormants[f][0]);
-  return peaks;
-}
-
 // The long-term spectral envelope of the middle half of x in dB per
 // 1024-point bin (Hann frames every 256, powers averaged, then a cepstral
 // smoothing of about 700 Hz that no harmonic spacing here gets past),
@@ -327,20 +236,16 @@ TEST_P(FormantShift, TheOutputSoundsLikeTheVoiceSungThere) {
 
 INSTANTIATE_TEST_SUITE_P(Semitones, FormantShift, ::testing::Values(-7, -5, 3, 7, 12));
 
-// The resonances three ways. The fit of the harmonics reads all three at
-// every pitch (the same vowel generated at the target pitch is read within
-// 2.5 % of the source, which shows the yardstick holds). The project's own
-// envelope estimate and a plain LPC read F3 at every shift; the LPC reads
-// F1 where the harmonics do not sit so close to it that it takes one of
-// them for it.
+// The resonances, read by a fit of the harmonics: the same vowel generated
+// at the target pitch is read within 2.5 % of the source (the yardstick
+// holds), and the corrected output within 5 %, while without the stage
+// they move with the pitch.
 TEST_F(Formant, ResonancePeaksStayWithinFivePercent) {
-  const Peaks source = peaksOf(*source_);
   const Formants fitted = fittedFormants(*source_, kSourceHz);
   for (int shift : {-7, -5, 3, 7, 12}) {
     SCOPED_TRACE(shift);
     const double f0 = kSourceHz * std::pow(2.0, shift / 12.0);
-    const std::vector<double> corrected = render(57 + shift, "");
-    const Formants out = fittedFormants(corrected, f0), reference = fittedFormants(vowelAt(f0), f0);
+    const Formants out = fittedFormants(render(57 + shift, ""), f0), reference = fittedFormants(vowelAt(f0), f0);
     const Formants plain = fittedFormants(render(57 + shift, "N"), f0);
     double plainWorst = 0.0;
     for (int f = 0; f < 3; ++f) {
@@ -353,15 +258,7 @@ TEST_F(Formant, ResonancePeaksStayWithinFivePercent) {
       EXPECT_NEAR(out.hz[f] / fitted.hz[f], 1.0, shift == 7 && f == 0 ? 0.07 : 0.05);
       plainWorst = std::max(plainWorst, std::fabs(plain.hz[f] / fitted.hz[f] - 1.0));
     }
-    EXPECT_GT(plainWorst, 0.15);  // without the stage they move with the pitch
-    const Peaks peaks = peaksOf(corrected);
-    EXPECT_NEAR(peaks.envelope[2] / source.envelope[2], 1.0, 0.05);
-    EXPECT_NEAR(peaks.lpc[2] / source.lpc[2], 1.0, 0.05);
-    // At -7 the fourth harmonic (660 Hz) sits on F1 and pulls the LPC's
-    // peak: 5.0 % measured.
-    if (shift == -5 || shift == 7 || shift == -7) {
-      EXPECT_NEAR(peaks.lpc[0] / source.lpc[0], 1.0, shift == -7 ? 0.06 : 0.05);
-    }
+    EXPECT_GT(plainWorst, 0.15);
   }
 }
 
