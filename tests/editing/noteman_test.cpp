@@ -321,6 +321,11 @@ TEST_F(Editing, MoveOneNoteRoundsToNearest) {
   EXPECT_EQ(man().moveQuontizeNote(1, -9999, 0, 1), 2);  // clamped at the song start
   EXPECT_EQ(starts(), (std::vector<long>{0, 0, 960}));
   EXPECT_EQ(man().moveQuontizeNote(7, 10, 0, 1), 0);
+  // Note numbers up to 119, from the snapshot's 60.
+  EXPECT_EQ(man().moveQuontizeNote(1, 0, 60, 1), 1);  // 120: only the Delta goes back
+  EXPECT_EQ(note(1).NoteNum, 60);
+  EXPECT_EQ(man().moveQuontizeNote(1, 0, 59, 1), 1);
+  EXPECT_EQ(note(1).NoteNum, 119);
 }
 
 TEST_F(Editing, ResizeRefusesLengthsOutside30To7680) {
@@ -400,6 +405,11 @@ TEST_F(Editing, LyricFlowInTakesSmallKanaAndSkipsSpaces) {
   EXPECT_EQ(given, 2);
   EXPECT_EQ(lyrics(), "x,R,\xe3\x81\x84,y,");
   EXPECT_STREQ(dry, "pq");
+
+  // No room given: nothing read, nothing changed.
+  EXPECT_EQ(man().assignLyric(dry, 0, false, false, &given), 0);
+  EXPECT_EQ(given, 0);
+  EXPECT_EQ(lyrics(), "x,R,\xe3\x81\x84,y,");
 
   // No selection: nothing assigned, the text comes back, note 0 selected.
   man().ReleaseAll();

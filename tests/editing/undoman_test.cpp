@@ -225,6 +225,23 @@ TEST_F(Undo, AnEditThatChangesNothingRecordsNothing) {
   EXPECT_EQ(history().steps(), 0);
 }
 
+// A step keeps the notes selected when it began, whatever is selected
+// when it ends.
+TEST_F(Undo, ASelectionChangedWithinAStepKeepsItsFirstNotes) {
+  owner_.setKeepRecovery(false);
+  const std::string before = state(man());
+  select({1});
+  history().beginSession(undo::kIntensity);
+  man().setIntensityForSelected(7);
+  select({3});
+  ASSERT_EQ(history().endSession(undo::kIntensity, &recorder_), 1);
+  const std::string after = state(man());
+  history().undo(&recorder_);
+  EXPECT_EQ(state(man()), before);
+  history().redo(&recorder_);
+  EXPECT_EQ(state(man()), after);
+}
+
 TEST_F(Undo, DeletingTwoNotesAndUndoingRestoresBoth) {
   owner_.setKeepRecovery(false);
   const std::string before = state(man());
