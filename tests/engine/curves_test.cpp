@@ -104,6 +104,22 @@ TEST(PitchLine, ZeroWidthOnlyInTheFirstSegmentBecomesTiny) {
   ctonm2::note_clear(&later);
 }
 
+// A line whose last segment ends exactly at the note's start still gives
+// that start its last point's height; only segments wholly before it are
+// skipped.
+TEST(PitchLine, ALineEndingAtTheStartGivesItsLastHeight) {
+  ctonm2 engine;
+  NoteData note = makeNote("a", 60);
+  note.PBS = floatList({-2 * kGrid});
+  note.PBW = floatList({kGrid, kGrid});
+  note.PBY = floatList({5.0f, 8.0f});
+  Curve c;
+  c.values = engine.genPitch(0, 0.0, 4 * kStep, nullptr, &note, nullptr, &c.length);
+  EXPECT_NEAR(c.values[0], 80.0, 1e-3);
+  EXPECT_NEAR(c.values[1], 0.0, 1e-6);
+  ctonm2::note_clear(&note);
+}
+
 TEST(PitchLine, StartHeightStaysAfterARestAndGoesAfterASoundingNote) {
   // After a rest there is no previous note (the search skips rests), so
   // the start height stays, even with a consonant (60) longer than the

@@ -309,7 +309,7 @@ TEST_F(Midi, ExportedAndImportedAgain) {
 
   // Time signatures go out at their measures (after the tempo, the same
   // tick as a tempo change) and come back.
-  for (const char* text : {"(3/4/0),", "(2/2/3),(3/4/0),"}) {
+  for (const char* text : {"(3/4/0),", "(2/2/3),(3/4/0),", "(1/4/0),"}) {
     scale.unserializeText(text);
     ASSERT_TRUE(midi_.writeSMFFile(path.c_str(), &man));
     ASSERT_EQ(midi_.importMIDIFile(path.c_str(), 1, -1, &back, &signatures), 3);
@@ -380,6 +380,8 @@ TEST_F(Midi, VsqPreRollFollowsTheMasterTrackAndKeepsNotesInsideIt) {
   const std::string threeFour = d(0) + meta(0x58, std::string("\x03\x02\x18\x08", 4));
   EXPECT_EQ(importVsq(threeFour, {1440, 1920}), "0/60 480/61 ");
   EXPECT_EQ(importVsq("", {1920, 2400}), "0/60 480/61 ");  // 4/4 when it says nothing
+  // Beats and note value are all a signature needs.
+  EXPECT_EQ(importVsq(d(0) + meta(0x58, std::string("\x03\x02", 2)), {1600, 2400}), "160/60 960/61 ");
   // Notes inside the pre-roll move back with the song, in order and apart.
   EXPECT_EQ(importVsq("", {960, 1440, 2400}), "0/60 480/61 1440/62 ");
 }
