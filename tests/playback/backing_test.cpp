@@ -59,6 +59,8 @@ TEST(Backing, FilesAreReadMixedDownAndBroughtTo44100) {
   EXPECT_FALSE(track.load(dir.file("text.wav"), &error));
   EXPECT_EQ(error.rfind("cannot read " + dir.file("text.wav") + ": ", 0), 0u) << error;
   EXPECT_FALSE(track.load(dir.file("missing.flac"), &error));
+  EXPECT_FALSE(track.load(writeSine(dir, "empty.wav", 440.0, 44100, 1, 0.0), &error));  // a header alone
+  EXPECT_EQ(error, dir.file("empty.wav") + " holds no audio");
   EXPECT_EQ(track.path(), before);
   EXPECT_EQ(track.samples().size(), 22050u);
   track.clear();

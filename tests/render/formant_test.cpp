@@ -351,6 +351,32 @@ TEST(Equalizer, HexPairsAreGainsMirrored) {
   EXPECT_FALSE(parseEqualizer(nullptr, gains.data()));
 }
 
+// Without a table, samples or room, nothing is computed or touched.
+TEST(SpectrumFile, NothingIsMadeOrChangedWithoutItsInputs) {
+  const std::vector<int16_t> words(4096, 100);
+  SpectrumTable out;
+  EXPECT_FALSE(computeSpectrum(nullptr, 4096, 1, 44100, nullptr, 0, 0.0, &out));
+  EXPECT_FALSE(computeSpectrum(words.data(), 0, 1, 44100, nullptr, 0, 0.0, &out));
+  EXPECT_FALSE(computeSpectrum(words.data(), 4096, 0, 44100, nullptr, 0, 0.0, &out));
+  EXPECT_FALSE(computeSpectrum(words.data(), 4096, 1, 0, nullptr, 0, 0.0, &out));
+  EXPECT_FALSE(computeSpectrum(words.data(), 4096, 1, 44100, nullptr, 0, 0.0, nullptr));
+  EXPECT_TRUE(computeSpectrum(words.data(), 4096, 1, 44100, nullptr, 0, 0.0, &out));
+
+  SpectrumTable empty;
+  std::vector<double> y(512, 1000.0), aperiodic(512, 10.0);
+  FormantStage stage;
+  stage.gen = 1.5;
+  const SpectrumTable* inputs[] = {nullptr, &empty, &out};
+  for (const SpectrumTable* input : inputs) {
+    stage.input = input;
+    const int32_t n = input == &out ? 0 : 512;
+    CorrectFormant(stage, y.data(), aperiodic.data(), n);
+    CorrectFormant(stage, nullptr, aperiodic.data(), 512);
+  }
+  EXPECT_EQ(y, std::vector<double>(512, 1000.0));
+  EXPECT_EQ(aperiodic, std::vector<double>(512, 10.0));
+}
+
 TEST(SpectrumFile, WrittenReadBackAndDistrustedWhenDamaged) {
   TempDir dir;
   SpectrumTable table;

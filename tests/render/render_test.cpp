@@ -402,6 +402,12 @@ TEST_F(Render, SameBytesOnAnyNumberOfThreadsAndEveryRun) {
     ASSERT_EQ(static_cast<size_t>(size) + 8, reference.size());
     EXPECT_EQ(0, memcmp(block.get(), reference.data(), reference.size())) << threads << " threads";
   }
+  // A range asked past the last note is the song to its end.
+  prepare();
+  int32_t pastSize = 0;
+  Block past(engine_.render_number_by_thread(0, 1000, &pastSize, 2, nullptr));
+  ASSERT_EQ(static_cast<size_t>(pastSize) + 8, reference.size());
+  EXPECT_EQ(0, memcmp(past.get(), reference.data(), reference.size()));
   // From the render cache, the same bytes again.
   engine_.cacheGet = [](int32_t index, const NoteData* note, int32_t* bytes) {
     return CCacheSys::getCache(index, note, bytes);
