@@ -74,6 +74,7 @@ TEST(TimeConversion, NoteRelativeTicksKeepTheBaseNotesTempo) {
   EXPECT_FLOAT_EQ(engine.ticks2msec(-960, 2), -1920.0f);
   EXPECT_FLOAT_EQ(engine.ticks2msec(-960, 1), -1920.0f);
   EXPECT_FLOAT_EQ(engine.ticks2msec(-5000, 2), -10000.0f);  // past the first note
+  EXPECT_FLOAT_EQ(engine.ticks2msec(-960, 3), -960.0f);  // past the end: back from the last note, at the project tempo
 }
 
 TEST(TimeConversion, NoteRelativeMsecFollowTempoChangesBothWays) {
@@ -87,6 +88,7 @@ TEST(TimeConversion, NoteRelativeMsecFollowTempoChangesBothWays) {
   EXPECT_EQ(engine.msec2ticks(-100.0f, 1), -100);   // note 1's Delta runs at 125
   EXPECT_EQ(engine.msec2ticks(-5000.0f, 2), -1440 - 3080);
   EXPECT_EQ(engine.msec2ticks(-100.0f, 7), -50);  // from past the end: from the last note
+  EXPECT_EQ(engine.msec2ticks(-100.0f, 3), -50);
   // Past the end the last note's own change holds.
   engine.notes[2].Tempo = 250.0f;
   EXPECT_EQ(engine.msec2ticks(1000.0f, 1), 480 + 80);  // 960 ms at 62.5, 40 at 250
