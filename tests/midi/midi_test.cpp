@@ -104,6 +104,11 @@ TEST(MidiFile, HeaderEventsAndVariableLengths) {
   ASSERT_TRUE(out.close());
   EXPECT_EQ(readFile(dir.file("o.mid")), std::string("\xff\xff\xff\x7f\x00\x81\x00\x00\x00\x2c\x02\x07\xa1\x20", 14));
   EXPECT_EQ(CMIDIReader(dir.file("absent.mid").c_str()).readHeader(), 0);
+  CMIDIWriter nowhere(dir.file("none/o.mid").c_str());  // writes into no file are dropped
+  nowhere.writeBytes("MThd", 4);
+  nowhere.writeLong(6);
+  nowhere.close();
+  EXPECT_FALSE(fileExists(dir.file("none/o.mid")));
   // A byte of 0x80 inside a delta carries on: 0x81 0x80 0x00 is 16384.
   writeFile(path, header(1, 1, 480) + std::string("\x81\x80\x00\x90\x3c\x64", 6));
   CMIDIReader again(path.c_str());
@@ -315,6 +320,13 @@ TEST_F(Midi, ExportedAndImportedAgain) {
     ASSERT_EQ(midi_.importMIDIFile(path.c_str(), 1, -1, &back, &signatures), 3);
     EXPECT_EQ(signatures, text);
     EXPECT_EQ(import(path, 1), "\xe3\x81\x8b@0:480/60 T150@480 \xe3\x81\x95@480:240/64 \xe3\x82\x89@960:960/67 ");
+  }
+  // Beats a file cannot hold stay out of it.
+  for (const char* text : {"(300/4/0),", "(-3/4/0),", "(3/-4/0),"}) {
+    scale.unserializeText(text);
+    ASSERT_TRUE(midi_.writeSMFFile(path.c_str(), &man));
+    ASSERT_EQ(midi_.importMIDIFile(path.c_str(), 1, -1, &back, &signatures), 3);
+    EXPECT_EQ(signatures, "(4/4/0),") << text;
   }
 }
 

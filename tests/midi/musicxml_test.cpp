@@ -114,6 +114,9 @@ TEST_F(MusicXml, DivisionsTemposSignaturesRestsAndLyrics) {
   EXPECT_EQ(tempo_, 90.0f);
   EXPECT_EQ(signatures_, "(3/4/2),(4/4/0),");
   EXPECT_EQ(name_, "Spring");
+  // A tempo of 0 is no tempo.
+  EXPECT_EQ(import(partwise(part(measure(1, attributes(1) + tempo(0) + note("C4", 1, lyric("a")))))), "a@0:480/60 ");
+  EXPECT_EQ(tempo_, 120.0f);
 }
 
 TEST_F(MusicXml, TiesGraceNotesChordsVoicesVersesAndMelismas) {
