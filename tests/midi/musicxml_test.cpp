@@ -114,9 +114,12 @@ TEST_F(MusicXml, DivisionsTemposSignaturesRestsAndLyrics) {
   EXPECT_EQ(tempo_, 90.0f);
   EXPECT_EQ(signatures_, "(3/4/2),(4/4/0),");
   EXPECT_EQ(name_, "Spring");
-  // A tempo of 0 is no tempo.
-  EXPECT_EQ(import(partwise(part(measure(1, attributes(1) + tempo(0) + note("C4", 1, lyric("a")))))), "a@0:480/60 ");
-  EXPECT_EQ(tempo_, 120.0f);
+  // A tempo of 0, or of no finite number, is no tempo; the largest division counts.
+  for (const std::string& none : {tempo(0), std::string("<sound tempo=\"inf\"/>")}) {
+    EXPECT_EQ(import(partwise(part(measure(1, attributes(1 << 20) + none + note("C4", 1 << 20, lyric("a")))))),
+              "a@0:480/60 ");
+    EXPECT_EQ(tempo_, 120.0f);
+  }
 }
 
 TEST_F(MusicXml, TiesGraceNotesChordsVoicesVersesAndMelismas) {
@@ -191,7 +194,7 @@ TEST_F(MusicXml, TimewiseAndPartwiseScoresAgreeAndThePartWithLyricsIsTaken) {
 
 TEST_F(MusicXml, CompressedScoresAreReadFromTheirContainer) {
   const std::string text = partwise(part(measure(1, attributes(1) + note("A4", 4, lyric("ら")))));
-  auto container = [&](const std::string& name, bool withManifest) {
+  auto container = [&](const std::string& name, bool withManifest, bool locked = false) {
     const std::string path = dir_.file(name);
     int error = 0;
     zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
@@ -204,7 +207,11 @@ TEST_F(MusicXml, CompressedScoresAreReadFromTheirContainer) {
                    {withManifest ? "META-INF/container.xml" : "META-INF/signatures.xml", &manifest});
     for (const auto& [entry, bytes] : entries) {
       zip_source_t* source = zip_source_buffer(archive, bytes->data(), bytes->size(), 0);
-      EXPECT_GE(zip_file_add(archive, entry.c_str(), source, ZIP_FL_OVERWRITE), 0);
+      const zip_int64_t index = zip_file_add(archive, entry.c_str(), source, ZIP_FL_OVERWRITE);
+      EXPECT_GE(index, 0);
+      if (locked && bytes == &text) {
+        EXPECT_EQ(zip_file_set_encryption(archive, static_cast<zip_uint64_t>(index), ZIP_EM_AES_256, "secret"), 0);
+      }
     }
     EXPECT_EQ(zip_close(archive), 0);
     return path;
@@ -214,6 +221,10 @@ TEST_F(MusicXml, CompressedScoresAreReadFromTheirContainer) {
     ASSERT_TRUE(score.load(container(manifest ? "a.mxl" : "b.mxl", manifest).c_str())) << score.error();
     EXPECT_EQ(read(score, 0, 0, 1), "ら@0:1920/69 ");
   }
+  // A score behind a password cannot be read.
+  CMusicXml locked;
+  EXPECT_FALSE(locked.load(container("c.mxl", true, true).c_str()));
+  EXPECT_EQ(locked.error(), "the container holds no readable score (or one over 64 MB)");
 }
 
 // Nine entities each ten times the last: a billion bytes if expanded.
