@@ -223,6 +223,15 @@ TEST_F(Undo, AnEditThatChangesNothingRecordsNothing) {
   history().beginSession(undo::kVibrato);
   EXPECT_EQ(history().endSession(undo::kVibrato, &recorder_), 0);
   EXPECT_EQ(history().steps(), 0);
+  // A note list too short to hold its count adds nothing.
+  std::vector<uint8_t> two = {1, 0};
+  UndoData shortList;
+  shortList.cmd = undo::kAdd;
+  shortList.data = two.data();
+  shortList.size = 2;
+  const std::string before = state(man());
+  history().processData(shortList);
+  EXPECT_EQ(state(man()), before);
 }
 
 // A step keeps the notes selected when it began, whatever is selected
