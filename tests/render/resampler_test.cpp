@@ -211,6 +211,27 @@ TEST_F(Resampler, NormalisationAndVolume) {
   EXPECT_NEAR(peakOf(render(800.0f)), 8192.0, 1e-6);
 }
 
+// The expression curve of the environment shapes the note to its last
+// point: at 120 BPM a point every 230 samples, all 0 (a gain of 1) but the
+// last two, -2000 (a gain of 0.1).
+TEST_F(Resampler, TheEnvironmentsExpressionCurveReachesTheNotesEnd) {
+  strcpy(note_.Flags, "P0N");
+  const std::vector<double> plain = render(800.0f);
+  const size_t n = plain.size();
+  ASSERT_GT(n, 20000u);
+  const std::string curve = "120 AA#" + std::to_string(n / 230 - 2) + "#gwgw";
+  ScopedEnv expression("expression", curve.c_str());
+  const std::vector<double> shaped = render(800.0f);
+  ASSERT_EQ(shaped.size(), n);
+  auto rms = [](const std::vector<double>& x, size_t from, size_t to) {
+    double sum = 0.0;
+    for (size_t k = from; k < to; ++k) sum += x[k] * x[k];
+    return std::sqrt(sum / static_cast<double>(to - from));
+  };
+  EXPECT_NEAR(rms(shaped, n / 4, n / 2) / rms(plain, n / 4, n / 2), 1.0, 1e-9);
+  EXPECT_NEAR(rms(shaped, n - 200, n) / rms(plain, n - 200, n), 0.1, 0.005);
+}
+
 TEST_F(Resampler, SawtoothAtTheTargetPitch) {
   strcpy(note_.Flags, "WP100");
   note_.NoteNum = 62;
