@@ -232,6 +232,50 @@ TEST_F(Resampler, TheEnvironmentsExpressionCurveReachesTheNotesEnd) {
   EXPECT_NEAR(rms(shaped, n - 200, n) / rms(plain, n - 200, n), 0.1, 0.005);
 }
 
+// The note's own expression values, one a pitch step (230 samples at 120
+// BPM): the last holds over its own step, and past it the note is as it is.
+TEST_F(Resampler, TheNotesExpressionHoldsItsLastValueOverItsStep) {
+  strcpy(note_.Flags, "P0N");
+  const std::vector<double> plain = render(800.0f);
+  int16_t tenth[3] = {-1024, -1024, -1024};  // 10^(-1024 / 1024)
+  note_.Exprs = tenth;
+  note_.ExprsCount = 3;
+  const std::vector<double> shaped = render(800.0f);
+  note_.Exprs = nullptr;
+  note_.ExprsCount = 0;
+  ASSERT_EQ(shaped.size(), plain.size());
+  auto gain = [&](size_t from, size_t to) {
+    double a = 0.0, b = 0.0;
+    for (size_t k = from; k < to; ++k) a += shaped[k] * shaped[k], b += plain[k] * plain[k];
+    return std::sqrt(a / b);
+  };
+  EXPECT_NEAR(gain(0, 440), 0.1, 0.01);
+  EXPECT_NEAR(gain(480, 680), 0.1, 0.01);
+  EXPECT_NEAR(gain(1000, 4000), 1.0, 0.01);
+}
+
+// A table's frames at 55 Hz or below are all alike: none is trusted, and
+// the note is the same whichever they hold.
+TEST_F(Resampler, FramesAt55HzOrBelowAreAllAlike) {
+  VoiceSignal voice;
+  voice.seconds = 1.0;
+  const std::string path = folder_->file("low.wav");
+  voice.writeWave(path.c_str());
+  const int32_t count = static_cast<int32_t>(voice.frames()) / 256 + 1;
+  std::vector<std::vector<double>> outs;
+  for (const double low : {55.0, 30.0}) {
+    std::vector<double> frequencies(static_cast<size_t>(count) + 1, 220.0), amplitudes(frequencies.size(), 1.0);
+    for (size_t k = 0; k < frequencies.size(); k += 3) frequencies[k] = low;
+    ASSERT_EQ(writeFrequenciesList(path.c_str(), frequencies.data(), amplitudes.data(), count, 220.0, 256), 1);
+    int32_t outCount = 0;
+    double* values = resamp(path.c_str(), &note_, 600.0f, &outCount, 120.0f);
+    ASSERT_NE(values, nullptr);
+    outs.emplace_back(values, values + outCount);
+    free(values);
+  }
+  EXPECT_TRUE(outs[0] == outs[1]);
+}
+
 TEST_F(Resampler, SawtoothAtTheTargetPitch) {
   strcpy(note_.Flags, "WP100");
   note_.NoteNum = 62;
