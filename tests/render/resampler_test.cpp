@@ -233,25 +233,33 @@ TEST_F(Resampler, TheEnvironmentsExpressionCurveReachesTheNotesEnd) {
 }
 
 // The note's own expression values, one a pitch step (230 samples at 120
-// BPM): the last holds over its own step, and past it the note is as it is.
+// BPM, also with a pitch curve of no points): the last holds over its own
+// step, and past it the note is as it is.
 TEST_F(Resampler, TheNotesExpressionHoldsItsLastValueOverItsStep) {
   strcpy(note_.Flags, "P0N");
   const std::vector<double> plain = render(800.0f);
   int16_t tenth[3] = {-1024, -1024, -1024};  // 10^(-1024 / 1024)
-  note_.Exprs = tenth;
-  note_.ExprsCount = 3;
-  const std::vector<double> shaped = render(800.0f);
-  note_.Exprs = nullptr;
-  note_.ExprsCount = 0;
-  ASSERT_EQ(shaped.size(), plain.size());
-  auto gain = [&](size_t from, size_t to) {
-    double a = 0.0, b = 0.0;
-    for (size_t k = from; k < to; ++k) a += shaped[k] * shaped[k], b += plain[k] * plain[k];
-    return std::sqrt(a / b);
-  };
-  EXPECT_NEAR(gain(0, 440), 0.1, 0.01);
-  EXPECT_NEAR(gain(480, 680), 0.1, 0.01);
-  EXPECT_NEAR(gain(1000, 4000), 1.0, 0.01);
+  float noPoints[1] = {0.0f};
+  for (float* curve : {static_cast<float*>(nullptr), noPoints}) {
+    note_.Exprs = tenth;
+    note_.ExprsCount = 3;
+    note_._pitch = curve;
+    note_._pitchlen = 0;
+    const std::vector<double> shaped = render(800.0f);
+    note_.Exprs = nullptr;
+    note_.ExprsCount = 0;
+    note_._pitch = nullptr;
+    ASSERT_EQ(shaped.size(), plain.size());
+    auto gain = [&](size_t from, size_t to) {
+      double a = 0.0, b = 0.0;
+      for (size_t k = from; k < to; ++k) a += shaped[k] * shaped[k], b += plain[k] * plain[k];
+      return std::sqrt(a / b);
+    };
+    EXPECT_NEAR(gain(0, 440), 0.1, 0.01);
+    EXPECT_NEAR(gain(480, 680), 0.1, 0.01);
+    EXPECT_NEAR(gain(700, 760), 1.0, 0.01);
+    EXPECT_NEAR(gain(1000, 4000), 1.0, 0.01);
+  }
 }
 
 // A table's frames at 55 Hz or below are all alike: none is trusted, and
@@ -274,6 +282,17 @@ TEST_F(Resampler, FramesAt55HzOrBelowAreAllAlike) {
     free(values);
   }
   EXPECT_TRUE(outs[0] == outs[1]);
+}
+
+// "c" without a number is a hundredth of the default smoothing (0.5 %),
+// the same note as c0.5 and not c0.
+TEST_F(Resampler, ASmoothingFlagWithoutANumberIsAHundredthOfTheDefault) {
+  strcpy(note_.Flags, "c");
+  const std::vector<double> alone = render(400.0f);
+  strcpy(note_.Flags, "c0.5");
+  EXPECT_TRUE(render(400.0f) == alone);
+  strcpy(note_.Flags, "c0");
+  EXPECT_FALSE(render(400.0f) == alone);
 }
 
 TEST_F(Resampler, SawtoothAtTheTargetPitch) {
