@@ -12,6 +12,7 @@ TEST(Cstr, SubstrClampsStartAndCount) {
   EXPECT_EQ(text.substr(4, 10), "ef");
   EXPECT_EQ(text.substr(6, 1), "");
   EXPECT_FALSE(text.substr(6, 1).isNull());
+  EXPECT_EQ(text.substr(10, 1), "");  // past the end
   EXPECT_EQ(text.substr(2, -1), "cdef");
   EXPECT_EQ(text.substr(1, 0), "");
   EXPECT_EQ(text.substr(1, 0).length(), 0u);
