@@ -214,9 +214,9 @@ TEST_F(Midi, LyricsTextsAndLengthsAsRealFilesWriteThem) {
        d(0) + on(0, 60, 100) + d(0) + meta(0x05, na) + d(480) + meta(0x05, ni) + d(0) + off(0, 60) + d(0) +
            on(0, 62, 100) + d(480) + off(0, 62) + d(0) + on(0, 64, 100) + d(480) + off(0, 64),
        CMIDIMan::TextLyrics::kAuto, na + "@0:480/60 " + ni + "@480:480/62 " + a + "@960:480/64 "},
-      {"a lyric in the middle of its note",
-       d(0) + on(0, 60, 100) + d(240) + meta(0x05, na) + d(240) + off(0, 60),
-       CMIDIMan::TextLyrics::kAuto, na + "@0:480/60 "},
+      {"a lyric of two syllables in the middle of its note",
+       d(0) + on(0, 60, 100) + d(240) + meta(0x05, na + ni) + d(240) + off(0, 60),
+       CMIDIMan::TextLyrics::kAuto, na + ni + "@0:480/60 "},
       {"texts before the song are no lyrics",
        d(0) + meta(0x01, "Copyright 1999") + d(0) + meta(0x01, "verse") + d(480) + on(0, 60, 100) + d(480) +
            off(0, 60) + d(0) + on(0, 62, 100) + d(480) + off(0, 62),

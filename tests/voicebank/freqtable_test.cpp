@@ -184,10 +184,12 @@ TEST_F(FrequencyTables, HostileTablesAreUnusable) {
   for (const std::string& text : {std::string("frequencies list Ver0.03\nstep: 256\nlength: 3\n"),  // no blank line
                                   std::string("frequencies list Ver0.03\nstep: 256\nlength: 99\n\n1\t2Hz\n"),
                                   std::string("frequencies list Ver0.03\nstep: 128\nlength: 1\n\n1\t2Hz\n"),
+                                  std::string("frequencies list Ver0.03\nstep: 256\nlength: 0\n\n"),
                                   std::string("frequencies list Ver0.02\n"), std::string()}) {
     writeFile(frt, text);
     EXPECT_EQ(readFrequenciesText(sample_.c_str(), &t.freq, &t.amp, &t.average, 256), 0);
   }
+  EXPECT_EQ(t.freq, nullptr);  // nothing handed over
   writeFile(frt,
             "frequencies list Ver0.03\nfreq_avg: 123.5Hz (x)\nstep: 256\nlength: 2\n\n0.5\t100Hz\t(x)\n0.25\t0Hz\n");
   ASSERT_EQ(readFrequenciesText(sample_.c_str(), &t.freq, &t.amp, &t.average, 256), 2);
