@@ -3,11 +3,14 @@
 #include <sys/stat.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "render/audition.h"
+#include "render/resampler.h"
 #include "tests/engine/notes.h"
 #include "tests/render/vowel_note.h"
 #include "tests/voicebank/bank.h"
@@ -71,6 +74,33 @@ TEST_F(AuditionTest, TheClipIsTheConsonantAndTheNoteCutToHalfASecondAtTheNotesPi
     EXPECT_LT(rms(clip, 0, 40), rms(clip, 1000, 2000) / 4.0) << c.noteNum;
     EXPECT_LT(rms(clip, clip.size() - 40, clip.size()), rms(clip, 1000, 2000) / 4.0) << c.noteNum;
   }
+}
+
+// The clip is the note as the resampler sings it alone (40 ms of
+// consonant and the length asked for), faded in over 5 ms and out over the
+// last 40 ms, to silence on its last sample.
+TEST_F(AuditionTest, TheClipIsTheResampledNoteWithItsFades) {
+  NoteData note = makeNote("a", 60, 0, 480);
+  const std::vector<int16_t> clip = sing(note, 300.0);
+  NoteData alone;
+  memset(&alone, 0, sizeof alone);
+  alone.NoteNum = 60;
+  alone.Velocity = 100.0f;
+  alone.Intensity = note.Intensity;
+  alone.Modulation = note.Modulation;
+  alone.VoiceFile = voices_.get_voicedata(nullptr, "a", 60)->filename;
+  int32_t count = 0;
+  double* raw = resamp((bank_->folder() + "a.wav").c_str(), &alone, 340.0f + 35.0f, &count, 120.0f);
+  ASSERT_NE(raw, nullptr);
+  const size_t wanted = static_cast<size_t>(std::lround(340.0 * 44.1));
+  ASSERT_EQ(clip.size(), wanted);
+  ASSERT_GE(count, static_cast<int32_t>(wanted));
+  const double in = Audition::kFadeInMs * 44.1, out = Audition::kFadeOutMs * 44.1;
+  for (size_t k = 0; k < wanted; ++k) {
+    const double level = std::min({1.0, k / in, (wanted - 1 - k) / out});
+    ASSERT_EQ(clip[k], std::lround(raw[k] * level)) << k;
+  }
+  free(raw);
 }
 
 TEST_F(AuditionTest, AClipIsKeptUntilWhatShapesItChanges) {
