@@ -77,6 +77,10 @@ TEST_F(Arrangement, PreviousLyricOnlyAcrossShortGaps) {
   EXPECT_STREQ(engine_.notes[4].VoiceFile, "i.wav");
   EXPECT_FLOAT_EQ(engine_.notes[0]._truelen, 50.0f - 60.0f + 20.0f + 400.0f);
   EXPECT_FLOAT_EQ(engine_.notes[2]._truelen, 300.0f);
+  // Without both lists no previous lyric is looked for.
+  voiceset_.setVCCMParams("- ", "* ", nullptr, endings, 1);
+  engine_.preparationNotes();
+  EXPECT_STREQ(engine_.notes[1].VoiceFile, "i.wav");
 }
 
 TEST_F(Arrangement, LongConsonantIsCutFromTheFront) {

@@ -416,6 +416,11 @@ TEST(SpectrumFile, WrittenReadBackAndDistrustedWhenDamaged) {
   std::string huge = bytes;
   huge[24] = huge[25] = huge[26] = huge[27] = static_cast<char>(0xff);
   EXPECT_FALSE(readSpectrumFile(huge, 44100, 0, &read));
+  for (const uint32_t absurd : {0u, 2000000u}) {  // a rate no sample has, asked for any rate
+    std::string rated = bytes;
+    memcpy(&rated[12], &absurd, 4);
+    EXPECT_FALSE(readSpectrumFile(rated, 0, 3, &read)) << absurd;
+  }
   std::string nan = bytes;
   const float bad = std::nanf("");
   memcpy(&nan[28], &bad, 4);
