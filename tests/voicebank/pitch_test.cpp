@@ -215,6 +215,10 @@ TEST(DifferenceSearch, AgreesWithAPlainSum) {
     EXPECT_NEAR(minimum, best, best * 1e-12);
     EXPECT_NEAR(meanSquare, squares / 150.0, meanSquare * 1e-12);
   }
+  // A range of one period is searched too.
+  double meanSquare = 0.0, minimum = 0.0;
+  EXPECT_EQ(bcf(&meanSquare, &minimum, 97, 97, samples.data(), 1, 1500, w), 97);
+  EXPECT_GT(minimum, 0.0);
 }
 
 TEST(DifferenceSearch, FindsThePeriodOfAPulseTrain) {
