@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -38,12 +39,25 @@ class Resampler : public ::testing::Test {
     delete folder_;
   }
   void SetUp() override { setUpVowelNote(&entry_, &note_); }
-  std::vector<double> render(float lengthMs, ResampError* error = nullptr) {
+  std::vector<double> render(float lengthMs, ResampError* error = nullptr, const std::string* path = nullptr) {
     int32_t count = 0;
-    double* values = resamp(path_->c_str(), &note_, lengthMs, &count, 120.0f, error);
+    double* values = resamp((path != nullptr ? path : path_)->c_str(), &note_, lengthMs, &count, 120.0f, error);
     std::vector<double> out(values, values + (values != nullptr ? count : 0));
     free(values);
     return out;
+  }
+  // A second of the vowel as sample `name`, with a table whose frames are
+  // frame(k) and whose average is `average`.
+  static std::string withTable(const char* name, double average, const std::function<double(size_t)>& frame) {
+    VoiceSignal voice;
+    voice.seconds = 1.0;
+    const std::string path = folder_->file(name);
+    if (!fileExists(path)) voice.writeWave(path.c_str());
+    const int32_t count = static_cast<int32_t>(voice.frames()) / 256 + 1;
+    std::vector<double> frequencies(static_cast<size_t>(count) + 1), amplitudes(frequencies.size(), 1.0);
+    for (size_t k = 0; k < frequencies.size(); ++k) frequencies[k] = frame(k);
+    EXPECT_EQ(writeFrequenciesList(path.c_str(), frequencies.data(), amplitudes.data(), count, average, 256), 1);
+    return path;
   }
   // The output's frequency table, frame by frame.
   static std::vector<double> pitchOf(const std::vector<double>& out) {
@@ -265,21 +279,11 @@ TEST_F(Resampler, TheNotesExpressionHoldsItsLastValueOverItsStep) {
 // A table's frames at 55 Hz or below are all alike: none is trusted, and
 // the note is the same whichever they hold.
 TEST_F(Resampler, FramesAt55HzOrBelowAreAllAlike) {
-  VoiceSignal voice;
-  voice.seconds = 1.0;
-  const std::string path = folder_->file("low.wav");
-  voice.writeWave(path.c_str());
-  const int32_t count = static_cast<int32_t>(voice.frames()) / 256 + 1;
   std::vector<std::vector<double>> outs;
   for (const double low : {55.0, 30.0}) {
-    std::vector<double> frequencies(static_cast<size_t>(count) + 1, 220.0), amplitudes(frequencies.size(), 1.0);
-    for (size_t k = 0; k < frequencies.size(); k += 3) frequencies[k] = low;
-    ASSERT_EQ(writeFrequenciesList(path.c_str(), frequencies.data(), amplitudes.data(), count, 220.0, 256), 1);
-    int32_t outCount = 0;
-    double* values = resamp(path.c_str(), &note_, 600.0f, &outCount, 120.0f);
-    ASSERT_NE(values, nullptr);
-    outs.emplace_back(values, values + outCount);
-    free(values);
+    const std::string path = withTable("low.wav", 220.0, [&](size_t k) { return k % 3 == 0 ? low : 220.0; });
+    outs.push_back(render(600.0f, nullptr, &path));
+    ASSERT_FALSE(outs.back().empty());
   }
   EXPECT_TRUE(outs[0] == outs[1]);
 }
@@ -329,23 +333,14 @@ TEST_F(Resampler, FailuresSayWhy) {
 // not a number or absurd, or whose frames are, must give a note of finite
 // samples (silence at worst) and never an undefined read.
 TEST_F(Resampler, HostileFrequencyTablesGiveFiniteNotes) {
-  VoiceSignal voice;
-  voice.seconds = 1.0;
-  const std::string path = folder_->file("hostile.wav");
-  voice.writeWave(path.c_str());
-  const int32_t count = static_cast<int32_t>(voice.frames()) / 256 + 1;
   const double nan = std::nan("");
   for (const double average : {0.0, nan, 1e300, 220.0}) {
     for (const double frame : {220.0, nan, 1e300, -5.0}) {
       SCOPED_TRACE(std::to_string(average) + " " + std::to_string(frame));
-      std::vector<double> frequencies(static_cast<size_t>(count) + 1, frame), amplitudes(frequencies.size(), 1.0);
-      ASSERT_EQ(writeFrequenciesList(path.c_str(), frequencies.data(), amplitudes.data(), count, average, 256), 1);
+      const std::string path = withTable("hostile.wav", average, [&](size_t) { return frame; });
       for (const char* flags : {"", "N", "g-30B80"}) {
         strcpy(note_.Flags, flags);
-        int32_t outCount = 0;
-        double* values = resamp(path.c_str(), &note_, 400.0f, &outCount, 120.0f);
-        for (int32_t k = 0; values != nullptr && k < outCount; ++k) ASSERT_TRUE(std::isfinite(values[k])) << flags << k;
-        free(values);
+        for (double v : render(400.0f, nullptr, &path)) ASSERT_TRUE(std::isfinite(v)) << flags;
       }
     }
   }
