@@ -421,6 +421,9 @@ TEST(SpectrumFile, WrittenReadBackAndDistrustedWhenDamaged) {
     memcpy(&rated[12], &absurd, 4);
     EXPECT_FALSE(readSpectrumFile(rated, 0, 3, &read)) << absurd;
   }
+  std::string none = bytes.substr(0, 28);  // a header of no frames, asked for any length
+  none[24] = none[25] = none[26] = none[27] = '\0';
+  EXPECT_FALSE(readSpectrumFile(none, 44100, 0, &read));
   std::string nan = bytes;
   const float bad = std::nanf("");
   memcpy(&nan[28], &bad, 4);
