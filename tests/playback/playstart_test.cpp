@@ -108,9 +108,9 @@ TEST_F(PlayStart, PlaysToTheEndOnTheDummyDevice) {
   for (size_t at = text.find("Lyric=a"); at != std::string::npos; at = text.find("Lyric=a", at + 1)) ++count;
   EXPECT_EQ(count, 3u);
 
-  // Paused and stopped in the middle: the device stops each time.
-  auto* again = static_cast<int16_t*>(calloc(44100, sizeof(int16_t)));
-  CAudioOut::play_trigger(nullptr, reinterpret_cast<uint8_t*>(again), 0, 44100 * 2, 0);
+  // Paused and stopped in the middle of ten seconds: the device stops each time.
+  auto* again = static_cast<int16_t*>(calloc(441000, sizeof(int16_t)));
+  CAudioOut::play_trigger(nullptr, reinterpret_cast<uint8_t*>(again), 0, 441000 * 2, 0);
   EXPECT_TRUE(player.running());
   player.play_pause();
   EXPECT_FALSE(player.running());
