@@ -307,7 +307,15 @@ TEST_F(Render, AStreamedRenderIsTheWholeMixStretchByStretch) {
     ASSERT_NE(block, nullptr);
     const std::vector<int16_t> whole = samplesOf(block.get(), size);
     ASSERT_GT(std::count(whole.begin(), whole.end(), int16_t{32767}), 0) << "the test needs clipping";
-    if (first == 0) whole0 = whole;
+    if (first == 0) {
+      whole0 = whole;
+      // A range asked past the last note is the song to its end.
+      prepare();
+      int32_t pastSize = 0;
+      Block past(engine_.render_number_by_thread(0, 1000, &pastSize, 2, nullptr));
+      ASSERT_NE(past, nullptr);
+      EXPECT_TRUE(samplesOf(past.get(), pastSize) == whole);
+    }
     prepare();
     EXPECT_EQ(engine_.render_samples(first, 15), static_cast<int64_t>(whole.size()));
     // 7056 samples: the first note's sound starts on the second stretch's
