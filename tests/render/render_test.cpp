@@ -159,7 +159,7 @@ TEST_F(Render, AShortRestStaysLegato) {
   add("a", 57, 200, 400);
   add("i", 57, 450, 400);  // 50 msec after the first note's end
   std::vector<int16_t> first;
-  for (int threads : {0, 2}) {
+  for (int threads : {0, 1, 2, 8}) {
     prepare();
     int32_t size = 0;
     Block block(threads == 0 ? engine_.render_all(&size) : engine_.render_by_thread(&size, threads, nullptr));
